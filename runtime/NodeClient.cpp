@@ -1,0 +1,192 @@
+// UnixSocketClient: connect, one write, half-close, read to a line feed or end
+// of file (capped), then decode by the protocol's rules.
+#include "NodeClient.h"
+
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <nlohmann/json.hpp>
+
+#include "RuntimePaths.h"
+#include "UniqueFd.h"
+
+namespace hl {
+
+JSONValue JSONValue::string(std::string text) {
+    JSONValue v;
+    v.value_ = std::move(text);
+    return v;
+}
+
+JSONValue JSONValue::number(double value) {
+    JSONValue v;
+    v.value_ = value;
+    return v;
+}
+
+JSONValue JSONValue::boolean(bool value) {
+    JSONValue v;
+    v.value_ = value;
+    return v;
+}
+
+JSONValue JSONValue::array(std::vector<JSONValue> items) {
+    JSONValue v;
+    v.value_ = std::move(items);
+    return v;
+}
+
+JSONValue::Kind JSONValue::kind() const {
+    switch (value_.index()) {
+        case 1:
+            return Kind::String;
+        case 2:
+            return Kind::Number;
+        case 3:
+            return Kind::Bool;
+        case 4:
+            return Kind::Array;
+        default:
+            return Kind::Null;
+    }
+}
+
+std::optional<std::string> JSONValue::stringValue() const {
+    if (auto* s = std::get_if<std::string>(&value_)) return *s;
+    return std::nullopt;
+}
+
+std::optional<std::vector<JSONValue>> JSONValue::arrayValue() const {
+    if (auto* a = std::get_if<std::vector<JSONValue>>(&value_)) return *a;
+    return std::nullopt;
+}
+
+std::optional<bool> JSONValue::boolValue() const {
+    if (auto* b = std::get_if<bool>(&value_)) return *b;
+    return std::nullopt;
+}
+
+JSONValue NodeResponse::operator[](const std::string& key) const {
+    auto it = data.find(key);
+    return it == data.end() ? JSONValue() : it->second;
+}
+
+NodeClientError::NodeClientError(Kind kind, std::string text)
+    : kind_(kind), text_(std::move(text)), description_(errorDescription()) {}
+
+std::string NodeClientError::errorDescription() const {
+    switch (kind_) {
+        case Kind::Daemon:
+            return text_;
+        case Kind::Connection:
+            return "The local terminal node is unavailable.";
+        case Kind::InvalidResponse:
+            return "The local terminal node returned an invalid response.";
+    }
+    return {};
+}
+
+const char* NodeClientError::what() const noexcept {
+    return description_.c_str();
+}
+
+namespace {
+
+// Converts one reply member: text, then number or bool, then array; all else is null.
+JSONValue convert(const nlohmann::json& value) {
+    if (value.is_string()) return JSONValue::string(value.get<std::string>());
+    if (value.is_boolean()) return JSONValue::boolean(value.get<bool>());
+    if (value.is_number()) return JSONValue::number(value.get<double>());
+    if (value.is_array()) {
+        std::vector<JSONValue> items;
+        items.reserve(value.size());
+        for (const auto& item : value)
+            items.push_back(convert(item));
+        return JSONValue::array(std::move(items));
+    }
+    return JSONValue::null();
+}
+
+std::string encodeRequest(const std::string& op, const NodeRequestData& data) {
+    nlohmann::json members = nlohmann::json::object();
+    for (const auto& [key, value] : data) {
+        std::visit([&](const auto& v) { members[key] = v; }, value);
+    }
+    nlohmann::json envelope = {{"version", 1}, {"op", op}, {"data", std::move(members)}};
+    return envelope.dump() + "\n";
+}
+
+}  // namespace
+
+NodeResponse decodeNodeReply(const std::string& reply) {
+    const auto top = nlohmann::json::parse(reply);  // the parser's own error passes up
+    if (!top.is_object()) throw NodeClientError::invalidResponse();
+    auto ok = top.find("ok");
+    if (ok == top.end() || !ok->is_boolean()) throw NodeClientError::invalidResponse();
+    if (!ok->get<bool>()) {
+        auto error = top.find("error");
+        throw NodeClientError::daemon(error != top.end() && error->is_string()
+                                          ? error->get<std::string>()
+                                          : std::string("Node request failed."));
+    }
+    NodeResponse response;
+    auto data = top.find("data");
+    if (data != top.end() && data->is_object()) {
+        for (const auto& [key, value] : data->items())
+            response.data.emplace(key, convert(value));
+    }
+    return response;
+}
+
+UnixSocketClient::UnixSocketClient() : socketPath_(RuntimePaths::socketPath()) {}
+
+UnixSocketClient::UnixSocketClient(std::string socketPath) : socketPath_(std::move(socketPath)) {}
+
+NodeResponse UnixSocketClient::request(const std::string& op, const NodeRequestData& data) const {
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM, 0));
+    if (!fd) throw NodeClientError::connection();
+#ifdef SO_NOSIGPIPE
+    int one = 1;
+    ::setsockopt(fd.get(), SOL_SOCKET, SO_NOSIGPIPE, &one, sizeof one);
+#endif
+
+    sockaddr_un address;
+    std::memset(&address, 0, sizeof address);
+    address.sun_family = AF_UNIX;
+    const std::size_t withNul = socketPath_.size() + 1;
+    if (withNul > maximumPathBytes) throw NodeClientError::connection();
+    std::memcpy(address.sun_path, socketPath_.c_str(), withNul);
+    // The path with its NUL, plus one: the family's offset less the NUL on both
+    // Linux and macOS, so the whole path is seen.
+    const auto length = static_cast<socklen_t>(withNul + 1);
+    if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
+        throw NodeClientError::connection();
+    }
+
+    const std::string message = encodeRequest(op, data);
+#ifdef MSG_NOSIGNAL
+    const ssize_t written = ::send(fd.get(), message.data(), message.size(), MSG_NOSIGNAL);
+#else
+    const ssize_t written = ::send(fd.get(), message.data(), message.size(), 0);
+#endif
+    if (written < 0 || static_cast<std::size_t>(written) != message.size()) {
+        throw NodeClientError::connection();
+    }
+    ::shutdown(fd.get(), SHUT_WR);
+
+    std::string accumulator;
+    std::string buffer(65536, '\0');
+    while (accumulator.size() <= maximumReplyBytes) {
+        const ssize_t n = ::read(fd.get(), buffer.data(), buffer.size());
+        if (n < 0) throw NodeClientError::invalidResponse();
+        if (n == 0) break;
+        accumulator.append(buffer.data(), static_cast<std::size_t>(n));
+        if (accumulator.find('\n') != std::string::npos) break;
+    }
+    fd.reset();
+    return decodeNodeReply(accumulator);
+}
+
+}  // namespace hl

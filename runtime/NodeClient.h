@@ -1,0 +1,111 @@
+// The application's only way to speak to the terminal node: one JSON request and
+// one reply per connection on a Unix-domain socket.
+//
+// Words used here: a *transport* sends one request and blocks for its reply; a
+// *reply* is decoded into a NodeResponse whose values are JSONValue (objects
+// nested inside a reply's data are deliberately flattened to null).
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <variant>
+#include <vector>
+
+namespace hl {
+
+// A decoded value of a node reply: string, number, bool, array or null (every
+// JSON object decodes to null).
+class JSONValue {
+  public:
+    enum class Kind { String, Number, Bool, Array, Null };
+
+    JSONValue() = default;
+    static JSONValue string(std::string text);
+    static JSONValue number(double value);
+    static JSONValue boolean(bool value);
+    static JSONValue array(std::vector<JSONValue> items);
+    static JSONValue null() { return JSONValue(); }
+
+    Kind kind() const;
+    std::optional<std::string> stringValue() const;
+    std::optional<std::vector<JSONValue>> arrayValue() const;
+    std::optional<bool> boolValue() const;
+
+    bool operator==(const JSONValue&) const = default;
+
+  private:
+    std::variant<std::monostate, std::string, double, bool, std::vector<JSONValue>> value_;
+};
+
+// The data object of a successful reply.
+struct NodeResponse {
+    std::map<std::string, JSONValue> data;
+
+    // The member's value, or null when the reply did not carry it.
+    JSONValue operator[](const std::string& key) const;
+};
+
+// A failure reported by the node or met on the way to it.
+class NodeClientError : public std::exception {
+  public:
+    enum class Kind { Daemon, Connection, InvalidResponse };
+
+    static NodeClientError daemon(std::string text) { return {Kind::Daemon, std::move(text)}; }
+    static NodeClientError connection() { return {Kind::Connection, {}}; }
+    static NodeClientError invalidResponse() { return {Kind::InvalidResponse, {}}; }
+
+    Kind kind() const { return kind_; }
+    // The node's own text for a daemon failure; empty otherwise.
+    const std::string& daemonText() const { return text_; }
+    std::string errorDescription() const;
+    const char* what() const noexcept override;
+
+  private:
+    NodeClientError(Kind kind, std::string text);
+    Kind kind_;
+    std::string text_;
+    std::string description_;
+};
+
+// Request members: texts and integers only.
+using NodeRequestValue = std::variant<std::string, std::int64_t>;
+using NodeRequestData = std::map<std::string, NodeRequestValue>;
+
+// The one interface to the node. Implementations are safe to call from any
+// thread at once; each call blocks until its reply is complete.
+class NodeClientTransport {
+  public:
+    virtual ~NodeClientTransport() = default;
+
+    // Sends one request. Throws NodeClientError, or the JSON parser's own error
+    // (nlohmann::json::parse_error) when the reply is not one JSON value.
+    virtual NodeResponse request(const std::string& op, const NodeRequestData& data = {}) const = 0;
+};
+
+// The transport over the node's Unix-domain socket; one connection per request.
+class UnixSocketClient final : public NodeClientTransport {
+  public:
+    // Connects to RuntimePaths::socketPath(), read now.
+    UnixSocketClient();
+    explicit UnixSocketClient(std::string socketPath);
+
+    const std::string& socketPath() const { return socketPath_; }
+    NodeResponse request(const std::string& op, const NodeRequestData& data = {}) const override;
+
+    // Longest socket path accepted, counting its terminating NUL byte.
+    static constexpr std::size_t maximumPathBytes = 104;
+    // Reading stops once more than this many reply bytes have arrived.
+    static constexpr std::size_t maximumReplyBytes = 8 * 1024 * 1024;
+
+  private:
+    std::string socketPath_;
+};
+
+// Decodes one complete reply text by the protocol's rules (exposed for tests and
+// for other transports).
+NodeResponse decodeNodeReply(const std::string& reply);
+
+}  // namespace hl

@@ -1,0 +1,48 @@
+// NodeSupervisor: makes sure a terminal node answers on the socket, and starts
+// one if none does. It does not track, wait for or retry the node it starts,
+// and it reports nothing: terminals notice a missing node and call again.
+#pragma once
+
+#include <filesystem>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace hl {
+
+class NodeSupervisor {
+  public:
+    static NodeSupervisor& shared();
+
+    // Returns at once; at most one check-and-launch runs at a time, and calls
+    // made while it runs are dropped. Callable from any thread.
+    void ensureRunning();
+
+    // True while a check-and-launch is under way (for observers and tests).
+    bool launchInFlight() const;
+
+    NodeSupervisor(const NodeSupervisor&) = delete;
+    NodeSupervisor& operator=(const NodeSupervisor&) = delete;
+
+  private:
+    NodeSupervisor() = default;
+    void check();
+    void finish();
+    // The node to run: $HARBORLATTICE_NODE_EXECUTABLE, the node beside the
+    // application's executable, $HARBORLATTICE_ROOT/target/debug; the first
+    // executable file wins.
+    std::optional<std::filesystem::path> nodeExecutable() const;
+
+    mutable std::mutex lock_;
+    bool launchInFlight_ = false;
+};
+
+// Starts `executable` with no arguments, detached from this process: its own
+// session, the home directory as working directory, stdio on /dev/null, and
+// the given environment. Returns false when it could not be started.
+bool launchDetached(const std::filesystem::path& executable,
+                    const std::filesystem::path& workingDirectory,
+                    const std::vector<std::string>& environment);
+
+}  // namespace hl

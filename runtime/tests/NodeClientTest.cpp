@@ -1,0 +1,204 @@
+// The node client against scripted peers on real Unix sockets: framing, the
+// reading cap, the parse rules and the path-length rule.
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include "NodeClient.h"
+#include "ScriptedPeer.h"
+#include "TestSupport.h"
+
+using namespace std::chrono_literals;
+using hl::NodeClientError;
+using hl::UnixSocketClient;
+using hl::test::PeerStep;
+using hl::test::ScriptedPeer;
+
+namespace {
+
+class NodeClientTest : public ::testing::Test {
+  protected:
+    std::string socket() const { return (dir_ / "node.sock").string(); }
+
+    // Serves `steps` and sends one request; returns the client's response.
+    hl::NodeResponse ask(std::vector<PeerStep> steps, const std::string& op = "health",
+                         const hl::NodeRequestData& data = {}) {
+        ScriptedPeer peer(socket(), std::move(steps));
+        auto response = UnixSocketClient(socket()).request(op, data);
+        request_ = peer.lastRequest();
+        return response;
+    }
+
+    // The kind of NodeClientError thrown for a reply, failing if none is thrown.
+    NodeClientError failureFor(const std::string& reply) {
+        try {
+            ask({{reply}});
+        } catch (const NodeClientError& error) {
+            return error;
+        }
+        ADD_FAILURE() << "no NodeClientError for " << reply;
+        return NodeClientError::connection();
+    }
+
+    hl::test::TempDir dir_;
+    std::string request_;
+};
+
+TEST_F(NodeClientTest, SendsOneCompactEnvelopeEndedByOneLineFeed) {
+    auto response =
+        ask({{"{\"ok\":true,\"data\":{\"session_id\":\"s-1\"}}\n"}}, "create_session",
+            {{"cwd", std::string("/tmp/a b")}, {"cols", 120}, {"rows", std::int64_t{36}}});
+    EXPECT_EQ(response["session_id"].stringValue(), "s-1");
+
+    ASSERT_FALSE(request_.empty());
+    EXPECT_EQ(request_.back(), '\n');
+    EXPECT_EQ(request_.find('\n'), request_.size() - 1);
+    EXPECT_EQ(request_.find(' '), request_.find("a b") + 1);  // no formatting whitespace
+    const auto envelope = nlohmann::json::parse(request_);
+    EXPECT_EQ(envelope.size(), 3u);
+    EXPECT_EQ(envelope["version"], 1);
+    EXPECT_EQ(envelope["op"], "create_session");
+    EXPECT_EQ(envelope["data"], (nlohmann::json{{"cwd", "/tmp/a b"}, {"cols", 120}, {"rows", 36}}));
+    EXPECT_TRUE(envelope["data"]["cols"].is_number_integer());
+
+    ask({{"{\"ok\":true}\n"}});
+    EXPECT_EQ(nlohmann::json::parse(request_)["data"], nlohmann::json::object());
+}
+
+TEST_F(NodeClientTest, FramingReadsToTheLineFeedOrTheEndOfTheConnection) {
+    // A line split over two writes is read whole.
+    auto split = ask({{"{\"ok\":true,\"da"}, {"ta\":{\"exited\":true}}\n", 80ms}});
+    EXPECT_EQ(split["exited"].boolValue(), true);
+
+    // A complete object ended only by the peer closing is accepted.
+    auto unterminated = ask({{"{\"ok\":true,\"data\":{\"cwd\":\"/x\"}}"}});
+    EXPECT_EQ(unterminated["cwd"].stringValue(), "/x");
+
+    // Two lines in one write are one text to the parser, which refuses it.
+    EXPECT_THROW(ask({{"{\"ok\":true}\n{\"ok\":true}\n"}}), nlohmann::json::parse_error);
+    EXPECT_THROW(ask({{"garbage\n"}}), nlohmann::json::parse_error);
+    EXPECT_THROW(ask({}), nlohmann::json::parse_error);  // nothing at all
+}
+
+TEST_F(NodeClientTest, ReplyEnvelopeRules) {
+    EXPECT_EQ(failureFor("{\"ok\":1}\n").kind(), NodeClientError::Kind::InvalidResponse);
+    EXPECT_EQ(failureFor("[]\n").kind(), NodeClientError::Kind::InvalidResponse);
+    EXPECT_EQ(failureFor("{\"data\":{}}\n").kind(), NodeClientError::Kind::InvalidResponse);
+
+    for (const char* reply : {"{\"ok\":false}\n", "{\"ok\":false,\"error\":7}\n"}) {
+        auto error = failureFor(reply);
+        EXPECT_EQ(error.kind(), NodeClientError::Kind::Daemon);
+        EXPECT_EQ(error.errorDescription(), "Node request failed.");
+    }
+    auto mismatch = failureFor("{\"ok\":false,\"error\":\"session cwd mismatch\",\"data\":{}}\n");
+    EXPECT_EQ(mismatch.errorDescription(), "session cwd mismatch");
+    EXPECT_STREQ(mismatch.what(), "session cwd mismatch");
+
+    EXPECT_TRUE(ask({{"{\"ok\":true}\n"}}).data.empty());
+    EXPECT_TRUE(ask({{"{\"ok\":true,\"data\":[]}\n"}}).data.empty());
+    EXPECT_TRUE(ask({{"{\"ok\":true,\"data\":{},\"version\":\"x\",\"more\":1}\n"}}).data.empty());
+}
+
+TEST_F(NodeClientTest, DataMembersConvertToTheFiveCases) {
+    auto r = ask({{R"({"ok":true,"data":{"exited":1,"flag":true,"nested":{"b":1},"none":null,)"
+                   R"("big":9007199254740993,"ids":["a",3,"b",[false]],"text":"é"}})"
+                   "\n"}});
+    EXPECT_EQ(r["exited"].kind(), hl::JSONValue::Kind::Number);
+    EXPECT_EQ(r["exited"].boolValue(), std::nullopt);
+    EXPECT_EQ(r["exited"], hl::JSONValue::number(1));
+    EXPECT_EQ(r["flag"].boolValue(), true);
+    EXPECT_EQ(r["nested"].kind(), hl::JSONValue::Kind::Null);
+    EXPECT_EQ(r["none"].kind(), hl::JSONValue::Kind::Null);
+    EXPECT_EQ(r["big"].kind(), hl::JSONValue::Kind::Number);
+    EXPECT_EQ(r["text"].stringValue(), "é");
+    EXPECT_EQ(r["missing"].kind(), hl::JSONValue::Kind::Null);
+
+    auto ids = r["ids"].arrayValue();
+    ASSERT_TRUE(ids);
+    std::vector<std::string> texts;
+    for (const auto& id : *ids) {
+        if (auto text = id.stringValue()) texts.push_back(*text);
+    }
+    EXPECT_EQ(texts, (std::vector<std::string>{"a", "b"}));
+    EXPECT_EQ((*ids)[3].arrayValue()->front().boolValue(), false);
+}
+
+TEST_F(NodeClientTest, ErrorTexts) {
+    EXPECT_EQ(NodeClientError::connection().errorDescription(),
+              "The local terminal node is unavailable.");
+    EXPECT_EQ(NodeClientError::invalidResponse().errorDescription(),
+              "The local terminal node returned an invalid response.");
+}
+
+TEST_F(NodeClientTest, ReadingStopsPastEightMebibytes) {
+    // Valid JSON if read to the end, but the client stops past the cap and the
+    // parser sees an incomplete text.
+    std::string padding(UnixSocketClient::maximumReplyBytes + 512 * 1024, ' ');
+    EXPECT_THROW(ask({{padding}, {"{\"ok\":true}\n"}}), nlohmann::json::parse_error);
+    // Just under the cap is read whole.
+    std::string under(UnixSocketClient::maximumReplyBytes - 64, ' ');
+    EXPECT_NO_THROW(ask({{under}, {"{\"ok\":true}\n"}}));
+}
+
+TEST_F(NodeClientTest, NoListenerOrAVanishedPeerIsAConnectionFailureNotASignal) {
+    try {
+        UnixSocketClient((dir_ / "nobody.sock").string()).request("health");
+        FAIL() << "expected a connection failure";
+    } catch (const NodeClientError& error) {
+        EXPECT_EQ(error.kind(), NodeClientError::Kind::Connection);
+    }
+
+    // A peer that accepts and closes at once: the client's write or read fails,
+    // and SIGPIPE (left at its default here) never ends the process.
+    ScriptedPeer peer(socket(), {}, /*readRequest=*/false);
+    const std::string big(256 * 1024, 'x');
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_ANY_THROW(UnixSocketClient(socket()).request("input", {{"input_base64", big}}));
+    }
+}
+
+TEST_F(NodeClientTest, SocketPathOf103BytesIsUsedAnd104IsRefused) {
+    auto pathOfLength = [&](std::size_t length) {
+        std::string base = dir_.path().string() + "/";
+        std::string name(length - base.size(), 'p');
+        return base + name;
+    };
+    const std::string ok = pathOfLength(103);
+    ASSERT_EQ(ok.size(), 103u);
+    {
+        ScriptedPeer peer(ok, {{"{\"ok\":true}\n"}});
+        EXPECT_NO_THROW(UnixSocketClient(ok).request("health"));
+        EXPECT_EQ(peer.connections(), 1);
+    }
+    const std::string tooLong = pathOfLength(104);
+    ScriptedPeer peer(tooLong, {{"{\"ok\":true}\n"}});  // listening, yet never reached
+    try {
+        UnixSocketClient(tooLong).request("health");
+        FAIL() << "expected a connection failure";
+    } catch (const NodeClientError& error) {
+        EXPECT_EQ(error.kind(), NodeClientError::Kind::Connection);
+    }
+    EXPECT_EQ(peer.connections(), 0);
+}
+
+TEST_F(NodeClientTest, ConcurrentRequestsEachHaveTheirOwnConnection) {
+    ScriptedPeer peer(socket(), {{"{\"ok\":true,\"data\":{\"n\":1}}\n"}});
+    std::vector<std::thread> threads;
+    std::atomic<int> answered{0};
+    for (int i = 0; i < 8; ++i) {
+        threads.emplace_back([&] {
+            for (int j = 0; j < 10; ++j) {
+                if (UnixSocketClient(socket()).request("poll")["n"].kind() ==
+                    hl::JSONValue::Kind::Number) {
+                    ++answered;
+                }
+            }
+        });
+    }
+    for (auto& t : threads)
+        t.join();
+    EXPECT_EQ(answered, 80);
+    EXPECT_EQ(peer.connections(), 80);
+}
+
+}  // namespace

@@ -1,0 +1,194 @@
+// The preference store on real SQLite files: typed values, domains, durability
+// across connections and processes, unreadable rows, and the preferences move.
+#include <gtest/gtest.h>
+#include <sqlite3.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <thread>
+
+#include "Preferences.h"
+#include "PreferencesMigration.h"
+#include "TestSupport.h"
+
+using hl::PreferenceData;
+using hl::Preferences;
+using hl::PreferencesMigration;
+using hl::PreferenceValue;
+
+namespace {
+
+class PreferencesTest : public ::testing::Test {
+  protected:
+    std::shared_ptr<Preferences> open(const std::string& domain = Preferences::standardDomain) {
+        return Preferences::open(dir_ / "prefs.sqlite3", domain);
+    }
+    hl::test::TempDir dir_;
+};
+
+TEST_F(PreferencesTest, TypedValuesRoundTripAndKeepTheirType) {
+    auto store = open();
+    std::string binary("\0\x01\xff{not json", 12);
+    EXPECT_TRUE(store->set("data", PreferenceData{binary}));
+    EXPECT_TRUE(store->set("text", std::string("héllo")));
+    EXPECT_TRUE(store->set("list", std::vector<std::string>{"a", "", "ü \"q\""}));
+    EXPECT_TRUE(store->setBool("flag", false));
+
+    EXPECT_EQ(store->data("data")->bytes, binary);
+    EXPECT_EQ(store->text("text"), "héllo");
+    EXPECT_EQ(store->textList("list"), (std::vector<std::string>{"a", "", "ü \"q\""}));
+    EXPECT_EQ(store->boolean("flag"), false);
+    EXPECT_TRUE(store->object("flag").has_value());
+
+    // A typed read of another type is absent; the value is untouched.
+    EXPECT_EQ(store->text("data"), std::nullopt);
+    EXPECT_EQ(store->boolean("text"), std::nullopt);
+    EXPECT_EQ(store->data("list"), std::nullopt);
+
+    // Overwriting changes the type; removing leaves nothing.
+    EXPECT_TRUE(store->set("data", std::string("now text")));
+    EXPECT_EQ(store->text("data"), "now text");
+    EXPECT_TRUE(store->remove("data"));
+    EXPECT_FALSE(store->object("data").has_value());
+    EXPECT_TRUE(store->remove("never-there"));
+}
+
+TEST_F(PreferencesTest, DomainsAreSeparateAndReadWhole) {
+    auto standard = open();
+    auto legacy = open("local.example.legacy");
+    standard->set("k", std::string("standard"));
+    legacy->set("k", std::string("legacy"));
+    legacy->set("other", true);
+
+    EXPECT_EQ(standard->text("k"), "standard");
+    EXPECT_EQ(legacy->text("k"), "legacy");
+    auto whole = standard->persistentDomain("local.example.legacy");
+    ASSERT_EQ(whole.size(), 2u);
+    EXPECT_EQ(whole.at("k"), PreferenceValue(std::string("legacy")));
+    EXPECT_EQ(whole.at("other"), PreferenceValue(true));
+    EXPECT_TRUE(standard->persistentDomain("no.such.domain").empty());
+}
+
+TEST_F(PreferencesTest, WritesAreVisibleToOtherConnectionsAndProcesses) {
+    auto first = open();
+    auto second = open();
+    const std::string megabyte(1 << 20, 'm');
+    first->set("big", PreferenceData{megabyte});
+    EXPECT_EQ(second->data("big")->bytes, megabyte);
+
+    // Two processes write interleaved into one file; nothing is lost.
+    const pid_t child = ::fork();
+    ASSERT_GE(child, 0);
+    if (child == 0) {
+        auto own = Preferences::open(dir_ / "prefs.sqlite3");
+        bool ok = true;
+        for (int i = 0; i < 150; ++i)
+            ok = own->set("child." + std::to_string(i), true) && ok;
+        ::_exit(ok ? 0 : 1);
+    }
+    for (int i = 0; i < 150; ++i)
+        EXPECT_TRUE(first->set("parent." + std::to_string(i), true));
+    int status = 0;
+    ::waitpid(child, &status, 0);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
+    EXPECT_EQ(second->persistentDomain(Preferences::standardDomain).size(), 301u);
+
+    // Threads sharing one store object.
+    std::vector<std::thread> threads;
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            for (int i = 0; i < 50; ++i)
+                first->set("t" + std::to_string(t), std::to_string(i));
+        });
+    }
+    for (auto& thread : threads)
+        thread.join();
+    for (int t = 0; t < 4; ++t)
+        EXPECT_EQ(first->text("t" + std::to_string(t)), "49");
+
+    // Reopened, everything is still there.
+    first.reset();
+    second.reset();
+    EXPECT_EQ(open()->data("big")->bytes, megabyte);
+}
+
+TEST_F(PreferencesTest, UnreadableRowsAreAbsentAndLeftAlone) {
+    auto store = open();
+    store->set("good", std::string("fine"));
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open((dir_ / "prefs.sqlite3").c_str(), &raw), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw,
+                           "INSERT INTO preferences VALUES ('standard','list',2,'not a list');"
+                           "INSERT INTO preferences VALUES ('standard','alien',9,'x');",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(raw);
+
+    EXPECT_FALSE(store->object("list").has_value());
+    EXPECT_FALSE(store->object("alien").has_value());
+    auto whole = store->persistentDomain(Preferences::standardDomain);
+    EXPECT_EQ(whole.size(), 1u);
+    EXPECT_EQ(store->text("good"), "fine");
+}
+
+TEST_F(PreferencesTest, OpeningSomethingThatIsNoDatabaseFails) {
+    std::filesystem::create_directories(dir_ / "a-directory");
+    EXPECT_THROW(Preferences::open(dir_ / "a-directory"), hl::PreferencesError);
+    { std::ofstream(dir_ / "garbage") << std::string(8192, 'g'); }
+    EXPECT_THROW(Preferences::open(dir_ / "garbage"), hl::PreferencesError);
+}
+
+TEST_F(PreferencesTest, MigrationMovesRetainedKeysOnceWithoutOverwriting) {
+    auto store = open();
+    auto legacyDomain = open(PreferencesMigration::legacyBundleIdentifier);
+    legacyDomain->set("harborlattice.projects.v1", PreferenceData{"legacy projects"});
+    legacyDomain->set("harborlattice.workspace.simple.v1", PreferenceData{"legacy workspace"});
+    legacyDomain->set("harborlattice.sync.device.v1", PreferenceData{"device"});
+    legacyDomain->set("harborlattice.not-retained.v1", std::string("stays behind"));
+    store->set("harborlattice.workspace.simple.v1", PreferenceData{"current workspace"});
+
+    PreferencesMigration::importLegacyBundleDomain(*store);
+
+    EXPECT_EQ(store->data("harborlattice.projects.v1")->bytes, "legacy projects");
+    EXPECT_EQ(store->data("harborlattice.workspace.simple.v1")->bytes, "current workspace");
+    EXPECT_EQ(store->data("harborlattice.sync.device.v1")->bytes, "device");
+    EXPECT_FALSE(store->object("harborlattice.not-retained.v1"));
+    EXPECT_EQ(store->boolean(PreferencesMigration::markerKey), true);
+    EXPECT_EQ(legacyDomain->persistentDomain(PreferencesMigration::legacyBundleIdentifier).size(),
+              4u);
+
+    // Marked: a second run moves nothing, even after the key was removed.
+    store->remove("harborlattice.projects.v1");
+    PreferencesMigration::importLegacyBundleDomain(*store);
+    EXPECT_FALSE(store->object("harborlattice.projects.v1"));
+}
+
+TEST_F(PreferencesTest, MigrationMarkerCountsByPresenceAndSuppliedValuesStandIn) {
+    auto store = open();
+    store->setBool(PreferencesMigration::markerKey, false);
+    PreferencesMigration::importLegacyBundleDomain(
+        *store, std::map<std::string, PreferenceValue>{
+                    {"harborlattice.pending-closes.v1", std::vector<std::string>{"s1"}}});
+    EXPECT_FALSE(store->object("harborlattice.pending-closes.v1"));
+    EXPECT_EQ(store->boolean(PreferencesMigration::markerKey), false);
+
+    store->remove(PreferencesMigration::markerKey);
+    auto legacyDomain = open(PreferencesMigration::legacyBundleIdentifier);
+    legacyDomain->set("harborlattice.sync.pending.v1", PreferenceData{"stored legacy"});
+    PreferencesMigration::importLegacyBundleDomain(
+        *store, std::map<std::string, PreferenceValue>{
+                    {"harborlattice.pending-closes.v1", std::vector<std::string>{"s1"}}});
+    EXPECT_EQ(store->textList("harborlattice.pending-closes.v1"), std::vector<std::string>{"s1"});
+    EXPECT_FALSE(store->object("harborlattice.sync.pending.v1")) << "the map replaces the domain";
+
+    // A fresh installation with no legacy domain gets only the marker.
+    hl::test::TempDir other;
+    auto fresh = Preferences::open(other / "p.sqlite3");
+    PreferencesMigration::importLegacyBundleDomain(*fresh);
+    auto all = fresh->persistentDomain(Preferences::standardDomain);
+    ASSERT_EQ(all.size(), 1u);
+    EXPECT_EQ(all.begin()->first, PreferencesMigration::markerKey);
+}
+
+}  // namespace
