@@ -97,7 +97,9 @@ std::shared_ptr<Preferences> Preferences::open(const std::filesystem::path& file
     ::chmod(file.c_str(), 0600);
     std::shared_ptr<Preferences> store(new Preferences(db, domain));
     sqlite3_busy_timeout(db, 10000);
-    if (!store->execute("PRAGMA journal_mode=WAL") || !store->execute("PRAGMA synchronous=FULL") ||
+    // Large pages keep a megabyte value to a few pages; they only apply to a new file.
+    if (!store->execute("PRAGMA page_size=65536") || !store->execute("PRAGMA journal_mode=WAL") ||
+        !store->execute("PRAGMA synchronous=FULL") ||
         !store->execute("CREATE TABLE IF NOT EXISTS preferences ("
                         " domain TEXT NOT NULL, key TEXT NOT NULL,"
                         " type INTEGER NOT NULL, value BLOB NOT NULL,"

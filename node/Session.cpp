@@ -1,0 +1,101 @@
+// Session: reading, writing and retention of one shell's terminal.
+#include "Session.h"
+
+#include <sys/ioctl.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+
+namespace hl::node {
+
+namespace {
+// Bytes read from a terminal with one call.
+constexpr std::size_t readChunk = 64 * 1024;
+}  // namespace
+
+Session::Session(std::string id, std::string cwd, pid_t shellPid, UniqueFd master)
+    : id_(std::move(id)), cwd_(std::move(cwd)), shellPid_(shellPid), master_(std::move(master)) {}
+
+void Session::readOutput(std::size_t budget) {
+    char chunk[readChunk];
+    while (master_ && budget > 0 && pending_.space() > 0) {
+        const std::size_t want = std::min({readChunk, budget, pending_.space()});
+        const ssize_t n = ::read(master_.get(), chunk, want);
+        if (n > 0) {
+            const std::string_view bytes(chunk, static_cast<std::size_t>(n));
+            pending_.append(bytes);
+            tail_.append(bytes);
+            budget -= static_cast<std::size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            // Nothing more now; after the shell's end that means all is drained.
+            if (shellReaped_) drainedAfterExit_ = true;
+            return;
+        }
+        // End of file (EIO on Linux once no process holds the terminal).
+        hangUp();
+    }
+}
+
+void Session::writeInput() {
+    while (master_ && !input_.empty()) {
+        const ssize_t n = ::write(master_.get(), input_.data(), input_.size());
+        if (n > 0) {
+            input_.erase(0, static_cast<std::size_t>(n));
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+        // The terminal refuses input for good: nobody will read it.
+        input_.clear();
+        return;
+    }
+}
+
+bool Session::queueInput(const std::string& bytes) {
+    if (!master_) return false;
+    if (input_.size() + bytes.size() > inputLimit) return false;
+    input_ += bytes;
+    writeInput();
+    return true;
+}
+
+bool Session::resize(int cols, int rows) {
+    if (!master_) return false;
+    winsize size{};
+    size.ws_col = static_cast<unsigned short>(cols);
+    size.ws_row = static_cast<unsigned short>(rows);
+    return ::ioctl(master_.get(), TIOCSWINSZ, &size) == 0;
+}
+
+std::string Session::takeOutput(std::size_t count) {
+    std::string bytes = pending_.front(count);
+    pending_.consume(bytes.size());
+    // A quiet session gives back the memory of a past burst.
+    if (pending_.empty() && bytes.size() < 64 * 1024) pending_.release();
+    return bytes;
+}
+
+std::string Session::replay(std::size_t count) {
+    pending_.release();
+    return tail_.back(count);
+}
+
+void Session::shellEnded() {
+    shellReaped_ = true;
+    readOutput(pending_.space());
+}
+
+bool Session::exited() const {
+    return shellReaped_ && pending_.empty() && (!master_ || drainedAfterExit_);
+}
+
+void Session::hangUp() {
+    master_.reset();
+    input_.clear();
+}
+
+}  // namespace hl::node
