@@ -1,0 +1,180 @@
+// WorkspaceStore: the one holder of the live workspace model — every tab of
+// every workspace in one flat list, the active workspace and tab, and what may
+// still be saved. Every user command on tabs, panes and projects arrives here
+// and every change ends in a save of the whole model. Stored data that cannot
+// be fully understood is never overwritten: the store then runs with
+// `storageIsWritable` false, refuses what it cannot save, and says so.
+#pragma once
+
+#include <QObject>
+#include <QString>
+#include <QUuid>
+
+#include <functional>
+#include <map>
+#include <memory>
+#include <optional>
+#include <set>
+#include <vector>
+
+#include "NodeClient.h"
+#include "PaneLayout.h"
+#include "Preferences.h"
+#include "ProjectRecord.h"
+#include "SavedWorkspace.h"
+#include "SessionCloseLedger.h"
+#include "TerminalPane.h"
+
+namespace hl {
+
+// What a pane may do with its session, chosen from its context when it is built.
+struct PaneRuntimePolicy {
+    bool allowReconnect = true;
+    bool sessionCreationIsAllowed = true;
+    std::function<bool()> directoryIsReady;
+    QString unavailableStatus;
+};
+
+struct WorkspaceStoreOptions {
+    std::shared_ptr<Preferences> defaults;
+    std::vector<ProjectRecord> knownProjects;
+    bool catalogIsReadable = true;
+    // Empty means RuntimePaths::scratchRoot().
+    std::optional<QString> scratchRoot;
+    // Makes a private scratch directory for the id and returns its path; throws
+    // on failure. Empty means RuntimePaths::createScratchDirectory.
+    std::function<QString(const QUuid&)> scratchDirectoryProvider;
+    // Empty means a UnixSocketClient on the default socket.
+    std::shared_ptr<const NodeClientTransport> client;
+    TerminalControllerHooks controllerHooks;
+    SessionCloseLedger::RetryPolicy closeRetryPolicy;
+};
+
+class WorkspaceStore : public QObject {
+    Q_OBJECT
+    Q_PROPERTY(QString activeWorkspaceID READ activeWorkspaceIDText NOTIFY activeWorkspaceIDChanged)
+    Q_PROPERTY(QString searchQuery READ searchQuery WRITE setSearchQuery NOTIFY searchQueryChanged)
+    Q_PROPERTY(QString errorMessage READ errorMessageText NOTIFY errorMessageChanged)
+
+  public:
+    static constexpr const char* storageKey = "harborlattice.workspace.simple.v1";
+    static constexpr const char* legacyKey = "harborlattice.workspace.v3";
+    static constexpr const char* suspendedPanesKey = "harborlattice.sync.suspended-panes.v1";
+
+    // Builds the store and restores the saved workspace (panes are made, not started).
+    explicit WorkspaceStore(WorkspaceStoreOptions options, QObject* parent = nullptr);
+    ~WorkspaceStore() override;
+
+    // Observable state.
+    std::vector<TerminalTab*> tabs() const;
+    const std::optional<QString>& activeWorkspaceID() const { return activeWorkspaceID_; }
+    QString activeWorkspaceIDText() const { return activeWorkspaceID_.value_or(QString()); }
+    const std::optional<QUuid>& selectedTabID() const { return selectedTabID_; }
+    const QString& searchQuery() const { return searchQuery_; }
+    void setSearchQuery(const QString& query);
+    const std::optional<QString>& errorMessage() const { return errorMessage_; }
+    QString errorMessageText() const { return errorMessage_.value_or(QString()); }
+    bool workspaceMutationsAreAllowed() const { return storageIsWritable_; }
+    bool storageIsWritable() const { return storageIsWritable_; }
+
+    // Called after each successful save.
+    std::function<void()> onChange;
+
+    // Derived values.
+    std::vector<TerminalTab*> visibleTabs() const;
+    TerminalTab* selectedTab() const;
+    std::optional<QString> activeProjectID() const;
+    std::vector<WorkspaceChoice> workspaceChoices() const;
+    QString activeWorkspaceTitle() const;
+
+    // Operations.
+    bool hasWorkspace(const QString& projectID) const;
+    bool openProject(const ProjectRecord& project);
+    void selectWorkspace(const QString& workspaceID);
+    void newTerminal();
+    void createScratchTerminal();
+    void selectTab(const QUuid& id);
+    void selectPane(const QUuid& id);
+    void selectAdjacentTab(int offset);
+    void selectAdjacentWorkspace(int offset);
+    void selectAdjacentPane(int offset);
+    // `vertical` true splits right (panes side by side), false splits down.
+    void split(bool vertical);
+    void setSplitRatio(const QUuid& id, double ratio);
+    void closeSelectedPane();
+    void closeTab(const QUuid& id);
+    bool renameProject(const QString& id, const QString& name);
+    bool removeProject(const QString& id);
+    void search(bool backwards = false);
+    void clearError();
+
+    // Ids of the panes' sessions that the ledger may retry at this start.
+    const std::set<QString>& retryablePendingCloseIDs() const { return retryablePendingCloseIDs_; }
+    const SessionCloseLedger& closeLedger() const { return *closeLedger_; }
+    std::vector<SuspendedPane> suspendedPanes() const;
+
+    // True when neither list repeats an id and both hold the same ids.
+    static bool paneIdentitySetIsExact(const QList<QUuid>& paneIDs,
+                                       const QList<QUuid>& layoutPaneIDs);
+    // True when `cwd` is exactly scratchRoot + "/" + the id in lower case.
+    static bool scratchPathMatchesIdentity(const QString& cwd, const QUuid& id,
+                                           const QString& scratchRoot);
+    // True when `path` is an existing directory, both texts are already
+    // canonical, and the path is the root or lies below it.
+    static bool canonicalDirectoryIsAvailable(const QString& path, const QString& root);
+    // Absolute and already standardised, judged without touching the disk.
+    static bool storedAbsolutePathIsCanonical(const QString& path);
+
+  signals:
+    void tabsChanged();
+    void activeWorkspaceIDChanged();
+    void selectedTabIDChanged();
+    void searchQueryChanged();
+    void errorMessageChanged();
+
+  private:
+    PaneRuntimePolicy paneRuntimePolicy(const PaneContext& context) const;
+    std::unique_ptr<TerminalPane> makePane(const QUuid& id, const PaneContext& context,
+                                           const std::optional<QString>& sessionID,
+                                           bool isReplacementSession);
+    void appendTab(const QString& title, const PaneContext& context, const QString& workspaceID);
+    void resignFocusedPane();
+    void focusSelectedPane();
+    void persist();
+    void persistSuspendedPanes();
+    void closeSuspendedPanes(const QString& projectID);
+    SavedWorkspace savedWorkspace() const;
+
+    // Start-up.
+    void readSuspendedPanes();
+    void restore();
+    void restore(const SavedWorkspace& saved, bool sanitizingLegacyData);
+    bool restoredTabIsStructurallyValid(const SavedTab& tab) const;
+
+    void setActiveWorkspaceID(const std::optional<QString>& id);
+    void setSelectedTabID(const std::optional<QUuid>& id);
+    void setErrorMessage(const std::optional<QString>& message);
+    TerminalTab* tab(const QUuid& id) const;
+    std::vector<TerminalTab*> tabsOfWorkspace(const QString& workspaceID) const;
+
+    std::shared_ptr<Preferences> defaults_;
+    std::function<QString(const QUuid&)> scratchDirectoryProvider_;
+    QString scratchRoot_;
+    std::shared_ptr<const NodeClientTransport> client_;
+    TerminalControllerHooks controllerHooks_;
+    std::map<QString, QString> projectRoots_;
+    bool catalogIsReadable_;
+    bool storageIsWritable_;
+    std::shared_ptr<SessionCloseLedger> closeLedger_;
+    std::set<QString> retryablePendingCloseIDs_;
+    std::map<QString, QUuid> selectedTabs_;
+    std::map<QUuid, SuspendedPane> suspendedPanes_;
+
+    std::vector<std::unique_ptr<TerminalTab>> tabs_;
+    std::optional<QString> activeWorkspaceID_;
+    std::optional<QUuid> selectedTabID_;
+    QString searchQuery_;
+    std::optional<QString> errorMessage_;
+};
+
+}  // namespace hl
