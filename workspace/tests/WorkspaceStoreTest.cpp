@@ -1,0 +1,315 @@
+// WorkspaceStore operations against an in-memory node: selection after every
+// close, split and removal, the refusals and their messages, what is saved,
+// and the path rules on real folders with symbolic links.
+#include <gtest/gtest.h>
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include "WorkspaceTestSupport.h"
+
+namespace fs = std::filesystem;
+using hl::PaneLayout;
+using hl::WorkspaceStore;
+using hl::test::spinUntil;
+using hl::test::StoreFixture;
+
+namespace {
+
+QJsonObject savedJson(const StoreFixture& f) {
+    return QJsonDocument::fromJson(QByteArray::fromStdString(f.stored(WorkspaceStore::storageKey)))
+        .object();
+}
+
+QList<QUuid> paneOrder(hl::TerminalTab* tab) {
+    return tab->layout().paneIDs();
+}
+
+class WorkspaceStoreTest : public ::testing::Test {
+  protected:
+    StoreFixture f;
+};
+
+TEST_F(WorkspaceStoreTest, OpeningAProjectStartsAShellAndSavesItsSession) {
+    auto alpha = f.project("alpha");
+    auto store = f.makeStore({alpha});
+    int changes = 0;
+    store->onChange = [&] { ++changes; };
+    ASSERT_TRUE(store->openProject(alpha));
+    ASSERT_EQ(store->tabs().size(), 1u);
+    auto* tab = store->selectedTab();
+    ASSERT_NE(tab, nullptr);
+    EXPECT_EQ(tab->title(), "alpha");
+    EXPECT_EQ(store->activeWorkspaceID(), "project:" + alpha.id);
+    EXPECT_EQ(store->activeProjectID(), alpha.id);
+    EXPECT_EQ(store->activeWorkspaceTitle(), "alpha");
+
+    auto* pane = tab->panes().front();
+    ASSERT_TRUE(spinUntil([&] { return pane->sessionID().has_value(); }));
+    EXPECT_EQ(f.node->cwdOf(pane->sessionID()->toStdString()), alpha.root.toStdString());
+    EXPECT_EQ(pane->controller().status(), "Connected");
+    EXPECT_GE(changes, 2) << "the open and the arriving session are both saved";
+
+    const QJsonObject saved = savedJson(f);
+    EXPECT_EQ(saved["activeWorkspaceID"].toString(), "project:" + alpha.id);
+    const QJsonObject savedPane =
+        saved["tabs"].toArray()[0].toObject()["panes"].toArray()[0].toObject();
+    EXPECT_EQ(savedPane["sessionID"].toString(), *pane->sessionID());
+    EXPECT_EQ(savedPane["isReplacement"].toBool(true), false);
+    EXPECT_EQ(savedPane["context"].toObject()["cwd"].toString(), alpha.root);
+
+    // Opening it again selects the same workspace, even after the folder has gone.
+    fs::remove_all(alpha.root.toStdString());
+    store->clearError();
+    EXPECT_TRUE(store->openProject(alpha));
+    EXPECT_EQ(store->tabs().size(), 1u);
+    auto beta = f.project("beta");
+    fs::remove_all(beta.root.toStdString());
+    EXPECT_FALSE(store->openProject(beta));
+    EXPECT_EQ(store->errorMessage(), "The project root is unavailable. No terminal was opened.");
+}
+
+TEST_F(WorkspaceStoreTest, SplittingAndClosingPanesKeepsTheLeftToRightOrder) {
+    auto alpha = f.project("alpha");
+    auto store = f.makeStore({alpha});
+    store->openProject(alpha);
+    auto* tab = store->selectedTab();
+    const QUuid a = tab->panes().front()->id();
+    store->split(true);  // right: side by side
+    const QUuid b = *tab->selectedPaneID();
+    store->split(false);  // down, in b
+    const QUuid c = *tab->selectedPaneID();
+    EXPECT_EQ(paneOrder(tab), (QList<QUuid>{a, b, c}));
+    EXPECT_EQ(tab->layout().signature(), "H(P,V(P,P))");
+    EXPECT_EQ(tab->pane(c)->context(), tab->pane(a)->context());
+    ASSERT_TRUE(spinUntil([&] {
+        return std::all_of(tab->panes().begin(), tab->panes().end(),
+                           [](auto* p) { return p->sessionID().has_value(); });
+    }));
+    EXPECT_EQ(f.node->sessions().size(), 3u);
+
+    // The divider's ratio is saved, clamped.
+    store->setSplitRatio(tab->layout().id(), 0.95);
+    EXPECT_EQ(tab->layout().ratio(), 0.9);
+    EXPECT_EQ(savedJson(f)["tabs"]
+                  .toArray()[0]
+                  .toObject()["layout"]
+                  .toObject()["split"]
+                  .toObject()["ratio"]
+                  .toDouble(),
+              0.9);
+
+    // Closing b selects c, its successor; closing the last selects the new last.
+    store->selectPane(b);
+    const QString bSession = *tab->pane(b)->sessionID();
+    store->closeSelectedPane();
+    EXPECT_EQ(paneOrder(tab), (QList<QUuid>{a, c}));
+    EXPECT_EQ(tab->selectedPaneID(), c);
+    EXPECT_EQ(tab->layout().signature(), "H(P,P)");
+    ASSERT_TRUE(spinUntil([&] { return f.node->sessions().count(bSession.toStdString()) == 0; }));
+    ASSERT_TRUE(spinUntil([&] { return store->closeLedger().pending().empty(); }));
+
+    store->closeSelectedPane();  // c was last: a is selected
+    EXPECT_EQ(tab->selectedPaneID(), a);
+    EXPECT_EQ(tab->layout(), PaneLayout::pane(a));
+
+    // The last pane closes the tab, and the workspace goes with it.
+    store->closeSelectedPane();
+    EXPECT_TRUE(store->tabs().empty());
+    EXPECT_EQ(store->activeWorkspaceID(), std::nullopt);
+    EXPECT_EQ(store->selectedTabID(), std::nullopt);
+    ASSERT_TRUE(spinUntil([&] { return f.node->sessions().empty(); }));
+    EXPECT_TRUE(savedJson(f)["tabs"].toArray().isEmpty());
+}
+
+TEST_F(WorkspaceStoreTest, TabsAndWorkspacesSelectAndWrap) {
+    auto alpha = f.project("alpha");
+    auto beta = f.project("beta");
+    auto store = f.makeStore({alpha, beta});
+    store->openProject(alpha);
+    const QUuid first = *store->selectedTabID();
+    store->newTerminal();
+    const QUuid second = *store->selectedTabID();
+    store->newTerminal();
+    const QUuid third = *store->selectedTabID();
+    EXPECT_EQ(store->visibleTabs().size(), 3u);
+    EXPECT_EQ(store->selectedTab()->title(), "alpha");
+
+    store->selectAdjacentTab(1);
+    EXPECT_EQ(store->selectedTabID(), first) << "wraps from the last to the first";
+    store->selectAdjacentTab(-1);
+    EXPECT_EQ(store->selectedTabID(), third);
+
+    store->openProject(beta);
+    const QUuid betaTab = *store->selectedTabID();
+    store->createScratchTerminal();
+    EXPECT_EQ(store->activeWorkspaceID(), "scratch");
+    EXPECT_EQ(store->activeWorkspaceTitle(), "Scratch");
+    const auto choices = store->workspaceChoices();
+    ASSERT_EQ(choices.size(), 3u);
+    EXPECT_EQ(choices[0], (hl::WorkspaceChoice{"project:" + alpha.id, "alpha", alpha.id, 3}));
+    EXPECT_EQ(choices[2].title, "Scratch");
+
+    store->selectTab(first);  // a tab of another workspace: nothing happens
+    EXPECT_EQ(store->activeWorkspaceID(), "scratch");
+
+    store->selectAdjacentWorkspace(1);  // wraps to alpha, which remembers its tab
+    EXPECT_EQ(store->activeWorkspaceID(), "project:" + alpha.id);
+    EXPECT_EQ(store->selectedTabID(), third);
+
+    // Closing a tab that is not selected keeps the selection; closing the
+    // selected one goes to the first tab of the workspace.
+    store->closeTab(second);
+    EXPECT_EQ(store->selectedTabID(), third);
+    store->closeTab(third);
+    EXPECT_EQ(store->selectedTabID(), first);
+    EXPECT_FALSE(savedJson(f)["selectedTabs"].toObject().keys().isEmpty());
+    for (const auto& value : savedJson(f)["selectedTabs"].toObject()) {
+        EXPECT_NE(value.toString(), hl::uuidText(third));
+    }
+
+    // Removing the active project moves to the first remaining workspace.
+    EXPECT_TRUE(store->removeProject(alpha.id));
+    EXPECT_EQ(store->activeWorkspaceID(), "project:" + beta.id);
+    EXPECT_EQ(store->selectedTabID(), betaTab);
+    EXPECT_FALSE(store->hasWorkspace(alpha.id));
+}
+
+TEST_F(WorkspaceStoreTest, NewTerminalTakesTheDirectoryOfTheFirstPaneAndRenamesApply) {
+    auto alpha = f.project("alpha");
+    fs::create_directories(alpha.root.toStdString() + "/sub");
+    auto store = f.makeStore({alpha});
+    store->newTerminal();
+    EXPECT_EQ(store->errorMessage(), "Choose a project or create a scratch terminal first.");
+
+    store->openProject(alpha);
+    EXPECT_EQ(store->errorMessage(), std::nullopt);
+    // A store restarted from a save whose first pane lives in a subdirectory.
+    QJsonObject saved = savedJson(f);
+    QJsonArray tabs = saved["tabs"].toArray();
+    QJsonObject tab = tabs[0].toObject();
+    QJsonArray panes = tab["panes"].toArray();
+    QJsonObject pane = panes[0].toObject();
+    QJsonObject context = pane["context"].toObject();
+    context["cwd"] = alpha.root + "/sub";
+    pane["context"] = context;
+    pane.remove("sessionID");
+    panes[0] = pane;
+    tab["panes"] = panes;
+    tabs[0] = tab;
+    saved["tabs"] = tabs;
+    store.reset();
+    f.prefs->set(
+        WorkspaceStore::storageKey,
+        hl::PreferenceData{QJsonDocument(saved).toJson(QJsonDocument::Compact).toStdString()});
+
+    auto restarted = f.makeStore({alpha});
+    restarted->newTerminal();
+    ASSERT_EQ(restarted->tabs().size(), 2u);
+    EXPECT_EQ(restarted->selectedTab()->panes().front()->context().cwd, alpha.root + "/sub");
+
+    EXPECT_FALSE(restarted->renameProject(alpha.id, " \n\t"));
+    EXPECT_EQ(restarted->errorMessage(), std::nullopt);
+    EXPECT_TRUE(restarted->renameProject(alpha.id, "  Renamed "));
+    for (auto* each : restarted->tabs())
+        EXPECT_EQ(each->title(), "Renamed");
+
+    // The subdirectory goes away: no new terminal there.
+    fs::remove_all(alpha.root.toStdString() + "/sub");
+    restarted->selectTab(restarted->tabs().front()->id());
+    restarted->newTerminal();
+    EXPECT_EQ(restarted->errorMessage(),
+              "The project root is unavailable. No terminal was created.");
+    restarted->split(true);
+    EXPECT_EQ(restarted->errorMessage(),
+              "The working directory is unavailable. No split was created.");
+    EXPECT_EQ(restarted->selectedTab()->paneCount(), 1u);
+
+    f.scratchFails = true;
+    restarted->createScratchTerminal();
+    EXPECT_EQ(restarted->errorMessage(), "Could not create a private scratch directory.");
+}
+
+TEST_F(WorkspaceStoreTest, AStoreThatCannotSaveRefusesChangesButSelectsAndCloses) {
+    auto alpha = f.project("alpha");
+    {
+        auto writable = f.makeStore({alpha});
+        writable->openProject(alpha);
+        writable->split(true);
+        writable->createScratchTerminal();
+    }
+    const std::string before = f.stored(WorkspaceStore::storageKey);
+
+    auto store = f.makeStore({alpha}, /*catalogIsReadable=*/false);
+    EXPECT_FALSE(store->workspaceMutationsAreAllowed());
+    ASSERT_EQ(store->tabs().size(), 2u) << "the saved tabs still open";
+    EXPECT_FALSE(store->openProject(alpha));
+    EXPECT_EQ(store->errorMessage(),
+              "The saved project catalog is unreadable. No terminal was opened.");
+    store->newTerminal();
+    EXPECT_EQ(store->errorMessage(),
+              "Saved workspace data is unreadable and was preserved. No terminal was created.");
+    store->createScratchTerminal();
+    EXPECT_EQ(store->errorMessage(),
+              "Saved workspace data is unreadable and was preserved. No terminal was created.");
+    store->split(false);
+    EXPECT_EQ(store->errorMessage(), "Saved workspace data is unreadable and was preserved.");
+    EXPECT_FALSE(store->renameProject(alpha.id, "x"));
+    EXPECT_EQ(store->errorMessage(),
+              "Saved workspace data is unreadable and was preserved. The project was not renamed.");
+    EXPECT_FALSE(store->removeProject(alpha.id));
+    EXPECT_EQ(store->errorMessage(),
+              "Saved workspace data is unreadable and was preserved. The project was not removed.");
+
+    // Project panes are blocked with the catalog's reason.
+    auto* projectTab = store->tabs().front();
+    for (auto* pane : projectTab->panes()) {
+        pane->controller().requestFocus();
+        EXPECT_EQ(pane->controller().status(), "Project catalog unreadable · reattach blocked");
+    }
+
+    // Selection and closing work on the live model; nothing reaches the preferences.
+    store->selectWorkspace("project:" + alpha.id);
+    EXPECT_EQ(store->errorMessage(), std::nullopt);
+    store->selectAdjacentPane(1);
+    store->closeSelectedPane();
+    EXPECT_EQ(projectTab->paneCount(), 1u);
+    store->closeTab(projectTab->id());
+    EXPECT_EQ(store->tabs().size(), 1u);
+    EXPECT_EQ(f.stored(WorkspaceStore::storageKey), before);
+}
+
+TEST(WorkspacePathRulesTest, CanonicalDirectoriesAndScratchIdentity) {
+    hl::test::TempDir dir;
+    const fs::path base = fs::canonical(dir.path());
+    fs::create_directories(base / "a/b/c");
+    fs::create_directories(base / "a/bc");
+    fs::create_directory_symlink(base / "a/b", base / "link");
+    auto q = [&](const char* rel) { return QString::fromStdString((base / rel).string()); };
+    const QString root = q("a/b");
+    EXPECT_TRUE(WorkspaceStore::canonicalDirectoryIsAvailable(root, root));
+    EXPECT_TRUE(WorkspaceStore::canonicalDirectoryIsAvailable(q("a/b/c"), root));
+    EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(q("a/bc"), root)) << "a sibling";
+    EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(q("a"), root));
+    EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(root + "/", root));
+    EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(q("link/c"), root))
+        << "through a link";
+    EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(q("link/c"), q("link")));
+    EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(q("a/b/missing"), root));
+    EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable("a/b", "a/b"));
+
+    const QUuid id = QUuid::fromString(QStringLiteral("0E5B1C2A-7F0D-4B0E-9A9B-2C3D4E5F6A7B"));
+    EXPECT_TRUE(WorkspaceStore::scratchPathMatchesIdentity(
+        "/s/Scratch/0e5b1c2a-7f0d-4b0e-9a9b-2c3d4e5f6a7b", id, "/s/Scratch"));
+    EXPECT_FALSE(WorkspaceStore::scratchPathMatchesIdentity(
+        "/s/Scratch/0E5B1C2A-7F0D-4B0E-9A9B-2C3D4E5F6A7B", id, "/s/Scratch"));
+    EXPECT_FALSE(WorkspaceStore::scratchPathMatchesIdentity(
+        "/s/Scratch/0e5b1c2a-7f0d-4b0e-9a9b-2c3d4e5f6a7b/", id, "/s/Scratch"));
+
+    EXPECT_TRUE(WorkspaceStore::paneIdentitySetIsExact({id}, {id}));
+    EXPECT_FALSE(WorkspaceStore::paneIdentitySetIsExact({id, id}, {id}));
+    EXPECT_FALSE(WorkspaceStore::paneIdentitySetIsExact({id}, {QUuid::createUuid()}));
+}
+
+}  // namespace

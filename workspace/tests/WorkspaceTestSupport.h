@@ -1,0 +1,63 @@
+// Helpers of the workspace tests: an in-memory node for the logic, event-loop
+// waits, and a store built on throwaway preferences and folders.
+#pragma once
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+
+#include <chrono>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "NodeClient.h"
+#include "TestSupport.h"
+#include "WorkspaceStore.h"
+
+namespace hl::test {
+
+// A node that keeps sessions as (id, cwd) pairs in memory and answers every
+// operation the way the real one does, without shells.
+class MemoryNode final : public NodeClientTransport {
+  public:
+    NodeResponse request(const std::string& op, const NodeRequestData& data = {}) const override;
+
+    std::set<std::string> sessions() const;
+    std::string cwdOf(const std::string& id) const;
+    // Adds a session as if an earlier run had left it.
+    void adopt(const std::string& id, const std::string& cwd);
+    int count(const std::string& op) const;
+
+  private:
+    mutable std::mutex mutex_;
+    mutable std::map<std::string, std::string> sessions_;
+    mutable std::map<std::string, int> counts_;
+    mutable int next_ = 0;
+};
+
+bool spinUntil(const std::function<bool()>& condition,
+               std::chrono::milliseconds timeout = std::chrono::seconds(10));
+void spinFor(std::chrono::milliseconds span);
+
+// A place for one store's preferences, scratch folders and project folders.
+class StoreFixture {
+  public:
+    StoreFixture();
+    std::unique_ptr<WorkspaceStore> makeStore(std::vector<ProjectRecord> projects = {},
+                                              bool catalogIsReadable = true);
+    // A project whose root is a fresh folder named `name`.
+    ProjectRecord project(const QString& name);
+    QString scratchRoot() const;
+    // The stored bytes of a key, or "<absent>".
+    std::string stored(const char* key) const;
+
+    TempDir dir;
+    std::filesystem::path base;
+    std::shared_ptr<Preferences> prefs;
+    std::shared_ptr<MemoryNode> node = std::make_shared<MemoryNode>();
+    bool scratchFails = false;
+};
+
+}  // namespace hl::test
