@@ -84,7 +84,8 @@ TEST_F(WorkspaceStoreTest, SplittingAndClosingPanesKeepsTheLeftToRightOrder) {
     EXPECT_EQ(tab->layout().signature(), "H(P,V(P,P))");
     EXPECT_EQ(tab->pane(c)->context(), tab->pane(a)->context());
     ASSERT_TRUE(spinUntil([&] {
-        return std::all_of(tab->panes().begin(), tab->panes().end(),
+        const auto panes = tab->panes();
+        return std::all_of(panes.begin(), panes.end(),
                            [](auto* p) { return p->sessionID().has_value(); });
     }));
     EXPECT_EQ(f.node->sessions().size(), 3u);
@@ -119,7 +120,9 @@ TEST_F(WorkspaceStoreTest, SplittingAndClosingPanesKeepsTheLeftToRightOrder) {
     EXPECT_TRUE(store->tabs().empty());
     EXPECT_EQ(store->activeWorkspaceID(), std::nullopt);
     EXPECT_EQ(store->selectedTabID(), std::nullopt);
-    ASSERT_TRUE(spinUntil([&] { return f.node->sessions().empty(); }));
+    ASSERT_TRUE(spinUntil([&] { return f.node->sessions().empty(); }))
+        << f.node->sessions().size() << " left; created " << f.node->count("create_session")
+        << ", closes " << f.node->count("close_session");
     EXPECT_TRUE(savedJson(f)["tabs"].toArray().isEmpty());
 }
 
