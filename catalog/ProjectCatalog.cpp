@@ -1,0 +1,276 @@
+// ProjectCatalog: load, validate, migrate, and the operations of the sidebar.
+#include "ProjectCatalog.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <algorithm>
+#include <map>
+#include <set>
+
+namespace hl {
+
+namespace {
+
+using Kind = ProjectCatalogError::Kind;
+
+// The stored list, or absent when the bytes are not a list of records.
+std::optional<std::vector<ProjectRecord>> decodeRecords(const QByteArray& bytes) {
+    QJsonParseError error;
+    const QJsonDocument document = QJsonDocument::fromJson(bytes, &error);
+    if (error.error != QJsonParseError::NoError || !document.isArray()) return std::nullopt;
+    std::vector<ProjectRecord> records;
+    for (const QJsonValue& value : document.array()) {
+        auto record = ProjectRecord::fromJson(value);
+        if (!record) return std::nullopt;
+        records.push_back(*record);
+    }
+    return records;
+}
+
+}  // namespace
+
+ProjectCatalog::ProjectCatalog(std::shared_ptr<Preferences> defaults, QObject* parent)
+    : QObject(parent), defaults_(std::move(defaults)) {
+    if (auto stored = defaults_->data(storageKey)) {
+        auto records = decodeRecords(QByteArray::fromStdString(stored->bytes));
+        try {
+            if (!records) throw ProjectCatalogError(Kind::CorruptCatalog);
+            validate(*records);
+            projects_ = std::move(*records);
+        } catch (const ProjectCatalogError&) {
+            isReadable_ = false;
+            errorMessage_ = ProjectCatalogError(Kind::CorruptCatalog).errorDescription();
+        }
+    } else {
+        std::optional<QByteArray> legacy;
+        if (auto bytes = defaults_->data(legacyWorkspaceKey))
+            legacy = QByteArray::fromStdString(bytes->bytes);
+        projects_ = migrateProjects(legacy);
+        persist();
+    }
+    if (!projects_.empty()) selectedProjectID_ = projects_.front().id;
+}
+
+void ProjectCatalog::validate(const std::vector<ProjectRecord>& records) {
+    for (const auto& record : records) {
+        if (!record.storedShapeIsValid()) throw ProjectCatalogError(Kind::CorruptCatalog);
+    }
+    std::set<QString> ids, roots;
+    for (const auto& record : records) {
+        if (!ids.insert(record.id).second) throw ProjectCatalogError(Kind::DuplicateID);
+    }
+    for (const auto& record : records) {
+        if (!roots.insert(record.root).second) throw ProjectCatalogError(Kind::DuplicateRoot);
+    }
+}
+
+void ProjectCatalog::persist() {
+    if (!isReadable_) return;
+    QJsonArray list;
+    for (const auto& record : projects_)
+        list.append(record.toJson());
+    const QByteArray bytes = QJsonDocument(list).toJson(QJsonDocument::Compact);
+    if (!defaults_->set(storageKey, PreferenceData{bytes.toStdString()})) return;
+    if (onChange) onChange();
+}
+
+std::vector<ProjectRecord> ProjectCatalog::migrateProjects(
+    const std::optional<QByteArray>& legacy) {
+    if (!legacy) return {};
+    const QJsonDocument document = QJsonDocument::fromJson(*legacy);
+    const QJsonValue tabsValue = document.object().value("tabs");
+    if (!document.isObject() || !tabsValue.isArray()) return {};
+
+    // Lenient reading: required members must have their type, the rest is ignored.
+    struct LegacyTab {
+        QString title;
+        std::optional<QString> projectID;
+        std::vector<std::pair<std::optional<QString>, QString>> panes;  // context projectID, cwd
+    };
+    std::vector<LegacyTab> tabs;
+    for (const QJsonValue& tabValue : tabsValue.toArray()) {
+        const QJsonObject tab = tabValue.toObject();
+        if (!tabValue.isObject() || !tab.value("title").isString() ||
+            !tab.value("panes").isArray()) {
+            return {};
+        }
+        LegacyTab legacyTab{tab.value("title").toString(), std::nullopt, {}};
+        const QJsonValue project = tab.value("projectID");
+        if (project.isString()) {
+            legacyTab.projectID = project.toString();
+        } else if (!project.isUndefined() && !project.isNull()) {
+            return {};
+        }
+        for (const QJsonValue& paneValue : tab.value("panes").toArray()) {
+            const QJsonValue context = paneValue.toObject().value("context");
+            if (!paneValue.isObject() || !context.isObject() ||
+                !context.toObject().value("cwd").isString()) {
+                return {};
+            }
+            const QJsonValue contextProject = context.toObject().value("projectID");
+            std::optional<QString> paneProject;
+            if (contextProject.isString()) {
+                paneProject = contextProject.toString();
+            } else if (!contextProject.isUndefined() && !contextProject.isNull()) {
+                return {};
+            }
+            legacyTab.panes.emplace_back(paneProject, context.toObject().value("cwd").toString());
+        }
+        tabs.push_back(std::move(legacyTab));
+    }
+
+    std::map<QString, std::vector<const LegacyTab*>> groups;  // ascending identity order
+    for (const auto& tab : tabs) {
+        if (tab.projectID) groups[*tab.projectID].push_back(&tab);
+    }
+    std::vector<ProjectRecord> records;
+    for (const auto& [id, group] : groups) {
+        std::set<QString> directories;
+        for (const LegacyTab* tab : group) {
+            for (const auto& [paneProject, cwd] : tab->panes) {
+                if (paneProject == id) directories.insert(cwd);
+            }
+        }
+        if (directories.size() != 1) continue;
+        try {
+            records.push_back(
+                ProjectRecord::create(group.front()->title, *directories.begin(), id));
+        } catch (const ProjectCatalogError&) {
+            // No certain folder on this machine: the project is not migrated.
+        }
+    }
+    return records;
+}
+
+void ProjectCatalog::fail(const ProjectCatalogError& error) {
+    setErrorMessage(error.errorDescription());
+}
+
+std::optional<ProjectRecord> ProjectCatalog::add(const QString& name, const QString& rawRoot,
+                                                 const std::optional<QString>& id) {
+    try {
+        if (!isReadable_) throw ProjectCatalogError(Kind::CorruptCatalog);
+        ProjectRecord record = ProjectRecord::create(name, rawRoot, id);
+        for (const auto& existing : projects_) {
+            if (existing.id == record.id) throw ProjectCatalogError(Kind::DuplicateID);
+        }
+        for (const auto& existing : projects_) {
+            if (existing.root == record.root) throw ProjectCatalogError(Kind::DuplicateRoot);
+        }
+        auto updated = projects_;
+        updated.push_back(record);
+        setProjects(std::move(updated));
+        setSelectedProjectID(record.id);
+        setErrorMessage(std::nullopt);
+        persist();
+        return record;
+    } catch (const ProjectCatalogError& error) {
+        fail(error);
+        return std::nullopt;
+    }
+}
+
+void ProjectCatalog::select(const QString& id) {
+    if (std::any_of(projects_.begin(), projects_.end(),
+                    [&](const auto& r) { return r.id == id; })) {
+        setSelectedProjectID(id);
+    }
+}
+
+std::optional<ProjectRecord> ProjectCatalog::rename(const QString& id, const QString& name) {
+    try {
+        if (!isReadable_) throw ProjectCatalogError(Kind::CorruptCatalog);
+        auto updated = projects_;
+        auto found =
+            std::find_if(updated.begin(), updated.end(), [&](const auto& r) { return r.id == id; });
+        if (found == updated.end()) throw ProjectCatalogError(Kind::UnknownProject);
+        const QString trimmed = name.trimmed();
+        if (trimmed.isEmpty()) throw ProjectCatalogError(Kind::InvalidName);
+        found->name = trimmed;
+        const ProjectRecord record = *found;
+        setProjects(std::move(updated));
+        setErrorMessage(std::nullopt);
+        persist();
+        return record;
+    } catch (const ProjectCatalogError& error) {
+        fail(error);
+        return std::nullopt;
+    }
+}
+
+std::optional<ProjectRecord> ProjectCatalog::remove(const QString& id) {
+    try {
+        if (!isReadable_) throw ProjectCatalogError(Kind::CorruptCatalog);
+        auto updated = projects_;
+        auto found =
+            std::find_if(updated.begin(), updated.end(), [&](const auto& r) { return r.id == id; });
+        if (found == updated.end()) throw ProjectCatalogError(Kind::UnknownProject);
+        const ProjectRecord removed = *found;
+        updated.erase(found);
+        setProjects(std::move(updated));
+        if (selectedProjectID_ == id) {
+            setSelectedProjectID(projects_.empty() ? std::nullopt
+                                                   : std::optional<QString>(projects_.front().id));
+        }
+        setErrorMessage(std::nullopt);
+        persist();
+        return removed;
+    } catch (const ProjectCatalogError& error) {
+        fail(error);
+        return std::nullopt;
+    }
+}
+
+void ProjectCatalog::clearSelection() {
+    setSelectedProjectID(std::nullopt);
+}
+
+void ProjectCatalog::clearError() {
+    setErrorMessage(std::nullopt);
+}
+
+void ProjectCatalog::applySharedProjects(const std::vector<SharedProjectName>& shared) {
+    if (!isReadable_) return;
+    std::map<QString, QString> names;
+    for (const auto& project : shared) {
+        if (!names.emplace(project.id, project.name).second) return;  // a repeated identity
+    }
+    std::vector<ProjectRecord> updated;
+    for (const auto& record : projects_) {
+        auto name = names.find(record.id);
+        if (name != names.end())
+            updated.push_back(ProjectRecord{record.id, name->second, record.root});
+    }
+    if (updated == projects_) return;
+    setProjects(std::move(updated));
+    if (selectedProjectID_ && std::none_of(projects_.begin(), projects_.end(), [&](const auto& r) {
+            return r.id == *selectedProjectID_;
+        })) {
+        setSelectedProjectID(projects_.empty() ? std::nullopt
+                                               : std::optional<QString>(projects_.front().id));
+    }
+    setErrorMessage(std::nullopt);
+    persist();
+}
+
+void ProjectCatalog::setProjects(std::vector<ProjectRecord> projects) {
+    if (projects_ == projects) return;
+    projects_ = std::move(projects);
+    emit projectsChanged();
+}
+
+void ProjectCatalog::setSelectedProjectID(const std::optional<QString>& id) {
+    if (selectedProjectID_ == id) return;
+    selectedProjectID_ = id;
+    emit selectedProjectIDChanged();
+}
+
+void ProjectCatalog::setErrorMessage(const std::optional<QString>& message) {
+    if (errorMessage_ == message) return;
+    errorMessage_ = message;
+    emit errorMessageChanged();
+}
+
+}  // namespace hl
