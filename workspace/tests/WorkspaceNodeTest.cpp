@@ -129,6 +129,7 @@ TEST(WorkspaceNodeTest, ARestartedStoreReattachesEveryPaneToItsOwnShell) {
             << first->controller().isPolling();
 
         // One pane is closed before the restart.
+        store->selectWorkspace("project:" + project.id);
         store->selectPane(store->tabs()[0]->panes()[2]->id());
         closedSession = store->tabs()[0]->panes()[2]->sessionID()->toStdString();
         store->closeSelectedPane();
@@ -141,7 +142,7 @@ TEST(WorkspaceNodeTest, ARestartedStoreReattachesEveryPaneToItsOwnShell) {
     EXPECT_FALSE(nodeHolds(node, closedSession));
 
     auto store = build();
-    ASSERT_EQ(store->tabs().size(), 2u);
+    ASSERT_EQ(store->tabs().size(), 2u) << store->errorMessageText().toStdString();
     EXPECT_EQ(store->tabs()[0]->layout().signature(), "H(P,P)");
     for (auto* tab : store->tabs()) {
         for (auto* pane : tab->panes()) {

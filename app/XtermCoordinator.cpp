@@ -1,0 +1,149 @@
+// XtermCoordinator: binding, the queue of writes before "ready", the deferred
+// start, script messages and the link check.
+#include "XtermCoordinator.h"
+
+#include <QDesktopServices>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QTimer>
+
+#include <cmath>
+
+namespace hl {
+
+const QStringList XtermCoordinator::scriptMessageHandlerNames = {"input", "resize", "openLink",
+                                                                 "ready"};
+
+const QString XtermCoordinator::assetsUnavailableDocument =
+    "<body style='background:#10131a;color:#ff7b72'>Terminal assets unavailable.</body>";
+
+namespace {
+
+// An integer member of a message body; absent when missing, fractional or not a number.
+std::optional<int> integerMember(const QJsonObject& body, const char* key) {
+    const QJsonValue value = body.value(key);
+    if (!value.isDouble()) return std::nullopt;
+    const double number = value.toDouble();
+    if (std::floor(number) != number || std::abs(number) > 1e9) return std::nullopt;
+    return static_cast<int>(number);
+}
+
+}  // namespace
+
+XtermCoordinator::XtermCoordinator(TerminalController* controller, DeferStart deferStart,
+                                   QObject* parent)
+    : TerminalSurface(parent), controller_(controller), deferStart_(std::move(deferStart)) {
+    if (!deferStart_) {
+        deferStart_ = [this](std::function<void()> work) {
+            QTimer::singleShot(0, this, std::move(work));
+        };
+    }
+    openExternal = [](const QUrl& url) { QDesktopServices::openUrl(url); };
+}
+
+void XtermCoordinator::bind(TerminalController* next) {
+    if (controller_.data() != next) {
+        if (controller_ && controller_->surface() == this) controller_->setSurface(nullptr);
+        controller_ = next;
+        pending_.clear();
+        startRequestedFor_ = nullptr;
+    }
+    if (next && next->surface() != this) next->setSurface(this);
+    if (ready_ && next) requestDeferredStart(next);
+}
+
+void XtermCoordinator::detach() {
+    if (controller_ && controller_->surface() == this) controller_->setSurface(nullptr);
+    controller_ = nullptr;
+    pending_.clear();
+    ready_ = false;
+    startRequestedFor_ = nullptr;
+    pendingStartController_ = nullptr;
+}
+
+void XtermCoordinator::requestDeferredStart(TerminalController* target) {
+    if (startRequestedFor_ && startRequestedFor_.data() == target) return;
+    startRequestedFor_ = target;
+    pendingStartController_ = target;
+    if (startIsScheduled_) return;
+    startIsScheduled_ = true;
+    QPointer<XtermCoordinator> self(this);
+    deferStart_([self] {
+        if (!self) return;
+        self->startIsScheduled_ = false;
+        TerminalController* target = self->pendingStartController_.data();
+        self->pendingStartController_ = nullptr;
+        if (self->ready_ && target && target == self->controller_.data()) target->start();
+    });
+}
+
+void XtermCoordinator::terminalDidBecomeReady() {
+    ready_ = true;
+    auto queued = std::move(pending_);
+    pending_.clear();
+    for (const auto& [base64, replace] : queued)
+        write(base64, replace);
+    if (controller_) requestDeferredStart(controller_.data());
+}
+
+void XtermCoordinator::write(const QString& base64, bool replace) {
+    if (!ready_) {
+        pending_.emplace_back(base64, replace);
+        return;
+    }
+    evaluate("window.harborlattice.writeBase64(" + json(base64) + ", " +
+             (replace ? "true" : "false") + ")");
+}
+
+void XtermCoordinator::focus() {
+    evaluate("window.harborlattice.focus()");
+}
+
+void XtermCoordinator::resignFocus() {
+    evaluate("window.harborlattice.blur()");
+}
+
+void XtermCoordinator::search(const QString& text, bool backwards) {
+    evaluate("window.harborlattice.search(" + json(text) + ", " + (backwards ? "true" : "false") +
+             ")");
+}
+
+void XtermCoordinator::evaluate(const QString& script) {
+    if (page_) page_->evaluate(script);
+}
+
+void XtermCoordinator::didReceiveScriptMessage(const QString& name, const QJsonValue& body) {
+    if (name == "input") {
+        if (body.isString() && controller_)
+            controller_->terminalSurfaceDidReceiveInput(body.toString());
+    } else if (name == "resize") {
+        if (!body.isObject()) return;
+        const auto columns = integerMember(body.toObject(), "cols");
+        const auto rows = integerMember(body.toObject(), "rows");
+        if (columns && rows && controller_) controller_->terminalSurfaceDidResize(*columns, *rows);
+    } else if (name == "openLink") {
+        if (!body.isString()) return;
+        if (auto url = safeExternalURL(body.toString())) openExternal(*url);
+    } else if (name == "ready") {
+        terminalDidBecomeReady();
+    }
+}
+
+std::optional<QUrl> XtermCoordinator::safeExternalURL(const QString& text) {
+    const QUrl url(text, QUrl::StrictMode);
+    if (!url.isValid() || url.scheme().isEmpty()) return std::nullopt;
+    const QString scheme = url.scheme().toLower();
+    if (scheme != "http" && scheme != "https") return std::nullopt;
+    if (url.host().isEmpty()) return std::nullopt;
+    return url;
+}
+
+QString XtermCoordinator::json(const QString& text) {
+    const QByteArray encoded = QJsonDocument(QJsonArray{text}).toJson(QJsonDocument::Compact);
+    const QString literal = QString::fromUtf8(encoded);
+    if (literal.size() < 2) return QStringLiteral("\"\"");
+    return literal.mid(1, literal.size() - 2);
+}
+
+}  // namespace hl

@@ -1,0 +1,93 @@
+// XtermCoordinator: the host side of one terminal document. It is the
+// controller's TerminalSurface, carries text both ways between the controller
+// and the page, and decides when the controller may start: only once the
+// document has said "ready", and never inside the update that bound it.
+// It drives the page through the small TerminalWebPage seam, so that its logic
+// runs against a substitute page in tests and against Qt WebEngine in the app.
+#pragma once
+
+#include <QJsonValue>
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <QUrl>
+
+#include <functional>
+#include <optional>
+#include <utility>
+#include <vector>
+
+#include "TerminalController.h"
+#include "TerminalSurface.h"
+
+namespace hl {
+
+// What the coordinator needs of a page: evaluate script text, result dropped.
+class TerminalWebPage : public QObject {
+    Q_OBJECT
+  public:
+    using QObject::QObject;
+    virtual void evaluate(const QString& script) = 0;
+};
+
+class XtermCoordinator : public TerminalSurface {
+    Q_OBJECT
+  public:
+    // The names of the page's message channels, in order.
+    static const QStringList scriptMessageHandlerNames;
+    // The document shown in place of the terminal when its assets cannot be found.
+    static const QString assetsUnavailableDocument;
+
+    using DeferStart = std::function<void(std::function<void()>)>;
+
+    // `deferStart` runs a function later on the main thread; empty means the
+    // next turn of the event loop.
+    explicit XtermCoordinator(TerminalController* controller, DeferStart deferStart = {},
+                              QObject* parent = nullptr);
+
+    void setWebPage(TerminalWebPage* page) { page_ = page; }
+    TerminalController* controller() const { return controller_.data(); }
+    bool isReady() const { return ready_; }
+    // Writes that wait for "ready": base64 text and whether it replaces the screen.
+    const std::vector<std::pair<QString, bool>>& pending() const { return pending_; }
+
+    // Takes over `next`: drops what was queued for another controller and
+    // becomes `next`'s surface (which repaints it from its history).
+    void bind(TerminalController* next);
+    // Lets go of the controller and forgets the document's state.
+    void detach();
+    // A message posted by the page on one of its channels.
+    void didReceiveScriptMessage(const QString& name, const QJsonValue& body);
+    void terminalDidBecomeReady();
+
+    // Opens an accepted link; the default uses the desktop's handler.
+    std::function<void(const QUrl&)> openExternal;
+
+    // An http or https URL with a host, unchanged; absent for anything else.
+    static std::optional<QUrl> safeExternalURL(const QString& text);
+    // The text as a JavaScript string literal.
+    static QString json(const QString& text);
+
+    // TerminalSurface
+    void write(const QString& base64) override { write(base64, false); }
+    void replaceWithReplay(const QString& base64) override { write(base64, true); }
+    void focus() override;
+    void resignFocus() override;
+    void search(const QString& text, bool backwards) override;
+
+  private:
+    void write(const QString& base64, bool replace);
+    void requestDeferredStart(TerminalController* target);
+    void evaluate(const QString& script);
+
+    QPointer<TerminalController> controller_;
+    QPointer<TerminalWebPage> page_;
+    bool ready_ = false;
+    std::vector<std::pair<QString, bool>> pending_;
+    DeferStart deferStart_;
+    QPointer<TerminalController> startRequestedFor_;
+    QPointer<TerminalController> pendingStartController_;
+    bool startIsScheduled_ = false;
+};
+
+}  // namespace hl

@@ -1,0 +1,39 @@
+// XtermWebView: the terminal renderer widget. It hosts the terminal document in
+// Qt WebEngine, gives the page `window.webkit.messageHandlers` over a web
+// channel (queueing posts made before the channel is up), loads only the
+// document itself, and lets an XtermCoordinator drive it.
+#pragma once
+
+#include <QWidget>
+
+#include <memory>
+
+#include "XtermCoordinator.h"
+
+class QWebEngineView;
+
+namespace hl {
+
+class XtermWebView : public QWidget {
+    Q_OBJECT
+  public:
+    explicit XtermWebView(TerminalController* controller, QWidget* parent = nullptr);
+    ~XtermWebView() override;
+
+    // Hands this view to another controller.
+    void bind(TerminalController* controller);
+    XtermCoordinator& coordinator() { return *coordinator_; }
+    QWebEngineView* webView() const { return view_; }
+
+    // The composed document, or the one-line page shown when assets are missing.
+    static QString document();
+
+  private:
+    QWebEngineView* view_;
+    XtermCoordinator* coordinator_;
+};
+
+// The script run at document creation that defines the page's message handlers.
+QString messageHandlerBridgeScript();
+
+}  // namespace hl

@@ -1,0 +1,507 @@
+// TerminalController: the attach decision and its status texts, the retries,
+// input and resize, and the output path (poll loop, batches, history, repaint).
+#include "TerminalController.h"
+
+#include <time.h>
+
+#include <QTimer>
+
+#include <algorithm>
+#include <string_view>
+#include <utility>
+
+#include "Base64.h"
+#include "NodeSupervisor.h"
+#include "PollingToken.h"
+
+namespace hl {
+
+namespace {
+
+const char* const cwdMismatchText = "session cwd mismatch";
+
+QString text(const char* utf8) {
+    return QString::fromUtf8(utf8);
+}
+
+// Monotonic uptime in milliseconds.
+std::uint64_t uptimeMilliseconds() {
+    timespec now{};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    const auto nanoseconds = static_cast<std::uint64_t>(now.tv_sec) * 1000000000ULL +
+                             static_cast<std::uint64_t>(now.tv_nsec);
+    return nanoseconds / 1000000ULL;
+}
+
+// The last `limit` bytes of `bytes`.
+std::string_view tailOf(std::string_view bytes, std::int64_t limit) {
+    const auto size = static_cast<std::int64_t>(bytes.size());
+    return size > limit ? bytes.substr(static_cast<std::size_t>(size - limit)) : bytes;
+}
+
+}  // namespace
+
+struct TerminalController::AttachOutcome {
+    enum class Kind { Attached, SavedSessionUnavailable, CwdMismatch, Failed };
+    Kind kind = Kind::Failed;
+    std::string id;
+    bool exited = false;
+    std::optional<std::string> output;
+};
+
+TerminalController::TerminalController(std::optional<std::string> sessionID, std::string cwd,
+                                       bool isReplacementSession, bool allowReconnect,
+                                       bool sessionCreationIsAllowed,
+                                       std::function<bool()> directoryIsReady,
+                                       QString unavailableStatus, QString creationBlockedStatus,
+                                       std::shared_ptr<const NodeClientTransport> client,
+                                       TerminalControllerHooks hooks, QObject* parent)
+    : QObject(parent),
+      client_(client ? std::move(client) : std::make_shared<UnixSocketClient>()),
+      requestedCwd_(std::move(cwd)),
+      allowReconnect_(allowReconnect),
+      sessionCreationIsAllowed_(sessionCreationIsAllowed),
+      directoryIsReady_(directoryIsReady ? std::move(directoryIsReady) : [] { return true; }),
+      unavailableStatus_(std::move(unavailableStatus)),
+      creationBlockedStatus_(std::move(creationBlockedStatus)),
+      hooks_(std::move(hooks)),
+      status_(text("Connecting…")),
+      isReplacementSession_(isReplacementSession),
+      reconnectCandidate_(std::move(sessionID)) {
+    if (!hooks_.ensureNodeRunning)
+        hooks_.ensureNodeRunning = [] { NodeSupervisor::shared().ensureRunning(); };
+    if (!hooks_.nowMilliseconds) hooks_.nowMilliseconds = uptimeMilliseconds;
+    installMainThreadQueue();
+}
+
+// A controller dropped without close() or suspend() still stops its poll loop.
+TerminalController::~TerminalController() {
+    cancelPolling();
+}
+
+QString TerminalController::sessionIDText() const {
+    return sessionID_ ? QString::fromStdString(*sessionID_) : QString();
+}
+
+void TerminalController::start() {
+    if (started_ || closed_ || suspended_) return;
+    const bool directoryReady = directoryIsReady_();
+    const bool mayCreate = directoryReady && sessionCreationIsAllowed_;
+    const auto candidate = reconnectCandidate_;
+    if ((!candidate || !allowReconnect_) && !mayCreate) {
+        setStatus(directoryReady ? creationBlockedStatus_ : unavailableStatus_);
+        setIsConnected(false);
+        return;
+    }
+    started_ = true;
+    if (!candidate) {
+        setStatus(text(isStartingReplacement_ ? "Starting validated replacement…" : "Connecting…"));
+    } else {
+        setStatus(text(isReplacementSession_ ? "Reconnecting replacement…" : "Reconnecting…"));
+    }
+    runDetached([self = QPointer<TerminalController>(this), client = client_, cwd = requestedCwd_,
+                 candidate, allowReconnect = allowReconnect_, mayCreate] {
+        auto outcome = attach(*client, cwd, candidate, allowReconnect, mayCreate);
+        postToMainThread([self, outcome = std::move(outcome), candidate, mayCreate] {
+            if (auto* controller = self.data()) controller->finish(outcome, candidate, mayCreate);
+        });
+    });
+}
+
+TerminalController::AttachOutcome TerminalController::attach(
+    const NodeClientTransport& client, const std::string& cwd,
+    const std::optional<std::string>& candidate, bool allowReconnect, bool mayCreate) {
+    using Kind = AttachOutcome::Kind;
+    AttachOutcome outcome;
+    try {
+        if (candidate && allowReconnect) {
+            const auto listed = client.request("list_sessions")["session_ids"].arrayValue();
+            bool present = false;
+            for (const auto& value : listed.value_or(std::vector<JSONValue>{}))
+                present = present || value.stringValue() == *candidate;
+            if (!present) return {Kind::SavedSessionUnavailable, {}, false, {}};
+            NodeResponse reply;
+            try {
+                reply = client.request("replay_session",
+                                       {{"session_id", *candidate}, {"expected_cwd", cwd}});
+            } catch (const NodeClientError& error) {
+                if (error.kind() == NodeClientError::Kind::Daemon &&
+                    error.daemonText() == cwdMismatchText)
+                    return {Kind::CwdMismatch, {}, false, {}};
+                throw;
+            }
+            if (!replayCwdMatches(reply, cwd)) return {Kind::CwdMismatch, {}, false, {}};
+            outcome.kind = Kind::Attached;
+            outcome.id = *candidate;
+            outcome.output = reply["output_base64"].stringValue();
+            outcome.exited = reply["exited"].boolValue().value_or(false);
+            return outcome;
+        }
+        if (!mayCreate) return {Kind::SavedSessionUnavailable, {}, false, {}};
+        const auto created =
+            client.request("create_session",
+                           {{"cwd", cwd}, {"cols", std::int64_t{120}}, {"rows", std::int64_t{36}}});
+        const auto id = created["session_id"].stringValue();
+        if (!id) throw NodeClientError::invalidResponse();
+        outcome.kind = Kind::Attached;
+        outcome.id = *id;
+        return outcome;
+    } catch (...) {
+        // An absent node, a refusal and a reply that makes no sense all retry.
+        return {Kind::Failed, {}, false, {}};
+    }
+}
+
+bool TerminalController::replayCwdMatches(const NodeResponse& reply,
+                                          const std::string& requestedCwd) {
+    return reply["cwd"].stringValue() == requestedCwd;
+}
+
+// The end of a start's background work, back on the main thread.
+void TerminalController::finish(const AttachOutcome& outcome,
+                                const std::optional<std::string>& candidate, bool mayCreate) {
+    switch (outcome.kind) {
+        case AttachOutcome::Kind::Attached:
+            if (!attachResult(outcome.id, outcome.exited, candidate, outcome.output) &&
+                onCloseRequired)
+                onCloseRequired(outcome.id);
+            break;
+        case AttachOutcome::Kind::SavedSessionUnavailable:
+            finishUnavailableReconnect(mayCreate);
+            break;
+        case AttachOutcome::Kind::CwdMismatch:
+            mismatchResult(mayCreate);
+            break;
+        case AttachOutcome::Kind::Failed:
+            retryResult();
+            break;
+    }
+}
+
+bool TerminalController::attachResult(const std::string& id, bool exited,
+                                      const std::optional<std::string>& candidate,
+                                      const std::optional<std::string>& output) {
+    if (suspended_ && !closed_) {
+        // The session stays alive on the node for a later controller.
+        setSessionID(id);
+        reconnectCandidate_ = id;
+        setIsConnected(false);
+        if (onSessionReady) onSessionReady(id);
+        return true;
+    }
+    if (!started_ || closed_) return false;
+    setSessionID(id);
+    reconnectCandidate_ = id;
+    unavailableNodeRetryAttempted_ = false;
+    setIsConnected(!exited);
+    const bool reattached = candidate == id;
+    setIsReplacementSession(isReplacementSession_ || (!reattached && isStartingReplacement_));
+    const char* next = nullptr;
+    if (exited) {
+        next = isReplacementSession_ ? "Replacement exited · saved session was lost" : "Exited";
+    } else if (reattached) {
+        next = isReplacementSession_ ? "Replacement reconnected · original session was lost"
+                                     : "Reconnected";
+    } else {
+        next =
+            isStartingReplacement_ ? "Replacement connected · saved session was lost" : "Connected";
+    }
+    setStatus(text(next));
+    isStartingReplacement_ = false;
+    if (output && !output->empty()) receiveReplay(*output);
+    if (!exited) startPolling();
+    if (onSessionReady) onSessionReady(id);
+    return true;
+}
+
+// The saved session is not on the node.
+void TerminalController::finishUnavailableReconnect(bool mayCreate) {
+    if (closed_ || suspended_) return;
+    if (mayCreate) {
+        reconnectCandidate_.reset();
+        isStartingReplacement_ = true;
+        started_ = false;
+        setStatus(text("Saved session unavailable · starting validated replacement"));
+        start();
+        return;
+    }
+    started_ = false;
+    setSessionID(std::nullopt);
+    setIsConnected(false);
+    const bool blocked = directoryIsReady_() && !sessionCreationIsAllowed_;
+    setStatus(blocked ? creationBlockedStatus_ : unavailableStatus_);
+}
+
+// The saved session lives in another directory; it is left alone, not closed.
+void TerminalController::mismatchResult(bool mayCreate) {
+    if (closed_ || suspended_) return;
+    started_ = false;
+    setSessionID(std::nullopt);
+    setIsConnected(false);
+    if (mayCreate) {
+        reconnectCandidate_.reset();
+        isStartingReplacement_ = true;
+        setStatus(text("Saved session cwd mismatch · starting replacement"));
+        start();
+    } else {
+        setStatus(text("Saved session cwd mismatch · reattach blocked"));
+    }
+}
+
+void TerminalController::retryResult() {
+    if (closed_ || suspended_) return;
+    started_ = false;
+    setSessionID(std::nullopt);
+    setIsConnected(false);
+    setStatus(text("Node unavailable · retrying"));
+    hooks_.ensureNodeRunning();
+    scheduleRetry();
+}
+
+// A poll failed: reattach after the retry delay, once only while the directory is gone.
+void TerminalController::recover() {
+    if (!started_ || closed_) return;
+    started_ = false;
+    setSessionID(std::nullopt);
+    setIsConnected(false);
+    if (!directoryIsReady_() && unavailableNodeRetryAttempted_) {
+        setStatus(unavailableStatus_);
+        return;
+    }
+    if (!directoryIsReady_()) unavailableNodeRetryAttempted_ = true;
+    setStatus(text("Node unavailable · reconnecting"));
+    hooks_.ensureNodeRunning();
+    scheduleRetry();
+}
+
+// The shell has ended. A late report after close() or suspend() changes nothing.
+void TerminalController::markExited() {
+    if (closed_ || suspended_) return;
+    polling_.reset();
+    setIsConnected(false);
+    setStatus(
+        text(isReplacementSession_ ? "Replacement exited · saved session was lost" : "Exited"));
+}
+
+void TerminalController::scheduleRetry() {
+    // Bound to this object: a controller that is gone receives nothing.
+    QTimer::singleShot(hooks_.retryDelay, this, [this] { start(); });
+}
+
+void TerminalController::cancelPolling() {
+    if (polling_) polling_->cancel();
+    polling_.reset();
+}
+
+void TerminalController::close() {
+    if (closed_) return;
+    closed_ = true;
+    started_ = false;
+    wantsFocus_ = false;
+    if (surface_) surface_->resignFocus();
+    cancelPolling();
+    const auto id = sessionID_ ? sessionID_ : reconnectCandidate_;
+    setSessionID(std::nullopt);
+    reconnectCandidate_.reset();
+    setIsConnected(false);
+    setIsReplacementSession(false);
+    setStatus(text("Closed"));
+    onSessionReady = nullptr;
+    if (id && onCloseRequired) onCloseRequired(*id);
+}
+
+void TerminalController::suspend() {
+    if (closed_) return;
+    suspended_ = true;
+    wantsFocus_ = false;
+    if (surface_) surface_->resignFocus();
+    setSurface(nullptr);
+    cancelPolling();
+    if (sessionID_) reconnectCandidate_ = sessionID_;
+    started_ = false;
+    setIsConnected(false);
+    setStatus(text("Suspended locally · terminal remains on this Mac"));
+}
+
+void TerminalController::requestFocus() {
+    if (closed_ || suspended_) return;
+    wantsFocus_ = true;
+    if (!started_) start();
+    if (surface_) surface_->focus();
+}
+
+void TerminalController::resignFocus() {
+    wantsFocus_ = false;
+    if (surface_) surface_->resignFocus();
+}
+
+void TerminalController::terminalSurfaceDidReceiveInput(const QString& input) {
+    if (!sessionID_) return;
+    const QByteArray bytes = input.toUtf8();
+    auto encoded = base64::encode(std::string_view(bytes.constData(), bytes.size()));
+    inputQueue_.enqueue(
+        [client = client_, id = *sessionID_, encoded = std::move(encoded), token = polling_] {
+            try {
+                client->request("input", {{"session_id", id}, {"input_base64", encoded}});
+            } catch (...) {
+                // The poll loop is what notices a lost node.
+            }
+            if (token) token->wake();
+        });
+}
+
+void TerminalController::terminalSurfaceDidResize(int columns, int rows) {
+    if (!sessionID_) return;
+    inputQueue_.enqueue([client = client_, id = *sessionID_, columns, rows] {
+        try {
+            client->request("resize", {{"session_id", id},
+                                       {"cols", std::int64_t{columns}},
+                                       {"rows", std::int64_t{rows}}});
+        } catch (...) {
+        }
+    });
+}
+
+// Polls one session until the token is cancelled, the node fails or the shell
+// exits. Holds the controller only weakly: every delivery re-checks it on the
+// main thread.
+void TerminalController::pollLoop(QPointer<TerminalController> controller,
+                                  std::shared_ptr<const NodeClientTransport> client,
+                                  std::string sessionID, std::shared_ptr<PollingToken> token,
+                                  TerminalControllerHooks settings) {
+    TerminalOutputBatcher batcher(settings.targetLatencyMilliseconds);
+    const auto deliver = [&controller](std::vector<std::string> batches) {
+        if (batches.empty()) return;
+        postToMainThread([controller, batches = std::move(batches)] {
+            for (const auto& batch : batches) {
+                if (auto* c = controller.data()) c->receive(batch);
+            }
+        });
+    };
+    const NodeRequestData request{{"session_id", sessionID}};
+    for (;;) {
+        if (token->isCancelled()) {
+            deliver(batcher.flush());
+            return;
+        }
+        NodeResponse reply;
+        try {
+            reply = client->request("poll", request);
+        } catch (...) {
+            token->cancel();
+            deliver(batcher.flush());
+            postToMainThread([controller] {
+                if (auto* c = controller.data()) c->recover();
+            });
+            continue;
+        }
+        const auto output = reply["output_base64"].stringValue();
+        deliver(batcher.ingest(output, settings.nowMilliseconds()));
+        if (reply["exited"].boolValue() == true) {
+            token->cancel();
+            deliver(batcher.flush());
+            postToMainThread([controller] {
+                if (auto* c = controller.data()) c->markExited();
+            });
+            return;
+        }
+        token->wait(output && !output->empty() ? settings.busyPollInterval
+                                               : settings.idlePollInterval);
+    }
+}
+
+void TerminalController::startPolling() {
+    if (!sessionID_) return;
+    cancelPolling();
+    polling_ = std::make_shared<PollingToken>();
+    // A thread of its own, so that no queue of other work can hold it up.
+    runDetached([self = QPointer<TerminalController>(this), client = client_, id = *sessionID_,
+                 token = polling_, settings = hooks_]() mutable {
+        pollLoop(std::move(self), std::move(client), std::move(id), std::move(token),
+                 std::move(settings));
+    });
+}
+
+void TerminalController::receive(const std::string& base64) {
+    retain(base64);
+    if (surface_) surface_->write(QString::fromLatin1(base64.data(), qsizetype(base64.size())));
+}
+
+void TerminalController::retain(const std::string& base64) {
+    const auto bytes = base64::decode(base64);
+    if (!bytes || bytes->empty()) return;
+    const auto size = static_cast<std::int64_t>(bytes->size());
+    if (size > maximumHistoryBytes) {
+        const auto tail = tailOf(*bytes, maximumHistoryBytes);
+        rendererHistory_.clear();
+        rendererHistory_.push_back({base64::encode(tail), static_cast<std::int64_t>(tail.size())});
+        rendererHistoryBytes_ = static_cast<std::int64_t>(tail.size());
+        return;
+    }
+    rendererHistory_.push_back({base64, size});
+    rendererHistoryBytes_ += size;
+    while (rendererHistoryBytes_ > maximumHistoryBytes && !rendererHistory_.empty()) {
+        rendererHistoryBytes_ -= rendererHistory_.front().bytes;
+        rendererHistory_.pop_front();
+    }
+}
+
+void TerminalController::receiveReplay(const std::string& base64) {
+    const auto bytes = base64::decode(base64);
+    if (!bytes) return;
+    const auto tail = tailOf(*bytes, maximumHistoryBytes);
+    const auto encoded = base64::encode(tail);
+    rendererHistory_.clear();
+    if (!tail.empty())
+        rendererHistory_.push_back({encoded, static_cast<std::int64_t>(tail.size())});
+    rendererHistoryBytes_ = static_cast<std::int64_t>(tail.size());
+    if (surface_)
+        surface_->replaceWithReplay(QString::fromLatin1(encoded.data(), qsizetype(encoded.size())));
+}
+
+std::vector<std::string> TerminalController::rendererHistory() const {
+    std::vector<std::string> chunks;
+    chunks.reserve(rendererHistory_.size());
+    for (const auto& chunk : rendererHistory_)
+        chunks.push_back(chunk.base64);
+    return chunks;
+}
+
+void TerminalController::setSurface(TerminalSurface* surface) {
+    surface_ = surface;
+    if (!surface) return;
+    std::string bytes;
+    bytes.reserve(static_cast<std::size_t>(rendererHistoryBytes_));
+    for (const auto& chunk : rendererHistory_) {
+        if (auto decoded = base64::decode(chunk.base64)) bytes += *decoded;
+    }
+    const auto encoded = base64::encode(bytes);
+    surface->replaceWithReplay(QString::fromLatin1(encoded.data(), qsizetype(encoded.size())));
+    if (wantsFocus_ && surface_) surface_->focus();
+}
+
+void TerminalController::setStatus(const QString& status) {
+    if (status_ == status) return;
+    status_ = status;
+    emit statusChanged();
+}
+
+void TerminalController::setSessionID(const std::optional<std::string>& id) {
+    if (sessionID_ == id) return;
+    sessionID_ = id;
+    emit sessionIDChanged();
+}
+
+void TerminalController::setIsConnected(bool connected) {
+    if (isConnected_ == connected) return;
+    isConnected_ = connected;
+    emit isConnectedChanged();
+}
+
+void TerminalController::setIsReplacementSession(bool replacement) {
+    if (isReplacementSession_ == replacement) return;
+    isReplacementSession_ = replacement;
+    emit isReplacementSessionChanged();
+}
+
+}  // namespace hl

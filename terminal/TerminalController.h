@@ -1,0 +1,199 @@
+// TerminalController: one terminal session as a pane sees it. It decides how a
+// pane gets a shell (reattach to the saved session when the node still has it
+// in the pane's directory, start a validated replacement when it does not and
+// that is allowed, or stand still and say why), shows that on one status line,
+// forwards keystrokes and sizes to the node, polls the node for output and
+// keeps a bounded history from which a fresh renderer is repainted.
+//
+// Words used here: the *candidate* is the saved session id to try on the next
+// start; a *replacement* is a new session started because the saved one was
+// lost. The controller lives on the main thread; node requests run on detached
+// threads and their results re-check the controller's state on arrival.
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+#include <QString>
+#include <chrono>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "NodeClient.h"
+#include "TerminalOutputBatcher.h"
+#include "TerminalSurface.h"
+#include "TerminalThreads.h"
+
+namespace hl {
+
+class PollingToken;
+
+// What a controller needs besides its node: how to make sure a node runs, and
+// its pacing. The defaults are the product's; tests shorten them.
+struct TerminalControllerHooks {
+    // Called when the node did not answer; empty means NodeSupervisor::shared().ensureRunning().
+    std::function<void()> ensureNodeRunning;
+    std::chrono::milliseconds retryDelay{600};
+    std::chrono::milliseconds busyPollInterval{50};
+    std::chrono::milliseconds idlePollInterval{180};
+    std::uint64_t targetLatencyMilliseconds =
+        TerminalOutputBatcher::defaultTargetLatencyMilliseconds;
+    // Monotonic time in milliseconds, called on poll threads; empty means uptime.
+    std::function<std::uint64_t()> nowMilliseconds;
+};
+
+class TerminalController : public QObject, public TerminalSurfaceDelegate {
+    Q_OBJECT
+    Q_PROPERTY(QString status READ status NOTIFY statusChanged)
+    // The attached session's id; empty while there is none.
+    Q_PROPERTY(QString sessionID READ sessionIDText NOTIFY sessionIDChanged)
+    Q_PROPERTY(bool isConnected READ isConnected NOTIFY isConnectedChanged)
+    Q_PROPERTY(
+        bool isReplacementSession READ isReplacementSession NOTIFY isReplacementSessionChanged)
+
+  public:
+    static constexpr std::int64_t maximumHistoryBytes = 4194304;
+
+    // `sessionID` is the saved session to try first; `client` empty means a
+    // UnixSocketClient on the default socket; `directoryIsReady` empty means
+    // always ready. It must be callable from any thread.
+    TerminalController(std::optional<std::string> sessionID, std::string cwd,
+                       bool isReplacementSession = false, bool allowReconnect = true,
+                       bool sessionCreationIsAllowed = true,
+                       std::function<bool()> directoryIsReady = {},
+                       QString unavailableStatus =
+                           QStringLiteral("Working directory unavailable · focus to retry"),
+                       QString creationBlockedStatus =
+                           QStringLiteral("Saved workspace data is unsafe · new session blocked"),
+                       std::shared_ptr<const NodeClientTransport> client = {},
+                       TerminalControllerHooks hooks = {}, QObject* parent = nullptr);
+    ~TerminalController() override;
+
+    QString status() const { return status_; }
+    const std::optional<std::string>& sessionID() const { return sessionID_; }
+    QString sessionIDText() const;
+    bool isConnected() const { return isConnected_; }
+    bool isReplacementSession() const { return isReplacementSession_; }
+
+    const std::string& requestedCwd() const { return requestedCwd_; }
+    const std::optional<std::string>& reconnectCandidate() const { return reconnectCandidate_; }
+    bool wantsFocus() const { return wantsFocus_; }
+    bool isClosed() const { return closed_; }
+    bool isSuspended() const { return suspended_; }
+    // True while a poll loop belongs to this controller.
+    bool isPolling() const { return polling_ != nullptr; }
+
+    // The attached renderer, held weakly. Assigning one repaints it from the history.
+    TerminalSurface* surface() const { return surface_.data(); }
+    void setSurface(TerminalSurface* surface);
+
+    // The pane must store this id as its session.
+    std::function<void(const std::string&)> onSessionReady;
+    // The controller has let go of this id; the owner must see it closed on the node.
+    std::function<void(const std::string&)> onCloseRequired;
+
+    // Begins attaching, unless already started, closed or suspended.
+    void start();
+    // Ends this terminal for good and hands its session id to onCloseRequired.
+    void close();
+    // Stops touching the session but keeps it alive on the node and keeps its id.
+    void suspend();
+    // Wants the keyboard; starts the terminal if it is not started (the retry
+    // that "focus to retry" promises).
+    void requestFocus();
+    void resignFocus();
+
+    void terminalSurfaceDidReceiveInput(const QString& text) override;
+    void terminalSurfaceDidResize(int columns, int rows) override;
+
+    // Output path, on the main thread.
+    // Starts a poll loop for the attached session, replacing any running one.
+    void startPolling();
+    // One batch from the poll loop: kept in the history and written to the surface.
+    void receive(const std::string& base64);
+    // A replay from the node: replaces the history and the surface's content.
+    void receiveReplay(const std::string& base64);
+    // Keeps a batch in the history, dropping the oldest chunks past the cap.
+    void retain(const std::string& base64);
+
+    // The retained output as base64 chunks, oldest first.
+    std::vector<std::string> rendererHistory() const;
+    std::int64_t rendererHistoryBytes() const { return rendererHistoryBytes_; }
+
+  signals:
+    void statusChanged();
+    void sessionIDChanged();
+    void isConnectedChanged();
+    void isReplacementSessionChanged();
+
+  private:
+    struct AttachOutcome;
+    struct HistoryChunk {
+        std::string base64;
+        std::int64_t bytes;
+    };
+
+    // The blocking part of a start, on a detached thread.
+    static AttachOutcome attach(const NodeClientTransport& client, const std::string& cwd,
+                                const std::optional<std::string>& candidate, bool allowReconnect,
+                                bool mayCreate);
+    // The poll loop of one session, on a thread of its own.
+    static void pollLoop(QPointer<TerminalController> controller,
+                         std::shared_ptr<const NodeClientTransport> client, std::string sessionID,
+                         std::shared_ptr<PollingToken> token, TerminalControllerHooks settings);
+    static bool replayCwdMatches(const NodeResponse& reply, const std::string& requestedCwd);
+    void finish(const AttachOutcome& outcome, const std::optional<std::string>& candidate,
+                bool mayCreate);
+    // Takes the session on; false when the controller no longer wants it.
+    bool attachResult(const std::string& id, bool exited,
+                      const std::optional<std::string>& candidate,
+                      const std::optional<std::string>& output);
+    void finishUnavailableReconnect(bool mayCreate);
+    void mismatchResult(bool mayCreate);
+    void retryResult();
+    void recover();
+    void markExited();
+    // Calls start() after the retry delay, unless the controller is gone.
+    void scheduleRetry();
+    void cancelPolling();
+
+    void setStatus(const QString& status);
+    void setSessionID(const std::optional<std::string>& id);
+    void setIsConnected(bool connected);
+    void setIsReplacementSession(bool replacement);
+
+    std::shared_ptr<const NodeClientTransport> client_;
+    std::string requestedCwd_;
+    bool allowReconnect_;
+    bool sessionCreationIsAllowed_;
+    std::function<bool()> directoryIsReady_;
+    QString unavailableStatus_;
+    QString creationBlockedStatus_;
+    TerminalControllerHooks hooks_;
+
+    QString status_;
+    std::optional<std::string> sessionID_;
+    bool isConnected_ = false;
+    bool isReplacementSession_;
+
+    QPointer<TerminalSurface> surface_;
+    std::optional<std::string> reconnectCandidate_;
+    bool started_ = false;
+    bool closed_ = false;
+    bool suspended_ = false;
+    bool wantsFocus_ = false;
+    std::shared_ptr<PollingToken> polling_;
+    bool unavailableNodeRetryAttempted_ = false;
+    bool isStartingReplacement_ = false;
+    // Keeps input and resize requests in the order the renderer sent them.
+    SerialTaskQueue inputQueue_;
+
+    std::deque<HistoryChunk> rendererHistory_;
+    std::int64_t rendererHistoryBytes_ = 0;
+};
+
+}  // namespace hl

@@ -1,0 +1,63 @@
+// The terminal document: one HTML text with xterm.js, its addons, its style
+// sheet and this system's script inline, so the web view loads nothing else.
+// The script defines `window.harborlattice` (writeBase64, focus, blur, search)
+// for the host and posts "input", "resize", "openLink" and "ready" to it.
+#pragma once
+
+#include <array>
+#include <string>
+#include <string_view>
+
+namespace hl {
+
+namespace XtermConfiguration {
+
+inline constexpr bool macOptionIsMeta = true;
+inline constexpr bool screenReaderMode = false;
+
+// One of the sixteen ANSI colours: its member name in the theme and its value.
+struct AnsiColour {
+    std::string_view name;
+    std::string_view value;
+};
+
+inline constexpr std::array<AnsiColour, 16> ansiPalette{{
+    {"black", "#000000"},
+    {"red", "#cd0000"},
+    {"green", "#00cd00"},
+    {"yellow", "#cdcd00"},
+    {"blue", "#0000ee"},
+    {"magenta", "#cd00cd"},
+    {"cyan", "#00cdcd"},
+    {"white", "#e5e5e5"},
+    {"brightBlack", "#7f7f7f"},
+    {"brightRed", "#ff0000"},
+    {"brightGreen", "#00ff00"},
+    {"brightYellow", "#ffff00"},
+    {"brightBlue", "#5c5cff"},
+    {"brightMagenta", "#ff00ff"},
+    {"brightCyan", "#00ffff"},
+    {"brightWhite", "#ffffff"},
+}};
+
+// The theme as a script object literal: background, foreground, cursor and
+// selection first, then the palette in order, every value in single quotes.
+std::string theme();
+
+}  // namespace XtermConfiguration
+
+struct XtermView {
+    // The whole document for the contents of the five assets, which are put in
+    // as they are.
+    static std::string html(std::string_view js, std::string_view fit, std::string_view links,
+                            std::string_view search, std::string_view css);
+
+    // The script that creates the terminal, wires it to the host and posts "ready".
+    static std::string documentScript();
+
+    // Follows the enhanced keyboard protocol's flags (one stack per screen buffer)
+    // and gives Shift+Enter its enhanced encoding; expects `terminal` in scope.
+    static std::string_view enhancedKeyboardBridge();
+};
+
+}  // namespace hl

@@ -1,0 +1,273 @@
+// The controller against the real harborlattice-node over its real socket, with
+// real shells in real pseudo-terminals: typing and its echo through the poll
+// loop and the batcher, a node that dies and is started again, a shell that
+// exits, a second controller that reattaches, and a peer that answers nonsense.
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "NodeSupervisor.h"
+#include "TerminalController.h"
+#include "TerminalTestSupport.h"
+
+using namespace std::chrono_literals;
+using hl::TerminalController;
+using hl::test::RecordingSurface;
+using hl::test::spinFor;
+using hl::test::spinUntil;
+using hl::test::StatusLog;
+
+namespace {
+
+// Sets an environment variable for the life of the object.
+class ScopedEnv {
+  public:
+    ScopedEnv(std::string name, const std::string& value) : name_(std::move(name)) {
+        if (const char* previous = std::getenv(name_.c_str())) previous_ = previous;
+        ::setenv(name_.c_str(), value.c_str(), 1);
+    }
+    ~ScopedEnv() {
+        if (previous_)
+            ::setenv(name_.c_str(), previous_->c_str(), 1);
+        else
+            ::unsetenv(name_.c_str());
+    }
+
+  private:
+    std::string name_;
+    std::optional<std::string> previous_;
+};
+
+class RealNodeTest : public ::testing::Test {
+  protected:
+    RealNodeTest()
+        : socket(dir / "node.sock"), cwd((dir.path() / "work").string()), node(socket, dir.path()) {
+        std::filesystem::create_directories(cwd);
+    }
+
+    ~RealNodeTest() override {
+        for (auto& controller : controllers)
+            controller->close();
+        EXPECT_TRUE(hl::test::drainDetachedWork());
+        controllers.clear();
+        node.kill();
+        hl::test::killNodesServing(socket);
+    }
+
+    // A controller on the test's socket. Its ensure-running hook starts the
+    // test's node again if it is not running.
+    TerminalController& make(std::optional<std::string> sessionID, std::string directory = {},
+                             bool creationAllowed = true,
+                             std::shared_ptr<const hl::NodeClientTransport> client = {}) {
+        hl::TerminalControllerHooks hooks;
+        hooks.ensureNodeRunning = [this] {
+            if (restartNode && !node.running()) node.launch();
+        };
+        if (!client) client = std::make_shared<hl::UnixSocketClient>(socket);
+        controllers.push_back(std::make_unique<TerminalController>(
+            std::move(sessionID), directory.empty() ? cwd : directory, false, true, creationAllowed,
+            nullptr, QStringLiteral("Working directory unavailable · focus to retry"),
+            QStringLiteral("Saved workspace data is unsafe · new session blocked"), client, hooks));
+        auto& controller = *controllers.back();
+        controller.onSessionReady = [this](const std::string& id) { ready.push_back(id); };
+        controller.onCloseRequired = [this](const std::string& id) { closeRequired.push_back(id); };
+        return controller;
+    }
+
+    // Types `text` one key at a time, as a renderer would.
+    static void type(TerminalController& controller, const QString& text) {
+        for (const QChar key : text)
+            controller.terminalSurfaceDidReceiveInput(key);
+    }
+
+    static bool shows(const RecordingSurface& surface, const std::string& text,
+                      std::chrono::milliseconds timeout = 10s) {
+        return spinUntil([&] { return surface.shown.find(text) != std::string::npos; }, timeout);
+    }
+
+    hl::test::TempDir dir;
+    std::string socket;
+    std::string cwd;
+    hl::test::NodeProcess node;
+    std::vector<std::unique_ptr<TerminalController>> controllers;
+    std::vector<std::string> ready, closeRequired;
+    bool restartNode = true;
+};
+
+TEST_F(RealNodeTest, TypedCommandEchoesThroughThePollLoop) {
+    ASSERT_TRUE(node.start());
+    auto& c = make(std::nullopt);
+    StatusLog log(c);
+    RecordingSurface surface;
+    c.setSurface(&surface);
+    c.start();
+    ASSERT_TRUE(spinUntil([&] { return c.status() == "Connected"; }));
+    EXPECT_TRUE(c.isConnected());
+    ASSERT_EQ(ready.size(), 1u);
+    EXPECT_EQ(c.sessionID(), ready[0]);
+
+    type(c, "echo $((40+2)) $(pwd -P)\r");
+    ASSERT_TRUE(shows(surface, "42 " + cwd)) << surface.shown;
+    EXPECT_FALSE(surface.offMainThread);
+    EXPECT_GE(surface.writes.size(), 1u);
+
+    c.terminalSurfaceDidResize(91, 27);
+    type(c, "stty size\r");
+    ASSERT_TRUE(shows(surface, "27 91")) << surface.shown;
+
+    c.close();
+    EXPECT_EQ(closeRequired, ready);
+    EXPECT_EQ(log.texts, std::vector<std::string>({"Connected", "Closed"}));
+}
+
+TEST_F(RealNodeTest, NodeStartedAgainAfterItDiedGetsAValidatedReplacement) {
+    // The node is started by the real supervisor, from the environment, on this
+    // test's socket.
+    hl::test::TempDir data;
+    const ScopedEnv socketVariable("HARBORLATTICE_SOCKET", socket);
+    const ScopedEnv executableVariable("HARBORLATTICE_NODE_EXECUTABLE", hl::test::nodeExecutable());
+    const ScopedEnv dataVariable("XDG_DATA_HOME", data.path().string());
+    const ScopedEnv homeVariable("HOME", dir.path().string());
+    ASSERT_TRUE(node.start());
+    controllers.push_back(std::make_unique<TerminalController>(std::nullopt, cwd));
+    auto& c = *controllers.back();
+    c.onSessionReady = [this](const std::string& id) { ready.push_back(id); };
+    StatusLog log(c);
+    RecordingSurface surface;
+    c.setSurface(&surface);
+    c.start();
+    ASSERT_TRUE(spinUntil([&] { return c.status() == "Connected"; }));
+    const auto lost = *c.sessionID();
+
+    node.kill();
+    ASSERT_TRUE(spinUntil(
+        [&] { return c.status() == "Replacement connected · saved session was lost"; }, 20s))
+        << c.status().toStdString();
+    EXPECT_TRUE(log.sawInOrder({"Connected", "Node unavailable · reconnecting", "Reconnecting…",
+                                "Saved session unavailable · starting validated replacement",
+                                "Starting validated replacement…",
+                                "Replacement connected · saved session was lost"}));
+    EXPECT_TRUE(c.isReplacementSession());
+    EXPECT_TRUE(c.isConnected());
+    ASSERT_EQ(ready.size(), 2u);
+    EXPECT_NE(ready[1], lost);
+    EXPECT_EQ(c.sessionID(), ready[1]);
+
+    type(c, "echo $((6*7))\r");
+    EXPECT_TRUE(shows(surface, "42")) << surface.shown;
+    c.close();
+    // The supervisor's check reads the environment: it must be over before it changes back.
+    EXPECT_TRUE(spinUntil([] { return !hl::NodeSupervisor::shared().launchInFlight(); }));
+}
+
+TEST_F(RealNodeTest, ShellThatExitsStopsThePolling) {
+    ASSERT_TRUE(node.start());
+    auto counting = std::make_shared<hl::test::CountingTransport>(socket);
+    auto& c = make(std::nullopt, {}, true, counting);
+    RecordingSurface surface;
+    c.setSurface(&surface);
+    c.start();
+    ASSERT_TRUE(spinUntil([&] { return c.status() == "Connected"; }));
+    type(c, "echo goodbye; exit\r");
+    ASSERT_TRUE(spinUntil([&] { return c.status() == "Exited"; }));
+    EXPECT_FALSE(c.isConnected());
+    EXPECT_FALSE(c.isPolling());
+    EXPECT_NE(surface.shown.find("goodbye"), std::string::npos);
+    const int polls = counting->count("poll");
+    spinFor(500ms);  // more than two idle intervals
+    EXPECT_EQ(counting->count("poll"), polls);
+}
+
+TEST_F(RealNodeTest, SecondControllerReattachesAndReplaysTheHistory) {
+    ASSERT_TRUE(node.start());
+    auto& first = make(std::nullopt);
+    RecordingSurface firstSurface;
+    first.setSurface(&firstSurface);
+    first.start();
+    ASSERT_TRUE(spinUntil([&] { return first.status() == "Connected"; }));
+    type(first, "echo $((40+2))\r");
+    ASSERT_TRUE(shows(firstSurface, "42\r\n"));
+    first.suspend();
+    const auto saved = first.reconnectCandidate();
+    ASSERT_TRUE(saved.has_value());
+
+    // Another directory: refused by the node itself, and nothing is started.
+    auto& elsewhere = make(saved, dir.path().string(), false);
+    elsewhere.start();
+    ASSERT_TRUE(spinUntil(
+        [&] { return elsewhere.status() == "Saved session cwd mismatch · reattach blocked"; }));
+    EXPECT_EQ(elsewhere.reconnectCandidate(), saved);
+
+    auto& second = make(saved);
+    RecordingSurface secondSurface;
+    second.setSurface(&secondSurface);
+    second.start();
+    ASSERT_TRUE(spinUntil([&] { return second.status() == "Reconnected"; }));
+    EXPECT_EQ(second.sessionID(), saved);
+    ASSERT_FALSE(secondSurface.replays.empty());
+    EXPECT_NE(secondSurface.replays.back().find("42\r\n"), std::string::npos);
+    type(second, "echo $((50+5))\r");
+    EXPECT_TRUE(shows(secondSurface, "55\r\n"));
+    EXPECT_TRUE(closeRequired.empty());
+}
+
+// Answers every connection with a line that is no JSON.
+class NonsensePeer {
+  public:
+    explicit NonsensePeer(const std::string& path) {
+        listener_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
+        if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            ::listen(listener_, 16) != 0)
+            throw std::runtime_error("cannot listen");
+        thread_ = std::thread([this] {
+            for (;;) {
+                const int connection = ::accept(listener_, nullptr, nullptr);
+                if (connection < 0 || stopping_) {
+                    if (connection >= 0) ::close(connection);
+                    return;
+                }
+                ++answered_;
+                const char answer[] = "this is not json\n";
+                (void)!::write(connection, answer, sizeof answer - 1);
+                ::close(connection);
+            }
+        });
+    }
+    ~NonsensePeer() {
+        stopping_ = true;
+        ::shutdown(listener_, SHUT_RDWR);
+        thread_.join();
+        ::close(listener_);
+    }
+    int answered() const { return answered_; }
+
+  private:
+    int listener_ = -1;
+    std::atomic<bool> stopping_{false};
+    std::atomic<int> answered_{0};
+    std::thread thread_;
+};
+
+TEST_F(RealNodeTest, PeerAnsweringNonsenseIsAnUnavailableNodeAndLosesNothing) {
+    NonsensePeer peer(socket);
+    restartNode = false;
+    auto& c = make(std::string("saved-id"));
+    c.start();
+    ASSERT_TRUE(spinUntil([&] { return peer.answered() >= 2; }));
+    EXPECT_EQ(c.status(), "Node unavailable · retrying");
+    EXPECT_EQ(c.reconnectCandidate(), "saved-id");
+    EXPECT_FALSE(c.isConnected());
+    EXPECT_TRUE(ready.empty());
+    EXPECT_TRUE(closeRequired.empty());
+    c.close();
+    EXPECT_EQ(closeRequired, std::vector<std::string>{"saved-id"});
+}
+
+}  // namespace

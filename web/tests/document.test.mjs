@@ -1,0 +1,285 @@
+// The terminal document in a real Chromium: the document that
+// terminal_document_dump composes from the packaged assets, loaded as a data URL
+// with no base (as the host loads it), with window.webkit.messageHandlers
+// replaced by a recorder of posts. Checks the start-up order, writeBase64,
+// the keyboard bridge and links.
+import { after, before, beforeEach, afterEach, describe, test } from 'node:test';
+import assert from 'node:assert/strict';
+import { execFileSync } from 'node:child_process';
+import { chromium } from 'playwright-core';
+
+const chromiumPath = process.env.HARBORLATTICE_CHROMIUM ?? '/usr/bin/chromium';
+const dumpPath = process.env.TERMINAL_DOCUMENT_DUMP;
+const ESC = '\x1b';
+const shiftEnter = `${ESC}[13;2u`;
+const shiftEnterRepeat = `${ESC}[13;2:2u`;
+const shiftEnterRelease = `${ESC}[13;2:3u`;
+
+// The packaged copy only: a source checkout must not stand in for it.
+function composedDocument() {
+  assert.ok(dumpPath, 'TERMINAL_DOCUMENT_DUMP names the terminal_document_dump executable');
+  const env = { ...process.env };
+  delete env.HARBORLATTICE_ROOT;
+  return execFileSync(dumpPath, { env, maxBuffer: 16 * 1024 * 1024 });
+}
+
+// Installed before the document's own script: records every post in order and,
+// for "ready", what was in place at that moment.
+function recordPosts() {
+  const posts = [];
+  window.recordedPosts = posts;
+  window.webkit = { messageHandlers: {} };
+  for (const name of ['input', 'resize', 'openLink', 'ready']) {
+    window.webkit.messageHandlers[name] = {
+      postMessage(body) {
+        const post = { name, body: structuredClone(body) };
+        if (name === 'ready') {
+          const host = window.harborlattice ?? {};
+          post.inPlace = {
+            host: ['writeBase64', 'focus', 'blur', 'search'].every(
+              (operation) => typeof host[operation] === 'function'),
+            terminalOpen: document.querySelector('#terminal .xterm') !== null,
+            outputLabel: document.querySelector('#terminal .xterm')?.getAttribute('aria-label'),
+            inputLabel: document.querySelector('#terminal textarea')?.getAttribute('aria-label'),
+          };
+        }
+        posts.push(post);
+      },
+    };
+  }
+}
+
+let browser;
+let documentUrl;
+let context;
+let page;
+let requests;
+let pageErrors;
+
+before(async () => {
+  documentUrl = `data:text/html;charset=utf-8;base64,${composedDocument().toString('base64')}`;
+  browser = await chromium.launch({
+    executablePath: chromiumPath,
+    args: ['--headless', '--no-sandbox', '--disable-gpu', '--disable-quic', '--no-first-run',
+      '--disable-background-networking', '--disable-component-update', '--disable-sync'],
+  });
+});
+
+after(async () => {
+  await browser?.close();
+});
+
+beforeEach(async () => {
+  context = await browser.newContext({ viewport: { width: 800, height: 400 } });
+  page = await context.newPage();
+  requests = [];
+  pageErrors = [];
+  page.on('request', (request) => requests.push(request.url()));
+  page.on('pageerror', (error) => pageErrors.push(error.message));
+  await page.addInitScript(recordPosts);
+  await page.goto(documentUrl);
+  await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'ready'));
+});
+
+afterEach(async () => {
+  await context.close();
+});
+
+const posts = () => page.evaluate(() => window.recordedPosts);
+const clearPosts = () => page.evaluate(() => { window.recordedPosts.length = 0; });
+const inputs = async () => (await posts()).filter((post) => post.name === 'input').map((post) => post.body);
+
+// Hands bytes to writeBase64 and waits until the terminal has parsed them.
+async function writeBytes(bytes, replace = false) {
+  const value = Buffer.from(bytes).toString('base64');
+  await page.evaluate(([value, replace]) => new Promise((resolve) => {
+    window.harborlattice.writeBase64(value, replace);
+    terminal.write('', resolve);
+  }), [value, replace]);
+}
+const write = (text, replace = false) => writeBytes(Buffer.from(text, 'utf8'), replace);
+
+const stacks = () => page.evaluate(() => ({
+  normal: [...keyboardProtocolFlagStacks.normal],
+  alternate: [...keyboardProtocolFlagStacks.alternate],
+}));
+const line = (row) => page.evaluate((row) => terminal.buffer.active.getLine(row).translateToString(true), row);
+
+// The input posted for one Shift+Enter (or other chord) typed into the focused terminal.
+async function typed(chord) {
+  await page.evaluate(() => window.harborlattice.focus());
+  await clearPosts();
+  await page.keyboard.press(chord);
+  return inputs();
+}
+
+describe('start-up', () => {
+  test('"ready" is posted once, last, with the terminal and the host interface in place', async () => {
+    const all = await posts();
+    const readyAt = all.findIndex((post) => post.name === 'ready');
+    assert.equal(all.filter((post) => post.name === 'ready').length, 1);
+    assert.equal(all[readyAt].body, '');
+    assert.deepEqual(all[readyAt].inPlace, {
+      host: true, terminalOpen: true, outputLabel: 'Terminal output', inputLabel: 'Terminal input',
+    });
+    // The first fit resizes the terminal to the page before "ready".
+    const before = all.slice(0, readyAt);
+    const resize = before.find((post) => post.name === 'resize');
+    assert.ok(resize, `a resize before "ready": ${JSON.stringify(before)}`);
+    assert.ok(Number.isInteger(resize.body.cols) && resize.body.cols > 20, JSON.stringify(resize));
+    assert.ok(Number.isInteger(resize.body.rows) && resize.body.rows > 5, JSON.stringify(resize));
+    assert.ok(all.slice(readyAt + 1).every((post) => post.name === 'resize'));
+  });
+
+  test('the document loads nothing and raises nothing', async () => {
+    assert.deepEqual(requests.filter((url) => !url.startsWith('data:')), []);
+    assert.deepEqual(pageErrors, []);
+  });
+});
+
+describe('writeBase64', () => {
+  test('joins a UTF-8 character split across two batches', async () => {
+    const euro = Buffer.from('€', 'utf8');
+    const shell = Buffer.from('🐚', 'utf8');
+    await writeBytes(Buffer.concat([Buffer.from('A'), euro.subarray(0, 2)]));
+    await writeBytes(Buffer.concat([euro.subarray(2), Buffer.from('B'), shell.subarray(0, 1)]));
+    await writeBytes(Buffer.concat([shell.subarray(1), Buffer.from('C')]));
+    assert.equal(await line(0), 'A€B🐚C');
+  });
+
+  test('a replace write clears what was there before writing', async () => {
+    await write('old output\r\nsecond line');
+    await write('new', true);
+    assert.equal(await line(0), 'new');
+    assert.equal(await line(1), '');
+  });
+
+  test('search finds forwards and backwards through the search addon', async () => {
+    await write('alpha needle beta');
+    assert.equal(await page.evaluate(() => window.harborlattice.search('needle', false)), true);
+    assert.equal(await page.evaluate(() => window.harborlattice.search('needle', true)), true);
+    assert.equal(await page.evaluate(() => window.harborlattice.search('absent', false)), false);
+  });
+});
+
+describe('keyboard bridge stacks', () => {
+  test('sixty-five pushes keep 64 entries, the base and the most recent on top; pops', async () => {
+    let pushes = '';
+    for (let flags = 1; flags <= 65; flags += 1) pushes += `${ESC}[>${flags}u`;
+    await write(pushes);
+    const expected = [0, ...Array.from({ length: 63 }, (_, i) => i + 3)];
+    assert.deepEqual((await stacks()).normal, expected);
+
+    await write(`${ESC}[<u`);
+    assert.deepEqual((await stacks()).normal, expected.slice(0, -1));
+    await write(`${ESC}[<2u`);
+    assert.deepEqual((await stacks()).normal, expected.slice(0, -3));
+    await write(`${ESC}[<100u`);
+    assert.deepEqual(await stacks(), { normal: [0], alternate: [0] });
+    await write(`${ESC}[<u`);
+    assert.deepEqual((await stacks()).normal, [0]);
+  });
+
+  test('flags pushed in the alternate buffer stay there', async () => {
+    await write(`${ESC}[?1049h${ESC}[>1u`);
+    assert.deepEqual(await stacks(), { normal: [0], alternate: [0, 1] });
+    assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
+
+    await write(`${ESC}[?1049l`);
+    assert.deepEqual(await typed('Shift+Enter'), ['\r']);
+
+    await write(`${ESC}[?1049h`);
+    assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
+    assert.deepEqual(await stacks(), { normal: [0], alternate: [0, 1] });
+  });
+
+  test('a replace write and a full reset cut both stacks back to their base', async () => {
+    await write(`${ESC}[>1u${ESC}[>9u${ESC}[?1049h${ESC}[>8u`);
+    assert.deepEqual(await stacks(), { normal: [0, 1, 9], alternate: [0, 8] });
+    await write('replayed text', true);
+    assert.deepEqual(await stacks(), { normal: [0], alternate: [0] });
+    assert.deepEqual(await typed('Shift+Enter'), ['\r']);
+
+    await write(`replayed ${ESC}[>1u`, true);
+    assert.deepEqual(await stacks(), { normal: [0, 1], alternate: [0] });
+    assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
+
+    await write(`${ESC}[?1049h${ESC}[>3u${ESC}c`);
+    assert.deepEqual(await stacks(), { normal: [0], alternate: [0] });
+    assert.deepEqual(await typed('Shift+Enter'), ['\r']);
+  });
+});
+
+describe('Shift+Enter', () => {
+  // Shift down, Enter held for `repeats` auto-repeats, then both released.
+  async function heldShiftEnter(repeats) {
+    await page.evaluate(() => window.harborlattice.focus());
+    await clearPosts();
+    await page.keyboard.down('Shift');
+    for (let i = 0; i <= repeats; i += 1) await page.keyboard.down('Enter');
+    await page.keyboard.up('Enter');
+    await page.keyboard.up('Shift');
+    return inputs();
+  }
+
+  test('with flags 1: the first sequence on each press, nothing on release', async () => {
+    await write(`${ESC}[>1u`);
+    assert.deepEqual(await heldShiftEnter(0), [shiftEnter]);
+    assert.deepEqual(await heldShiftEnter(2), [shiftEnter, shiftEnter, shiftEnter]);
+  });
+
+  test('with flags 1+2+8: press, repeats, then release', async () => {
+    await write(`${ESC}[>11u`);
+    assert.deepEqual(await heldShiftEnter(2),
+      [shiftEnter, shiftEnterRepeat, shiftEnterRepeat, shiftEnterRelease]);
+  });
+
+  test('with flags 8 alone it is encoded, but no release without event types', async () => {
+    await write(`${ESC}[>8u`);
+    assert.deepEqual(await heldShiftEnter(1), [shiftEnter, shiftEnter]);
+  });
+
+  test('with flags 2 alone, and for other chords, the terminal answers as usual', async () => {
+    const usualCtrlShiftEnter = await typed('Control+Shift+Enter');
+    const usualAltShiftEnter = await typed('Alt+Shift+Enter');
+    await write(`${ESC}[>2u`);
+    assert.deepEqual(await heldShiftEnter(1), ['\r', '\r']);
+
+    await write(`${ESC}[>11u`);
+    assert.deepEqual(await typed('Enter'), ['\r']);
+    assert.deepEqual(await typed('Control+Shift+Enter'), usualCtrlShiftEnter);
+    assert.deepEqual(await typed('Alt+Shift+Enter'), usualAltShiftEnter);
+    assert.ok(!usualCtrlShiftEnter.join('').includes('[13;'), JSON.stringify(usualCtrlShiftEnter));
+  });
+});
+
+describe('links', () => {
+  test('a clicked link is posted as "openLink" and opened nowhere', async () => {
+    const url = 'https://harborlattice.test/docs?topic=links';
+    await write(`see ${url} here`);
+    const popups = [];
+    context.on('page', (popup) => popups.push(popup.url()));
+    await clearPosts();
+
+    const box = await page.locator('#terminal .xterm-screen').boundingBox();
+    const size = await page.evaluate(() => ({ cols: terminal.cols, rows: terminal.rows }));
+    const cell = { width: box.width / size.cols, height: box.height / size.rows };
+    const x = box.x + (4 + 10) * cell.width + cell.width / 2;
+    const y = box.y + cell.height / 2;
+    await page.mouse.move(x, y + 1);
+    await page.mouse.move(x, y);
+    await page.waitForFunction(
+      () => document.querySelector('#terminal .xterm-screen').classList.contains('xterm-cursor-pointer'),
+      null, { timeout: 5000 });
+    await page.mouse.click(x, y);
+
+    await page.waitForFunction(
+      () => window.recordedPosts.some((post) => post.name === 'openLink'), null, { timeout: 5000 });
+    assert.deepEqual((await posts()).filter((post) => post.name === 'openLink').map((post) => post.body),
+      [url]);
+    await page.waitForTimeout(300);
+    assert.deepEqual(popups, []);
+    assert.equal(page.url(), documentUrl);
+    assert.deepEqual(requests.filter((request) => !request.startsWith('data:')), []);
+  });
+});
