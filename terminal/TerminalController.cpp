@@ -99,11 +99,16 @@ void TerminalController::start() {
     } else {
         setStatus(text(isReplacementSession_ ? "Reconnecting replacement…" : "Reconnecting…"));
     }
+    ++startsInFlight_;
     runDetached([self = QPointer<TerminalController>(this), client = client_, cwd = requestedCwd_,
                  candidate, allowReconnect = allowReconnect_, mayCreate] {
         auto outcome = attach(*client, cwd, candidate, allowReconnect, mayCreate);
         postToMainThread([self, outcome = std::move(outcome), candidate, mayCreate] {
-            if (auto* controller = self.data()) controller->finish(outcome, candidate, mayCreate);
+            auto* controller = self.data();
+            if (!controller) return;
+            --controller->startsInFlight_;
+            controller->finish(outcome, candidate, mayCreate);
+            if (controller->startsInFlight_ == 0) emit controller->startSettled();
         });
     });
 }

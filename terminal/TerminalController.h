@@ -86,6 +86,10 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     bool isSuspended() const { return suspended_; }
     // True while a poll loop belongs to this controller.
     bool isPolling() const { return polling_ != nullptr; }
+    // True while a start's request is with the node; its result may still hand
+    // a session to onSessionReady or onCloseRequired, so the owner keeps the
+    // controller until startSettled.
+    bool hasStartInFlight() const { return startsInFlight_ > 0; }
 
     // The attached renderer, held weakly. Assigning one repaints it from the history.
     TerminalSurface* surface() const { return surface_.data(); }
@@ -126,6 +130,8 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
 
   signals:
     void statusChanged();
+    // The last start in flight has come back.
+    void startSettled();
     void sessionIDChanged();
     void isConnectedChanged();
     void isReplacementSessionChanged();
@@ -189,6 +195,7 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     std::shared_ptr<PollingToken> polling_;
     bool unavailableNodeRetryAttempted_ = false;
     bool isStartingReplacement_ = false;
+    int startsInFlight_ = 0;
     // Keeps input and resize requests in the order the renderer sent them.
     SerialTaskQueue inputQueue_;
 

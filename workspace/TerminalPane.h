@@ -42,6 +42,9 @@ class TerminalPane : public QObject {
     QString sessionIDText() const { return sessionID_.value_or(QString()); }
     void setSessionID(const std::optional<QString>& sessionID);
     TerminalController& controller() const { return *controller_; }
+    // A retired pane has left the model and waits only for its controller's start.
+    bool isRetired() const { return retired_; }
+    void markRetired() { retired_ = true; }
 
   signals:
     void sessionIDChanged();
@@ -51,6 +54,7 @@ class TerminalPane : public QObject {
     PaneContext context_;
     std::optional<QString> sessionID_;
     std::unique_ptr<TerminalController> controller_;
+    bool retired_ = false;
 };
 
 class TerminalTab : public QObject {

@@ -238,7 +238,7 @@ std::unique_ptr<TerminalPane> WorkspaceStore::makePane(const QUuid& id, const Pa
     pane->controller().onSessionReady = [store, weakPane, weakController, context,
                                          id](const std::string& session) {
         const QString sessionText = QString::fromStdString(session);
-        if (weakPane) {
+        if (weakPane && !weakPane->isRetired()) {
             weakPane->setSessionID(sessionText);
         } else if (context.projectID && store) {
             // The pane left the model while its session came up: keep the session.
@@ -489,7 +489,7 @@ void WorkspaceStore::closeSelectedPane() {
     selected->setLayout(*remaining);
     const QList<QUuid> left = remaining->paneIDs();
     selected->setSelectedPaneID(left[std::min<qsizetype>(index, left.size() - 1)]);
-    removed.reset();
+    retire(std::move(removed));
     focusSelectedPane();
     persist();
 }
@@ -526,6 +526,8 @@ void WorkspaceStore::closeTab(const QUuid& id) {
             focusSelectedPane();
         }
     }
+    for (const QUuid& paneID : closing->layout().paneIDs())
+        retire(closing->takePane(paneID));
     closing.reset();
     persist();
 }
@@ -588,6 +590,10 @@ bool WorkspaceStore::removeProject(const QString& id) {
             selectedTabs_[*activeWorkspaceID_] = *selectedTabID_;
         focusSelectedPane();
     }
+    for (auto& tab : removed) {
+        for (const QUuid& paneID : tab->layout().paneIDs())
+            retire(tab->takePane(paneID));
+    }
     removed.clear();
     persist();
     return true;
@@ -612,6 +618,21 @@ void WorkspaceStore::closeSuspendedPanes(const QString& projectID) {
         it = suspendedPanes_.erase(it);
     }
     persistSuspendedPanes();
+}
+
+void WorkspaceStore::retire(std::unique_ptr<TerminalPane> pane) {
+    if (!pane) return;
+    pane->markRetired();
+    if (!pane->controller().hasStartInFlight()) return;
+    TerminalPane* waiting = pane.get();
+    connect(
+        &pane->controller(), &TerminalController::startSettled, this,
+        [this, waiting] {
+            std::erase_if(retiredPanes_,
+                          [waiting](const auto& each) { return each.get() == waiting; });
+        },
+        Qt::QueuedConnection);
+    retiredPanes_.push_back(std::move(pane));
 }
 
 // --- Saving ------------------------------------------------------------------------

@@ -144,6 +144,9 @@ class WorkspaceStore : public QObject {
     void persistSuspendedPanes();
     void closeSuspendedPanes(const QString& projectID);
     SavedWorkspace savedWorkspace() const;
+    // Lets a pane go once its controller has no start in flight, so that a
+    // session that comes up late is still closed or filed, never lost.
+    void retire(std::unique_ptr<TerminalPane> pane);
 
     // Start-up.
     void readSuspendedPanes();
@@ -171,6 +174,7 @@ class WorkspaceStore : public QObject {
     std::map<QUuid, SuspendedPane> suspendedPanes_;
 
     std::vector<std::unique_ptr<TerminalTab>> tabs_;
+    std::vector<std::unique_ptr<TerminalPane>> retiredPanes_;
     std::optional<QString> activeWorkspaceID_;
     std::optional<QUuid> selectedTabID_;
     QString searchQuery_;

@@ -283,6 +283,24 @@ TEST_F(WorkspaceStoreTest, AStoreThatCannotSaveRefusesChangesButSelectsAndCloses
     EXPECT_EQ(f.stored(WorkspaceStore::storageKey), before);
 }
 
+TEST_F(WorkspaceStoreTest, ASessionThatComesUpAfterItsPaneClosedIsClosedToo) {
+    auto alpha = f.project("alpha");
+    auto store = f.makeStore({alpha});
+    f.node->holdCreates(true);
+    store->openProject(alpha);
+    store->split(true);
+    ASSERT_TRUE(spinUntil([&] { return f.node->count("create_session") == 2; }));
+    store->closeSelectedPane();
+    store->closeTab(*store->selectedTabID());
+    EXPECT_TRUE(store->tabs().empty());
+    f.node->holdCreates(false);
+    // Both sessions come up for panes that are gone, and are closed, not leaked.
+    ASSERT_TRUE(spinUntil([&] { return f.node->count("close_session") == 2; }));
+    ASSERT_TRUE(spinUntil([&] { return f.node->sessions().empty(); }));
+    EXPECT_TRUE(store->closeLedger().pending().empty());
+    EXPECT_TRUE(store->suspendedPanes().empty());
+}
+
 TEST(WorkspacePathRulesTest, CanonicalDirectoriesAndScratchIdentity) {
     hl::test::TempDir dir;
     const fs::path base = fs::canonical(dir.path());

@@ -6,8 +6,9 @@
 namespace hl::test {
 
 NodeResponse MemoryNode::request(const std::string& op, const NodeRequestData& data) const {
-    std::lock_guard guard(mutex_);
+    std::unique_lock guard(mutex_);
     ++counts_[op];
+    if (op == "create_session") released_.wait(guard, [this] { return !holdCreates_; });
     auto text = [&](const char* key) { return std::get<std::string>(data.at(key)); };
     if (op == "health" || op == "input" || op == "resize") return {};
     if (op == "poll") return {};
@@ -53,6 +54,14 @@ std::string MemoryNode::cwdOf(const std::string& id) const {
 void MemoryNode::adopt(const std::string& id, const std::string& cwd) {
     std::lock_guard guard(mutex_);
     sessions_[id] = cwd;
+}
+
+void MemoryNode::holdCreates(bool held) {
+    {
+        std::lock_guard guard(mutex_);
+        holdCreates_ = held;
+    }
+    released_.notify_all();
 }
 
 int MemoryNode::count(const std::string& op) const {

@@ -6,6 +6,7 @@
 #include <QElapsedTimer>
 
 #include <chrono>
+#include <condition_variable>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -29,8 +30,12 @@ class MemoryNode final : public NodeClientTransport {
     // Adds a session as if an earlier run had left it.
     void adopt(const std::string& id, const std::string& cwd);
     int count(const std::string& op) const;
+    // While held, create_session waits before it answers.
+    void holdCreates(bool held);
 
   private:
+    mutable std::condition_variable released_;
+    bool holdCreates_ = false;
     mutable std::mutex mutex_;
     mutable std::map<std::string, std::string> sessions_;
     mutable std::map<std::string, int> counts_;
