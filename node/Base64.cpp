@@ -14,8 +14,10 @@ constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxy
 // Maps a character to its six-bit value, or 0xFF for a character outside the alphabet.
 constexpr std::array<std::uint8_t, 256> decodeTable() {
     std::array<std::uint8_t, 256> table{};
-    for (auto& entry : table) entry = 0xFF;
-    for (int i = 0; i < 64; ++i) table[static_cast<unsigned char>(alphabet[i])] = i;
+    for (auto& entry : table)
+        entry = 0xFF;
+    for (int i = 0; i < 64; ++i)
+        table[static_cast<unsigned char>(alphabet[i])] = i;
     return table;
 }
 

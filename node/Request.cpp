@@ -19,8 +19,10 @@ bool nestsTooDeep(std::string_view text, int limit) {
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char c = text[i];
         if (inString) {
-            if (c == '\\') ++i;
-            else if (c == '"') inString = false;
+            if (c == '\\')
+                ++i;
+            else if (c == '"')
+                inString = false;
         } else if (c == '"') {
             inString = true;
         } else if (c == '[' || c == '{') {
@@ -46,13 +48,14 @@ std::optional<Operation> operationNamed(const std::string& name) {
 
 // Reads the data members of one request, or says which one is wrong.
 class Members {
-public:
+  public:
     explicit Members(const json& data) : data_(data) {}
 
     std::optional<RequestError> text(const char* name, std::string& out) const {
         auto it = data_.find(name);
         if (it == data_.end()) return missing(name);
-        if (!it->is_string()) return RequestError{"field \"" + std::string(name) + "\" must be a string"};
+        if (!it->is_string())
+            return RequestError{"field \"" + std::string(name) + "\" must be a string"};
         out = it->get<std::string>();
         return std::nullopt;
     }
@@ -70,7 +73,7 @@ public:
         return std::nullopt;
     }
 
-private:
+  private:
     static RequestError missing(const char* name) {
         return {"missing field \"" + std::string(name) + "\""};
     }
@@ -83,7 +86,8 @@ std::optional<RequestError> readMembers(const json& data, Request& request) {
     std::optional<RequestError> error;
     switch (request.operation) {
         case Operation::Health:
-        case Operation::ListSessions: return std::nullopt;
+        case Operation::ListSessions:
+            return std::nullopt;
         case Operation::ReplaySession:
             if ((error = members.text("session_id", request.sessionId))) return error;
             return members.text("expected_cwd", request.expectedCwd);
@@ -99,7 +103,8 @@ std::optional<RequestError> readMembers(const json& data, Request& request) {
             }
             return std::nullopt;
         case Operation::Poll:
-        case Operation::CloseSession: return members.text("session_id", request.sessionId);
+        case Operation::CloseSession:
+            return members.text("session_id", request.sessionId);
         case Operation::Input: {
             if ((error = members.text("session_id", request.sessionId))) return error;
             std::string encoded;
@@ -139,12 +144,14 @@ std::variant<Request, RequestError> parseRequest(std::string_view text) {
         // The name is quoted back only when it is short enough to read.
         const auto& name = op->get_ref<const std::string&>();
         if (name.size() > 64) return RequestError{"unknown op"};
-        return RequestError{"unknown op " + op->dump(-1, ' ', true, json::error_handler_t::replace)};
+        return RequestError{"unknown op " +
+                            op->dump(-1, ' ', true, json::error_handler_t::replace)};
     }
 
     static const json noData = json::object();
     auto data = top.find("data");
-    if (data != top.end() && !data->is_object()) return RequestError{"field \"data\" must be an object"};
+    if (data != top.end() && !data->is_object())
+        return RequestError{"field \"data\" must be an object"};
 
     Request request;
     request.operation = *operation;

@@ -7,7 +7,7 @@
 namespace hl::node {
 
 namespace {
-constexpr std::size_t initialCapacity = 4096;
+constexpr std::size_t initialCapacity = 1024;
 }
 
 RingBuffer::RingBuffer(std::size_t limit) : limit_(limit) {}
@@ -15,7 +15,8 @@ RingBuffer::RingBuffer(std::size_t limit) : limit_(limit) {}
 void RingBuffer::reserve(std::size_t needed) {
     if (needed <= capacity_) return;
     std::size_t grown = std::max(capacity_ * 2, initialCapacity);
-    while (grown < needed) grown *= 2;
+    while (grown < needed)
+        grown *= 2;
     grown = std::min(grown, limit_);
     auto storage = std::make_unique_for_overwrite<char[]>(grown);
     copyOut(0, size_, storage.get());

@@ -15,7 +15,7 @@
 namespace hl::node {
 
 class RingBuffer {
-public:
+  public:
     explicit RingBuffer(std::size_t limit);
 
     std::size_t size() const { return size_; }
@@ -36,7 +36,7 @@ public:
     // Empties the buffer and gives its storage back.
     void release();
 
-private:
+  private:
     // Makes room for at least needed bytes, keeping the contents in order.
     void reserve(std::size_t needed);
     // Copies count bytes starting offset bytes after the oldest into out.

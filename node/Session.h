@@ -19,7 +19,7 @@
 namespace hl::node {
 
 class Session {
-public:
+  public:
     // Most undelivered output kept: two full replies, so that a client that
     // polls at once after a full reply finds the next one ready.
     static constexpr std::size_t pendingLimit = 12'000'000;
@@ -37,6 +37,8 @@ public:
     pid_t shellPid() const { return shellPid_; }
     int masterFd() const { return master_.get(); }
 
+    // Whether the terminal is still open (it closes once nobody holds its other end).
+    bool hasTerminal() const { return static_cast<bool>(master_); }
     // Whether the event loop should watch the terminal for output.
     bool wantsOutput() const { return master_ && pending_.space() > 0; }
     // Whether the event loop should watch the terminal for room to write input.
@@ -62,7 +64,7 @@ public:
     void shellEnded();
     bool exited() const;
 
-private:
+  private:
     // Closes the terminal after it reported end of file.
     void hangUp();
 

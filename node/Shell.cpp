@@ -56,13 +56,15 @@ void closeOtherDescriptors() {
     if (::syscall(SYS_close_range, 3U, ~0U, 0U) == 0) return;
 #endif
     const long limit = ::sysconf(_SC_OPEN_MAX);
-    for (int fd = 3; fd < (limit > 0 ? limit : 1024); ++fd) ::close(fd);
+    for (int fd = 3; fd < (limit > 0 ? limit : 1024); ++fd)
+        ::close(fd);
 }
 
 // The child's side of spawnShell; never returns.
 [[noreturn]] void runChild(int slave, const char* cwd, const char* path, char* const argv[],
                            char* const envp[]) {
-    for (int sig = 1; sig < NSIG; ++sig) ::signal(sig, SIG_DFL);
+    for (int sig = 1; sig < NSIG; ++sig)
+        ::signal(sig, SIG_DFL);
     sigset_t none;
     sigemptyset(&none);
     ::sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -104,7 +106,8 @@ std::set<pid_t> sessionGroups(pid_t sessionLeader) {
     ::closedir(proc);
 #elif defined(__APPLE__)
     std::vector<pid_t> pids(4096);
-    const int count = ::proc_listallpids(pids.data(), static_cast<int>(pids.size() * sizeof(pid_t)));
+    const int count =
+        ::proc_listallpids(pids.data(), static_cast<int>(pids.size() * sizeof(pid_t)));
     for (int i = 0; i < count; ++i) {
         if (pids[i] > 0 && ::getsid(pids[i]) == sessionLeader) {
             const pid_t group = ::getpgid(pids[i]);
@@ -137,7 +140,8 @@ std::variant<ShellProcess, std::string> spawnShell(const std::string& cwd, int c
     const std::string loginName = "-" + base;
     std::vector<std::string> environment = shellEnvironment(shell, cwd);
     std::vector<char*> envp;
-    for (auto& entry : environment) envp.push_back(entry.data());
+    for (auto& entry : environment)
+        envp.push_back(entry.data());
     envp.push_back(nullptr);
     char* argv[] = {const_cast<char*>(loginName.c_str()), nullptr};
 

@@ -1,0 +1,164 @@
+// Listener: folder rights, start-up lock, stale socket replacement, peer checks.
+//
+// The folder is created 0700 when missing; an existing folder is narrowed to
+// 0700 only if this user owns it and it has no sticky bit (a shared folder such
+// as /tmp is left alone). The socket itself is created 0600.
+#include "Listener.h"
+
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstring>
+
+namespace hl::node {
+
+namespace {
+
+std::string errorText(const std::string& what) {
+    return what + ": " + std::strerror(errno);
+}
+
+// Sets the descriptor non-blocking and closed on exec.
+void makeNonBlocking(int fd) {
+    ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
+}
+
+// Creates the folder and any missing parents with mode 0700, or narrows an
+// existing folder of this user's to 0700.
+std::optional<std::string> prepareFolder(const std::string& folder) {
+    struct stat info;
+    if (::stat(folder.c_str(), &info) == 0) {
+        if (!S_ISDIR(info.st_mode)) return "socket folder is not a directory: " + folder;
+        const bool ours = info.st_uid == ::geteuid();
+        const bool shared = (info.st_mode & S_ISVTX) != 0;
+        if (ours && !shared && (info.st_mode & 077) != 0 && ::chmod(folder.c_str(), 0700) != 0) {
+            return errorText("cannot restrict socket folder " + folder);
+        }
+        return std::nullopt;
+    }
+    if (errno != ENOENT) return errorText("cannot inspect socket folder " + folder);
+    const auto slash = folder.rfind('/');
+    if (slash != std::string::npos && slash > 0) {
+        if (auto error = prepareFolder(folder.substr(0, slash))) return error;
+    }
+    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+        return errorText("cannot create socket folder " + folder);
+    }
+    ::chmod(folder.c_str(), 0700);
+    return std::nullopt;
+}
+
+bool fillAddress(const std::string& path, sockaddr_un& address) {
+    std::memset(&address, 0, sizeof address);
+    address.sun_family = AF_UNIX;
+    if (path.empty() || path.size() + 1 > sizeof address.sun_path) return false;
+    std::memcpy(address.sun_path, path.c_str(), path.size() + 1);
+    return true;
+}
+
+// Whether something accepts connections on the path.
+bool somebodyAnswers(const sockaddr_un& address) {
+    UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM, 0));
+    return probe &&
+           ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+}
+
+}  // namespace
+
+std::variant<Listener, Listener::AlreadyServed, Listener::Failure> Listener::open(
+    const std::string& socketPath) {
+    Listener listener;
+    listener.path_ = socketPath;
+    if (!socketPath.empty() && socketPath.front() != '/') {
+        char here[4096];
+        if (::getcwd(here, sizeof here)) listener.path_ = std::string(here) + "/" + socketPath;
+    }
+    const std::string& path = listener.path_;
+    sockaddr_un address;
+    if (!fillAddress(path, address)) return Failure{"socket path is empty or too long: " + path};
+
+    const auto slash = path.rfind('/');
+    const std::string folder = slash == 0 ? "/" : path.substr(0, slash);
+    if (auto error = prepareFolder(folder)) return Failure{*error};
+
+    const std::string lockPath = path + ".lock";
+    listener.lock_.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!listener.lock_) return Failure{errorText("cannot open lock file " + lockPath)};
+    if (::flock(listener.lock_.get(), LOCK_EX | LOCK_NB) != 0) {
+        if (errno == EWOULDBLOCK) return AlreadyServed{};
+        return Failure{errorText("cannot lock " + lockPath)};
+    }
+
+    // A node that does not know the lock may still be serving the path.
+    if (somebodyAnswers(address)) return AlreadyServed{};
+    struct stat existing;
+    if (::lstat(path.c_str(), &existing) == 0) {
+        if (!S_ISSOCK(existing.st_mode)) return Failure{"not a socket, left in place: " + path};
+        if (::unlink(path.c_str()) != 0)
+            return Failure{errorText("cannot remove stale socket " + path)};
+    }
+
+    listener.socket_.reset(::socket(AF_UNIX, SOCK_STREAM, 0));
+    if (!listener.socket_) return Failure{errorText("cannot create socket")};
+    makeNonBlocking(listener.socket_.get());
+    const mode_t previousMask = ::umask(0177);
+    const int bound =
+        ::bind(listener.socket_.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address);
+    const int bindError = errno;
+    ::umask(previousMask);
+    if (bound != 0) {
+        errno = bindError;
+        return Failure{errorText("cannot bind " + path)};
+    }
+    ::chmod(path.c_str(), 0600);
+    if (::listen(listener.socket_.get(), SOMAXCONN) != 0)
+        return Failure{errorText("cannot listen")};
+    struct stat bound_info;
+    if (::stat(path.c_str(), &bound_info) == 0) {
+        listener.device_ = bound_info.st_dev;
+        listener.inode_ = bound_info.st_ino;
+    }
+    return listener;
+}
+
+std::optional<UniqueFd> Listener::accept() const {
+#if defined(__linux__)
+    UniqueFd client(::accept4(socket_.get(), nullptr, nullptr, SOCK_NONBLOCK | SOCK_CLOEXEC));
+    if (!client) return std::nullopt;
+#else
+    UniqueFd client(::accept(socket_.get(), nullptr, nullptr));
+    if (!client) return std::nullopt;
+    makeNonBlocking(client.get());
+#endif
+    if (!peerIsOwner(client.get())) return UniqueFd();
+    return client;
+}
+
+void Listener::removeSocket() const {
+    struct stat info;
+    if (::lstat(path_.c_str(), &info) == 0 && info.st_dev == device_ && info.st_ino == inode_) {
+        ::unlink(path_.c_str());
+    }
+}
+
+bool peerIsOwner(int fd) {
+#if defined(SO_PEERCRED)
+    ucred credentials{};
+    socklen_t length = sizeof credentials;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return false;
+    return credentials.uid == ::geteuid();
+#else
+    uid_t uid = 0;
+    gid_t gid = 0;
+    if (::getpeereid(fd, &uid, &gid) != 0) return false;
+    return uid == ::geteuid();
+#endif
+}
+
+}  // namespace hl::node

@@ -1,0 +1,54 @@
+// Listener: the node's socket, the lock that makes it the only node on that
+// socket, and the check of who connects.
+//
+// Words used here: the *folder* is the directory that holds the socket; the
+// *lock file* lies beside the socket (its path plus ".lock") and stays locked
+// for the node's whole life, so two nodes starting at once cannot both bind.
+#pragma once
+
+#include <sys/types.h>
+
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "UniqueFd.h"
+
+namespace hl::node {
+
+class Listener {
+  public:
+    // Another node holds the socket: this one has nothing to do.
+    struct AlreadyServed {};
+    // Why the socket cannot be opened.
+    struct Failure {
+        std::string reason;
+    };
+
+    // Prepares the folder, takes the lock, replaces a stale socket and listens.
+    static std::variant<Listener, AlreadyServed, Failure> open(const std::string& socketPath);
+
+    int fd() const { return socket_.get(); }
+    const std::string& path() const { return path_; }
+
+    // Accepts one waiting client: absent when none can be accepted now (errno
+    // says why), an invalid descriptor when the client belongs to another user
+    // (it is then closed without a word).
+    std::optional<UniqueFd> accept() const;
+    // Removes the socket file if it is still the one this listener bound.
+    void removeSocket() const;
+
+  private:
+    Listener() = default;
+
+    std::string path_;
+    UniqueFd socket_;
+    UniqueFd lock_;
+    dev_t device_ = 0;
+    ino_t inode_ = 0;
+};
+
+// Whether the peer of a connected socket runs as this process's user.
+bool peerIsOwner(int fd);
+
+}  // namespace hl::node

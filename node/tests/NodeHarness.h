@@ -1,0 +1,72 @@
+// NodeHarness: a real harborlattice-node started for one test, in a folder of
+// its own, driven through the application's own client; stopped and cleaned up
+// when the harness goes.
+#pragma once
+
+#include <sys/types.h>
+
+#include <chrono>
+#include <functional>
+#include <string>
+
+#include "NodeClient.h"
+
+namespace hl::node::testing {
+
+using namespace std::chrono_literals;
+
+// A new private folder under /tmp; the caller removes it.
+std::string makeTemporaryFolder();
+
+// Starts the node executable with HARBORLATTICE_SOCKET set and stdio on the
+// null device, as the application does; returns its pid.
+pid_t startNode(const std::string& socketPath);
+
+// Waits up to timeout for the process (a child of this one) to end; its exit
+// status, or -1 if it is still running.
+int waitForExit(pid_t pid, std::chrono::milliseconds timeout);
+
+// Sends bytes on a fresh connection, half-closes, and reads the reply until end
+// of file; empty when the node closed without a word.
+std::string rawExchange(const std::string& socketPath, const std::string& bytes);
+
+// Whether the process has ended (a zombie counts as ended).
+bool processIsGone(pid_t pid);
+
+struct PollResult {
+    std::string output;
+    bool exited = false;
+};
+
+class NodeHarness {
+  public:
+    NodeHarness();
+    ~NodeHarness();
+    NodeHarness(const NodeHarness&) = delete;
+    NodeHarness& operator=(const NodeHarness&) = delete;
+
+    const std::string& folder() const { return folder_; }
+    const std::string& socketPath() const { return socketPath_; }
+    pid_t pid() const { return pid_; }
+    UnixSocketClient client() const { return UnixSocketClient(socketPath_); }
+
+    // Starts a shell in cwd (the harness's folder by default); returns its id.
+    std::string createSession(const std::string& cwd = {}) const;
+    void type(const std::string& sessionId, const std::string& text) const;
+    PollResult poll(const std::string& sessionId) const;
+    bool closeSession(const std::string& sessionId) const;
+    // Polls until the accumulated output satisfies done, or the deadline passes;
+    // returns everything polled (exited tells whether the shell was seen to end).
+    PollResult pollUntil(const std::string& sessionId,
+                         const std::function<bool(const PollResult&)>& done,
+                         std::chrono::milliseconds timeout = 20s) const;
+    // Polls until the output contains text.
+    PollResult pollUntilContains(const std::string& sessionId, const std::string& text) const;
+
+  private:
+    std::string folder_;
+    std::string socketPath_;
+    pid_t pid_ = -1;
+};
+
+}  // namespace hl::node::testing
