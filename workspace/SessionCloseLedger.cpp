@@ -1,26 +1,13 @@
 // SessionCloseLedger: record, acknowledge, and the retrying close task.
 #include "SessionCloseLedger.h"
 
-#include <QCoreApplication>
-#include <QMetaObject>
-
 #include <algorithm>
 #include <thread>
 
 #include "NodeSupervisor.h"
+#include "TerminalThreads.h"
 
 namespace hl {
-
-namespace {
-
-// Runs `work` on the main thread's event loop; dropped when there is none.
-void onMainThread(std::function<void()> work) {
-    if (QCoreApplication* app = QCoreApplication::instance()) {
-        QMetaObject::invokeMethod(app, std::move(work), Qt::QueuedConnection);
-    }
-}
-
-}  // namespace
 
 std::shared_ptr<SessionCloseLedger> SessionCloseLedger::create(
     std::shared_ptr<Preferences> defaults, std::shared_ptr<const NodeClientTransport> client,
@@ -60,8 +47,9 @@ void SessionCloseLedger::persist() {
 }
 
 void SessionCloseLedger::retry(const QString& sessionID, int attemptsRemaining) {
+    installMainThreadQueue();
     auto self = shared_from_this();
-    std::thread([self, client = client_, sessionID, attemptsRemaining] {
+    runDetached([self, client = client_, sessionID, attemptsRemaining] {
         bool acknowledged = false;
         try {
             const auto reply =
@@ -72,16 +60,16 @@ void SessionCloseLedger::retry(const QString& sessionID, int attemptsRemaining) 
             // No reply: handled like any answer that is not an acknowledgement.
         }
         if (acknowledged) {
-            onMainThread([self, sessionID] { self->acknowledge(sessionID); });
+            postToMainThread([self, sessionID] { self->acknowledge(sessionID); });
             return;
         }
         if (attemptsRemaining < 1) return;
         self->policy_.ensureRunning();
         std::this_thread::sleep_for(self->policy_.pause);
-        onMainThread([self, sessionID, attemptsRemaining] {
+        postToMainThread([self, sessionID, attemptsRemaining] {
             if (self->pending_.count(sessionID) != 0) self->retry(sessionID, attemptsRemaining - 1);
         });
-    }).detach();
+    });
 }
 
 void SessionCloseLedger::retryAll(const std::set<QString>& sessionIDs) {
