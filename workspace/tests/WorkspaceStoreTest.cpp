@@ -297,7 +297,7 @@ TEST_F(WorkspaceStoreTest, ASessionThatComesUpAfterItsPaneClosedIsClosedToo) {
     // Both sessions come up for panes that are gone, and are closed, not leaked.
     ASSERT_TRUE(spinUntil([&] { return f.node->count("close_session") == 2; }));
     ASSERT_TRUE(spinUntil([&] { return f.node->sessions().empty(); }));
-    EXPECT_TRUE(store->closeLedger().pending().empty());
+    EXPECT_TRUE(spinUntil([&] { return store->closeLedger().pending().empty(); }));
     EXPECT_TRUE(store->suspendedPanes().empty());
 }
 
