@@ -14,7 +14,7 @@ std::string successReply(const nlohmann::json& data, std::optional<std::string_v
     std::string members = data.dump(-1, ' ', false, nlohmann::json::error_handler_t::replace);
     std::string reply = "{\"ok\":true,\"data\":";
     if (output) {
-        const std::string encoded = base64Encode(*output);
+        const std::string encoded = base64::encode(*output);
         reply.reserve(reply.size() + members.size() + encoded.size() + 32);
         reply += "{\"output_base64\":\"";
         reply += encoded;

@@ -109,7 +109,7 @@ std::optional<RequestError> readMembers(const json& data, Request& request) {
             if ((error = members.text("session_id", request.sessionId))) return error;
             std::string encoded;
             if ((error = members.text("input_base64", encoded))) return error;
-            auto decoded = base64Decode(encoded);
+            auto decoded = base64::decode(encoded);
             if (!decoded) return RequestError{"field \"input_base64\" is not valid base64"};
             request.input = std::move(*decoded);
             return std::nullopt;

@@ -140,7 +140,7 @@ std::string pollOutput(const hl::UnixSocketClient& client, const std::string& id
                        bool* exited = nullptr) {
     const auto reply = client.request("poll", {{"session_id", id}});
     if (exited) *exited = reply["exited"].boolValue().value_or(false);
-    return hl::node::base64Decode(reply["output_base64"].stringValue().value_or("")).value_or("");
+    return hl::base64::decode(reply["output_base64"].stringValue().value_or("")).value_or("");
 }
 
 // Waits until every shell has finished starting (it answers a command), then

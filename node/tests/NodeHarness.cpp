@@ -146,14 +146,14 @@ std::string NodeHarness::createSession(const std::string& cwd) const {
 }
 
 void NodeHarness::type(const std::string& sessionId, const std::string& text) const {
-    client().request("input", {{"session_id", sessionId}, {"input_base64", base64Encode(text)}});
+    client().request("input", {{"session_id", sessionId}, {"input_base64", base64::encode(text)}});
 }
 
 PollResult NodeHarness::poll(const std::string& sessionId) const {
     const auto reply = client().request("poll", {{"session_id", sessionId}});
     PollResult result;
     if (auto encoded = reply["output_base64"].stringValue()) {
-        auto decoded = base64Decode(*encoded);
+        auto decoded = base64::decode(*encoded);
         if (!decoded) throw std::runtime_error("poll returned invalid base64");
         result.output = std::move(*decoded);
     }

@@ -135,7 +135,7 @@ TEST(NodeProtocolTest, CloseIsIdempotentAndReplayChecksTheCwd) {
         "replay_session", {{"session_id", id}, {"expected_cwd", node.folder()}});
     EXPECT_EQ(replay["cwd"].stringValue(), node.folder());
     EXPECT_EQ(replay["exited"].boolValue(), false);
-    const auto replayed = base64Decode(replay["output_base64"].stringValue().value_or(""));
+    const auto replayed = base64::decode(replay["output_base64"].stringValue().value_or(""));
     ASSERT_TRUE(replayed.has_value());
     EXPECT_NE(replayed->find("R42"), std::string::npos);
     node.type(id, "printf 'A%s\\n' after\n");

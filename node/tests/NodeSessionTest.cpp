@@ -148,7 +148,8 @@ TEST(NodeSessionTest, AnExitedShellIsReportedAfterItsOutputAndKeptUntilClosed) {
     const auto replay = node.client().request(
         "replay_session", {{"session_id", id}, {"expected_cwd", node.folder()}});
     EXPECT_EQ(replay["exited"].boolValue(), true);
-    EXPECT_NE(base64Decode(*replay["output_base64"].stringValue())->find("Bye"), std::string::npos);
+    EXPECT_NE(base64::decode(*replay["output_base64"].stringValue())->find("Bye"),
+              std::string::npos);
     EXPECT_TRUE(node.poll(id).exited);
     try {
         node.type(id, "more\n");
