@@ -9,7 +9,7 @@ packages=(
   g++ cmake ninja-build pkg-config git clang-format
   libsqlite3-dev nlohmann-json3-dev libgtest-dev libgmock-dev
   qt6-base-dev qt6-webengine-dev qt6-webchannel-dev
-  xvfb xauth tmux procps chromium nodejs npm
+  xvfb xauth tmux procps chromium
 )
 
 missing=()
@@ -17,6 +17,9 @@ for p in "${packages[@]}"; do
   status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
   [[ "$status" == "install ok installed" ]] || missing+=("$p")
 done
+# Node.js and npm for the terminal document's packages, unless a Node.js that
+# carries its own npm is already there.
+command -v npm >/dev/null 2>&1 || missing+=(nodejs npm)
 
 if [ ${#missing[@]} -gt 0 ]; then
   echo "install-deps: installing ${missing[*]}"
@@ -32,7 +35,7 @@ if [ ${#missing[@]} -gt 0 ]; then
     echo "install-deps: apt-get update failed; cannot install ${missing[*]}" >&2
     exit 1
   fi
-  if ! $sudo apt-get install -y -qq --no-install-recommends "${missing[@]}" >/tmp/harborlattice-apt.log 2>&1; then
+  if ! $sudo apt-get install -y -qq "${missing[@]}" >/tmp/harborlattice-apt.log 2>&1; then
     tail -20 /tmp/harborlattice-apt.log >&2
     echo "install-deps: apt-get install failed for ${missing[*]} (log: /tmp/harborlattice-apt.log)" >&2
     exit 1
