@@ -1,0 +1,83 @@
+// ContentView: the one window's content — the sidebar of workspaces and
+// projects, the detail column (the selected tab, or an empty state), and the
+// rename and remove dialogs around projects. It keeps only what is on screen;
+// every decision is the catalog's or the workspace store's, and this view only
+// fixes the order in which it calls them.
+#pragma once
+
+#include <QDialog>
+#include <QPointer>
+#include <QWidget>
+
+#include <optional>
+
+#include "ProjectCatalog.h"
+#include "WorkspaceStore.h"
+
+class QLabel;
+class QPushButton;
+class QSplitter;
+class QStackedWidget;
+class QVBoxLayout;
+
+namespace hl {
+
+class TerminalWorkspaceView;
+
+class ContentView : public QWidget {
+    Q_OBJECT
+
+  public:
+    ContentView(ProjectCatalog* catalog, WorkspaceStore* workspace, QWidget* parent = nullptr);
+
+    // Asks for one folder and adds it as a project.
+    void addProject();
+    std::optional<ProjectRecord> addProject(const QString& name, const QString& rawRoot,
+                                            const QString& id = newProjectID());
+    bool openProject(const ProjectRecord& project);
+    bool renameProject(const ProjectRecord& project, const QString& name);
+    bool confirmRemoveProject(const ProjectRecord& project);
+    bool openScratchWorkspace();
+    // Keeps the sidebar's highlight on the project of the active workspace.
+    void syncCatalogSelection();
+    std::optional<WorkspaceChoice> scratchWorkspaceChoice() const;
+
+    // The project menu's entries: they open the dialogs.
+    void presentRename(const ProjectRecord& project);
+    void presentRemove(const ProjectRecord& project);
+    QDialog* renameDialog() const { return renameDialog_; }
+    QDialog* removeDialog() const { return removeDialog_; }
+
+    TerminalWorkspaceView* workspaceView() const { return workspaceView_; }
+    QSplitter* splitter() const { return splitter_; }
+
+  private:
+    QWidget* buildSidebar();
+    QWidget* buildEmptyState();
+    void rebuildSidebarList();
+    void refreshDetail();
+    void refreshErrorRow();
+    QWidget* scratchRow();
+    QWidget* projectRow(const ProjectRecord& project);
+
+    ProjectCatalog* catalog_;
+    WorkspaceStore* workspace_;
+    std::optional<ProjectRecord> projectToRename_;
+    QString renameValue_;
+    std::optional<ProjectRecord> projectToRemove_;
+
+    QSplitter* splitter_ = nullptr;
+    QVBoxLayout* listColumn_ = nullptr;
+    QPointer<QWidget> listContent_;
+    QWidget* errorRow_ = nullptr;
+    QLabel* errorText_ = nullptr;
+    QStackedWidget* detail_ = nullptr;
+    QLabel* emptyTitle_ = nullptr;
+    QLabel* emptyDescription_ = nullptr;
+    QPushButton* emptyAction_ = nullptr;
+    TerminalWorkspaceView* workspaceView_ = nullptr;
+    QPointer<QDialog> renameDialog_;
+    QPointer<QDialog> removeDialog_;
+};
+
+}  // namespace hl

@@ -1,0 +1,130 @@
+// One pane: renderer, status line and the selection stroke.
+#include "TerminalPaneView.h"
+
+#include <QApplication>
+#include <QFontDatabase>
+#include <QHBoxLayout>
+#include <QLabel>
+#include <QPainter>
+#include <QVBoxLayout>
+
+#include "ElidedLabel.h"
+
+#include "XtermWebView.h"
+
+namespace hl {
+
+// The 7-point connection dot.
+class StatusDot : public QWidget {
+  public:
+    explicit StatusDot(QWidget* parent) : QWidget(parent) { setFixedSize(7, 7); }
+    void setConnected(bool connected) {
+        connected_ = connected;
+        update();
+    }
+
+  protected:
+    void paintEvent(QPaintEvent*) override {
+        QPainter p(this);
+        p.setRenderHint(QPainter::Antialiasing);
+        p.setPen(Qt::NoPen);
+        p.setBrush(connected_ ? QColor(0x34, 0xc7, 0x59) : QColor(0xff, 0x95, 0x00));
+        p.drawEllipse(rect());
+    }
+
+  private:
+    bool connected_ = false;
+};
+
+TerminalPaneView::TerminalPaneView(TerminalPane* pane, std::function<void()> onSelect,
+                                   QWidget* parent)
+    : QWidget(parent),
+      pane_(pane),
+      controller_(&pane->controller()),
+      onSelect_(std::move(onSelect)) {
+    setObjectName("pane." + pane->id().toString(QUuid::WithoutBraces));
+    auto* column = new QVBoxLayout(this);
+    column->setContentsMargins(1, 1, 1, 1);
+    column->setSpacing(0);
+
+    terminal_ = new XtermWebView(controller_, this);
+    terminal_->setObjectName("pane.terminal");
+    column->addWidget(terminal_, 1);
+
+    statusLine_ = new QWidget(this);
+    statusLine_->setObjectName("pane.statusLine");
+    statusLine_->setFixedHeight(24);
+    statusLine_->setAutoFillBackground(true);
+    auto* row = new QHBoxLayout(statusLine_);
+    row->setContentsMargins(8, 0, 8, 0);
+    row->setSpacing(6);
+    QFont caption = QFontDatabase::systemFont(QFontDatabase::FixedFont);
+    caption.setPointSizeF(std::max(7.0, QApplication::font().pointSizeF() - 1));
+    dot_ = new StatusDot(statusLine_);
+    status_ = new QLabel(statusLine_);
+    status_->setObjectName("pane.status");
+    status_->setFont(caption);
+    cwd_ = new ElidedLabel(statusLine_);
+    cwd_->setObjectName("pane.cwd");
+    cwd_->setFont(caption);
+    cwd_->setAlignment(Qt::AlignRight | Qt::AlignVCenter);
+    cwd_->setFullText(pane->context().cwd);
+    row->addWidget(dot_);
+    row->addWidget(status_);
+    row->addStretch(1);
+    row->addWidget(cwd_, 1);
+    column->addWidget(statusLine_);
+
+    connect(controller_, &TerminalController::statusChanged, this,
+            &TerminalPaneView::refreshStatus);
+    connect(controller_, &TerminalController::isConnectedChanged, this,
+            &TerminalPaneView::refreshStatus);
+    connect(qApp, &QApplication::focusChanged, this,
+            [this](QWidget*, QWidget* now) { focusChanged(now); });
+    refreshStatus();
+    setSelected(false);
+}
+
+TerminalPaneView::~TerminalPaneView() = default;
+
+void TerminalPaneView::setSelected(bool selected) {
+    selected_ = selected;
+    QPalette palette = statusLine_->palette();
+    QColor background = QApplication::palette().color(QPalette::Button);
+    if (selected) {
+        background = QApplication::palette().color(QPalette::Highlight);
+        background.setAlphaF(0.18);
+    }
+    palette.setColor(QPalette::Window, background);
+    statusLine_->setPalette(palette);
+    update();
+}
+
+void TerminalPaneView::refreshStatus() {
+    if (!controller_) return;
+    dot_->setConnected(controller_->isConnected());
+    status_->setText(controller_->status());
+}
+
+void TerminalPaneView::focusChanged(QWidget* now) {
+    if (selected_ || now == nullptr || !isAncestorOf(now)) return;
+    if (onSelect_) onSelect_();
+}
+
+void TerminalPaneView::mousePressEvent(QMouseEvent* event) {
+    QWidget::mousePressEvent(event);
+    if (onSelect_) onSelect_();
+}
+
+void TerminalPaneView::paintEvent(QPaintEvent*) {
+    QPainter p(this);
+    QColor stroke = QApplication::palette().color(QPalette::Highlight);
+    if (!selected_) {
+        stroke = QApplication::palette().color(QPalette::WindowText);
+        stroke.setAlphaF(0.25);
+    }
+    p.setPen(stroke);
+    p.drawRect(rect().adjusted(0, 0, -1, -1));
+}
+
+}  // namespace hl

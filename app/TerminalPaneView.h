@@ -1,0 +1,50 @@
+// TerminalPaneView: one pane on screen — its terminal renderer above a status
+// line with a connection dot, the controller's status and the pane's working
+// directory. A click or keyboard focus inside the pane selects it.
+#pragma once
+
+#include <QPointer>
+#include <QWidget>
+
+#include <functional>
+
+#include "TerminalPane.h"
+
+class QLabel;
+
+namespace hl {
+
+class ElidedLabel;
+class StatusDot;
+
+class TerminalPaneView : public QWidget {
+    Q_OBJECT
+
+  public:
+    TerminalPaneView(TerminalPane* pane, std::function<void()> onSelect, QWidget* parent = nullptr);
+    ~TerminalPaneView() override;
+
+    TerminalPane* pane() const { return pane_; }
+    bool isSelected() const { return selected_; }
+    void setSelected(bool selected);
+
+  protected:
+    void paintEvent(QPaintEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+
+  private:
+    void refreshStatus();
+    void focusChanged(QWidget* now);
+
+    QPointer<TerminalPane> pane_;
+    QPointer<TerminalController> controller_;
+    std::function<void()> onSelect_;
+    bool selected_ = false;
+    QWidget* terminal_ = nullptr;
+    QWidget* statusLine_ = nullptr;
+    StatusDot* dot_ = nullptr;
+    QLabel* status_ = nullptr;
+    ElidedLabel* cwd_ = nullptr;
+};
+
+}  // namespace hl

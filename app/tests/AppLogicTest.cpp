@@ -1,0 +1,183 @@
+// The window's rules that need no display: the divider drag and split lengths,
+// the keys of the commands and their help texts, and the state-dependent texts
+// of the sidebar and the project dialogs.
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "CommandKeys.h"
+#include "ContentTexts.h"
+#include "DividerDrag.h"
+
+namespace {
+
+using hl::Command;
+using hl::DividerDrag;
+using hl::KeyPlatform;
+
+TEST(DividerDragTest, FollowsThePointerFromTheRatioAtThePressWithoutAccumulating) {
+    DividerDrag drag;
+    EXPECT_DOUBLE_EQ(drag.ratioInForce(0.5), 0.5);
+    EXPECT_DOUBLE_EQ(drag.change(0.5, 0, 1000), 0.5);
+    EXPECT_DOUBLE_EQ(drag.change(0.5, 100, 1000), 0.6);
+    // The store echoes 0.6 back; the next step still counts from the press.
+    EXPECT_DOUBLE_EQ(drag.change(0.6, 200, 1000), 0.7);
+    EXPECT_DOUBLE_EQ(*drag.originRatio(), 0.5);
+    EXPECT_DOUBLE_EQ(drag.ratioInForce(0.2), 0.7) << "the draft is drawn, not the stored ratio";
+    drag.end();
+    EXPECT_FALSE(drag.originRatio());
+    EXPECT_FALSE(drag.draftRatio());
+    EXPECT_DOUBLE_EQ(drag.ratioInForce(0.7), 0.7);
+    // A new drag starts from the ratio in force at its press.
+    EXPECT_DOUBLE_EQ(drag.change(0.7, -100, 1000), 0.6);
+}
+
+TEST(DividerDragTest, StopsAtEitherLimitAndMovesAgainOnlyWhenThePointerReturns) {
+    DividerDrag drag;
+    EXPECT_DOUBLE_EQ(drag.change(0.5, 1000, 1000), 0.9);
+    EXPECT_DOUBLE_EQ(drag.change(0.9, 450, 1000), 0.9) << "still past the end";
+    EXPECT_NEAR(drag.change(0.9, 350, 1000), 0.85, 1e-12);
+    EXPECT_DOUBLE_EQ(drag.change(0.85, -3000, 1000), 0.1);
+    EXPECT_DOUBLE_EQ(drag.change(0.1, -450, 1000), 0.1);
+    EXPECT_NEAR(drag.change(0.1, -300, 1000), 0.2, 1e-12);
+}
+
+TEST(DividerDragTest, AnExtentBelowOneDividesByOne) {
+    DividerDrag small;
+    EXPECT_NEAR(small.change(0.5, 0.25, 0.4), 0.75, 1e-12);
+    DividerDrag none;
+    EXPECT_NEAR(none.change(0.5, -0.25, 0), 0.25, 1e-12);
+    DividerDrag one;
+    EXPECT_NEAR(one.change(0.5, 0.25, 1), 0.75, 1e-12);
+}
+
+TEST(DividerDragTest, SplitLengthsGiveTheDividerSixPointsAndTheFirstChildNeverLessThanZero) {
+    const auto half = hl::splitLengths(1000, 0.5);
+    EXPECT_DOUBLE_EQ(half.first, 497);
+    EXPECT_DOUBLE_EQ(half.second, 497);
+    EXPECT_DOUBLE_EQ(half.first + hl::splitDividerThickness + half.second, 1000);
+    const auto wide = hl::splitLengths(800, 0.9);
+    EXPECT_DOUBLE_EQ(wide.first, 717);
+    EXPECT_DOUBLE_EQ(wide.second, 77);
+    // length × ratio below 3 points: the first child gets nothing.
+    const auto narrow = hl::splitLengths(5, 0.5);
+    EXPECT_DOUBLE_EQ(narrow.first, 0);
+    EXPECT_DOUBLE_EQ(narrow.second, 0);
+    const auto exact = hl::splitLengths(30, 0.1);
+    EXPECT_DOUBLE_EQ(exact.first, 0);
+    EXPECT_DOUBLE_EQ(exact.second, 24);
+}
+
+TEST(CommandKeysTest, LinuxKeysAreThoseOfLinuxTerminals) {
+    const std::vector<std::pair<Command, QString>> expected = {
+        {Command::NewTerminal, "Ctrl+Shift+T"},
+        {Command::NewScratchTerminal, "Ctrl+Shift+N"},
+        {Command::SplitRight, "Ctrl+Shift+E"},
+        {Command::SplitDown, "Ctrl+Shift+O"},
+        {Command::SelectPreviousPane, "Alt+Left"},
+        {Command::SelectNextPane, "Alt+Right"},
+        {Command::SelectPreviousTab, "Ctrl+PageUp"},
+        {Command::SelectNextTab, "Ctrl+PageDown"},
+        {Command::SelectPreviousWorkspace, "Ctrl+Shift+PageUp"},
+        {Command::SelectNextWorkspace, "Ctrl+Shift+PageDown"},
+        {Command::FindNext, "Ctrl+Shift+G"},
+        {Command::FindPrevious, "Ctrl+Shift+H"},
+        {Command::CloseSelectedPane, "Ctrl+Shift+W"},
+    };
+    ASSERT_EQ(expected.size(), hl::allCommands.size());
+    std::set<QString> distinct;
+    for (const auto& [command, text] : expected) {
+        EXPECT_EQ(hl::commandKeyText(command, KeyPlatform::Linux), text);
+        // Qt reads the same chord from the text it would show.
+        QString portable = text;
+        portable.replace("PageUp", "PgUp").replace("PageDown", "PgDown");
+        EXPECT_EQ(hl::commandKeySequence(command, KeyPlatform::Linux), QKeySequence(portable))
+            << text.toStdString();
+        distinct.insert(text);
+    }
+    EXPECT_EQ(distinct.size(), expected.size());
+}
+
+TEST(CommandKeysTest, NoLinuxKeyTakesAKeyThatAShellNeeds) {
+    for (const Command command : hl::allCommands) {
+        const auto chord = hl::commandKey(command, KeyPlatform::Linux);
+        EXPECT_FALSE(chord.command);
+        const bool letter = chord.key >= Qt::Key_A && chord.key <= Qt::Key_Z;
+        if (letter) {
+            EXPECT_TRUE(chord.control && chord.shift) << hl::commandTitle(command).toStdString();
+            EXPECT_FALSE(chord.option);
+        }
+        EXPECT_TRUE(chord.control || chord.option) << hl::commandTitle(command).toStdString();
+    }
+}
+
+TEST(CommandKeysTest, MacKeysAreTheCommandChordsAndMapCommandToQtControl) {
+    EXPECT_EQ(hl::commandKeyText(Command::NewTerminal, KeyPlatform::MacOS), "⌘T");
+    EXPECT_EQ(hl::commandKeyText(Command::NewScratchTerminal, KeyPlatform::MacOS), "⇧⌘T");
+    EXPECT_EQ(hl::commandKeyText(Command::FindPrevious, KeyPlatform::MacOS), "⇧⌘G");
+    EXPECT_EQ(hl::commandKeyText(Command::SelectPreviousTab, KeyPlatform::MacOS), "⇧⌘[");
+    EXPECT_EQ(hl::commandKeyText(Command::SelectNextTab, KeyPlatform::MacOS), "⇧⌘]");
+    EXPECT_EQ(hl::commandKeyText(Command::SelectPreviousPane, KeyPlatform::MacOS), "⌥⌘←");
+    EXPECT_EQ(hl::commandKeyText(Command::SelectNextWorkspace, KeyPlatform::MacOS), "⌃⌘→");
+    EXPECT_EQ(hl::commandKeyText(Command::CloseSelectedPane, KeyPlatform::MacOS), "⌘W");
+
+    // Panes and workspaces differ only by Option against Control.
+    auto pane = hl::commandKey(Command::SelectPreviousPane, KeyPlatform::MacOS);
+    auto space = hl::commandKey(Command::SelectPreviousWorkspace, KeyPlatform::MacOS);
+    EXPECT_TRUE(pane.option && !pane.control);
+    pane.option = false;
+    pane.control = true;
+    EXPECT_EQ(pane, space);
+
+    EXPECT_EQ(hl::commandKeySequence(Command::NewTerminal, KeyPlatform::MacOS),
+              QKeySequence(Qt::CTRL | Qt::Key_T));
+    EXPECT_EQ(hl::commandKeySequence(Command::SelectNextWorkspace, KeyPlatform::MacOS),
+              QKeySequence(Qt::META | Qt::CTRL | Qt::Key_Right));
+    EXPECT_EQ(hl::commandKeySequence(Command::SelectNextPane, KeyPlatform::MacOS),
+              QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_Right));
+}
+
+TEST(CommandKeysTest, HelpTextsShowTheKeyOfThePlatform) {
+    EXPECT_EQ(
+        hl::helpTextWithKey("New terminal in alpha", Command::NewTerminal, KeyPlatform::Linux),
+        "New terminal in alpha (Ctrl+Shift+T)");
+    EXPECT_EQ(hl::helpTextWithKey("Find previous", Command::FindPrevious, KeyPlatform::MacOS),
+              "Find previous (⇧⌘G)");
+#ifndef Q_OS_MACOS
+    EXPECT_EQ(hl::helpTextWithKey("Close selected pane", Command::CloseSelectedPane),
+              "Close selected pane (Ctrl+Shift+W)");
+#endif
+}
+
+TEST(ContentTextsTest, TheScratchRowCountsItsTabsWithTheRightWord) {
+    EXPECT_EQ(hl::scratchRowSubtitle(std::nullopt), "Create a workspace separate from projects");
+    EXPECT_EQ(hl::scratchRowHelp(std::nullopt), "Create Scratch workspace");
+    hl::WorkspaceChoice scratch{"scratch", "Scratch", std::nullopt, 1};
+    EXPECT_EQ(hl::scratchRowSubtitle(scratch), "1 tab · separate from projects");
+    EXPECT_EQ(hl::scratchRowHelp(scratch), "Switch to Scratch workspace");
+    scratch.tabCount = 0;
+    EXPECT_EQ(hl::scratchRowSubtitle(scratch), "0 tabs · separate from projects");
+    scratch.tabCount = 3;
+    EXPECT_EQ(hl::scratchRowSubtitle(scratch), "3 tabs · separate from projects");
+}
+
+TEST(ContentTextsTest, DialogMessagesNameTheProjectAndPutRefusalFirst) {
+    EXPECT_EQ(hl::removeProjectMessage("alpha", true, true),
+              "This closes every terminal in alpha and removes its saved workspace. The folder "
+              "and its files will not be changed.");
+    EXPECT_EQ(hl::removeProjectMessage("alpha", true, false),
+              "This removes alpha from the list. The folder and its files will not be changed.");
+    EXPECT_EQ(hl::removeProjectMessage("alpha", false, true),
+              "Saved workspace data is unreadable and was preserved. Resolve that problem before "
+              "removing alpha.");
+    EXPECT_EQ(hl::renameProjectMessage(true), "This changes only the name shown in Harborlattice.");
+    EXPECT_EQ(hl::renameProjectMessage(false),
+              "Saved workspace data is unreadable and was preserved. Resolve that problem before "
+              "renaming this project.");
+    EXPECT_EQ(hl::emptyStateText(true).title, "Add your first project");
+    EXPECT_EQ(hl::emptyStateText(true).button, "Add Project…");
+    EXPECT_EQ(hl::emptyStateText(false).title, "Choose a workspace");
+    EXPECT_EQ(hl::emptyStateText(false).button, "Open Scratch Workspace");
+}
+
+}  // namespace

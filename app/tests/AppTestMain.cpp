@@ -1,0 +1,21 @@
+// Test entry point: a private environment for the whole process, then a
+// QApplication on the offscreen platform, then the tests.
+#include <gtest/gtest.h>
+
+#include <QApplication>
+
+#include "AppTestSupport.h"
+#include "ProcessEnvironment.h"
+
+int main(int argc, char** argv) {
+    hl::apptest::prepareTestEnvironment();
+    hl::prepareProcessEnvironment();
+    int result = 0;
+    {
+        QApplication app(argc, argv);
+        ::testing::InitGoogleTest(&argc, argv);
+        result = RUN_ALL_TESTS();
+    }
+    hl::apptest::cleanUpTestEnvironment();
+    return result;
+}
