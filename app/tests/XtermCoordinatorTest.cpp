@@ -76,10 +76,10 @@ TEST_F(XtermCoordinatorTest, WritesWaitForReadyThenTheStartFollows) {
     EXPECT_TRUE(coordinator.pending()[0].second);
     coordinator.write("AAA=");
     coordinator.replaceWithReplay("QkJC");
-    coordinator.focus();  // not queued: sent now, and a page that is not up ignores it
-    EXPECT_EQ(page.scripts, std::vector<QString>{"window.harborlattice.focus()"});
+    coordinator.focus();  // not queued: before ready it does nothing
+    coordinator.search("x", false);
+    EXPECT_TRUE(page.scripts.empty());
     EXPECT_EQ(coordinator.pending().size(), 3u);
-    page.scripts.clear();
 
     coordinator.didReceiveScriptMessage("ready", QJsonValue());
     ASSERT_EQ(page.scripts.size(), 3u);
