@@ -96,15 +96,17 @@ void XtermCoordinator::write(const QString& base64, bool replace) {
              (replace ? "true" : "false") + ")");
 }
 
+// Focus, blur and search are not queued: before "ready" they do nothing.
 void XtermCoordinator::focus() {
-    evaluate("window.harborlattice.focus()");
+    if (ready_) evaluate("window.harborlattice.focus()");
 }
 
 void XtermCoordinator::resignFocus() {
-    evaluate("window.harborlattice.blur()");
+    if (ready_) evaluate("window.harborlattice.blur()");
 }
 
 void XtermCoordinator::search(const QString& text, bool backwards) {
+    if (!ready_) return;
     evaluate("window.harborlattice.search(" + json(text) + ", " + (backwards ? "true" : "false") +
              ")");
 }
