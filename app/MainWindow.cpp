@@ -2,7 +2,9 @@
 #include "MainWindow.h"
 
 #include <QApplication>
+#include <QKeyEvent>
 #include <QMenuBar>
+#include <QWindow>
 
 #include "ContentView.h"
 
@@ -52,6 +54,27 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     terminal->addSeparator();
     addCommand(terminal, Command::CloseSelectedPane,
                [&workspace] { workspace.closeSelectedPane(); });
+    qApp->installEventFilter(this);
+}
+
+bool MainWindow::eventFilter(QObject* watched, QEvent* event) {
+    const bool shortcut = event->type() == QEvent::ShortcutOverride;
+    if ((!shortcut && event->type() != QEvent::KeyPress) ||
+        watched != static_cast<QObject*>(windowHandle()))
+        return false;
+    // Every key for this window stops first at its window handle, before the
+    // web engine's objects that would take it for the page.
+    const QKeySequence pressed(static_cast<QKeyEvent*>(event)->keyCombination());
+    for (const auto& [command, action] : actions_) {
+        if (action->shortcut() != pressed) continue;
+        if (shortcut) {
+            event->ignore();  // not claimed: the window's shortcut may run
+        } else {
+            action->trigger();  // no shortcut ran (the window is not active): run it here
+        }
+        return true;
+    }
+    return false;
 }
 
 QAction* MainWindow::action(Command command) const {

@@ -28,6 +28,11 @@ class MainWindow : public QMainWindow {
     // The menu entry of a command.
     QAction* action(Command command) const;
 
+  protected:
+    // Keeps the command keys for the window while a terminal has the keyboard:
+    // the web view would otherwise claim every key for the page.
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
   private:
     void addCommand(QMenu* menu, Command command, std::function<void()> run);
 

@@ -1,15 +1,46 @@
-// Process settings made before the QApplication is built.
+// Process settings made around the building of the QApplication: the
+// renderer's sandbox, the shared graphics context, and the scene graph's
+// backend on machines whose OpenGL is a software rasterizer.
 #include "ProcessEnvironment.h"
 
 #include <unistd.h>
 
 #include <QCoreApplication>
+#include <QGuiApplication>
+#include <QOffscreenSurface>
+#include <QOpenGLContext>
+#include <QOpenGLFunctions>
+#include <QQuickWindow>
+#include <QSGRendererInterface>
 
 namespace hl {
 
 void prepareProcessEnvironment() {
     if (::geteuid() == 0) qputenv("QTWEBENGINE_DISABLE_SANDBOX", "1");
     QCoreApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
+}
+
+bool openGLIsSoftwareOrMissing() {
+    QOffscreenSurface surface;
+    surface.create();
+    QOpenGLContext context;
+    if (!surface.isValid() || !context.create() || !context.makeCurrent(&surface)) return true;
+    const auto* renderer =
+        reinterpret_cast<const char*>(context.functions()->glGetString(GL_RENDERER));
+    const QByteArray name = renderer != nullptr ? QByteArray(renderer).toLower() : QByteArray();
+    context.doneCurrent();
+    return name.isEmpty() || name.contains("llvmpipe") || name.contains("softpipe") ||
+           name.contains("software");
+}
+
+void chooseRenderingBackend() {
+    if (qEnvironmentVariableIsSet("QT_QUICK_BACKEND")) return;  // the user's choice stands
+    if (QCoreApplication::instance() == nullptr) return;
+    const QString platform = QGuiApplication::platformName();
+    if (platform == "offscreen" || platform == "minimal") return;
+    // Web views composite through the scene graph; on a software rasterizer its
+    // OpenGL path can leave them blank, while the software path draws them.
+    if (openGLIsSoftwareOrMissing()) QQuickWindow::setGraphicsApi(QSGRendererInterface::Software);
 }
 
 }  // namespace hl

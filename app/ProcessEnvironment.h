@@ -9,4 +9,13 @@ namespace hl {
 // runs as root; a normal user keeps it.
 void prepareProcessEnvironment();
 
+// After the QApplication exists and before any web view: draws web views with
+// the scene graph's software backend when OpenGL is missing or only a software
+// rasterizer. A QT_QUICK_BACKEND set by the user stands.
+void chooseRenderingBackend();
+
+// True when no OpenGL context can be made current, or its renderer is a
+// software rasterizer.
+bool openGLIsSoftwareOrMissing();
+
 }  // namespace hl

@@ -85,6 +85,8 @@ void XtermCoordinator::terminalDidBecomeReady() {
     for (const auto& [base64, replace] : queued)
         write(base64, replace);
     if (controller_) requestDeferredStart(controller_.data());
+    // A focus asked for while the page was loading takes effect now.
+    if (controller_ && controller_->wantsFocus()) focus();
 }
 
 void XtermCoordinator::write(const QString& base64, bool replace) {
@@ -98,6 +100,7 @@ void XtermCoordinator::write(const QString& base64, bool replace) {
 
 // Focus, blur and search are not queued: before "ready" they do nothing.
 void XtermCoordinator::focus() {
+    if (onFocus) onFocus();
     if (ready_) evaluate("window.harborlattice.focus()");
 }
 

@@ -60,6 +60,10 @@ class XtermCoordinator : public TerminalSurface {
     void didReceiveScriptMessage(const QString& name, const QJsonValue& body);
     void terminalDidBecomeReady();
 
+    // Called when the terminal is to take the keyboard, so the host view can
+    // take the toolkit's focus too.
+    std::function<void()> onFocus;
+
     // Opens an accepted link; the default uses the desktop's handler.
     std::function<void(const QUrl&)> openExternal;
 

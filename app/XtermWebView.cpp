@@ -144,6 +144,7 @@ XtermWebView::XtermWebView(TerminalController* controller, QWidget* parent)
     view_->setPage(page);
 
     coordinator_->setWebPage(new EnginePage(page, this));
+    coordinator_->onFocus = [this] { view_->setFocus(Qt::OtherFocusReason); };
     coordinator_->bind(controller);
     page->setHtml(document(), QUrl());
 }

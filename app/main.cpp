@@ -13,6 +13,7 @@ int main(int argc, char** argv) {
     hl::prepareProcessEnvironment();
     QApplication qt(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Harborlattice"));
+    hl::chooseRenderingBackend();
     std::unique_ptr<hl::HarborlatticeApp> app;
     try {
         app = std::make_unique<hl::HarborlatticeApp>();

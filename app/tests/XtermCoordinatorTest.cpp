@@ -124,6 +124,18 @@ TEST_F(XtermCoordinatorTest, RebindingDropsTheOldControllersWritesAndStartsOnlyT
     EXPECT_EQ(a.surface(), &coordinator);
 }
 
+TEST_F(XtermCoordinatorTest, AFocusAskedForWhileLoadingFollowsTheWrites) {
+    int hostFocus = 0;
+    coordinator.onFocus = [&] { ++hostFocus; };
+    coordinator.bind(&a);
+    a.requestFocus();
+    EXPECT_TRUE(page.scripts.empty()) << "the page is not up yet";
+    EXPECT_GE(hostFocus, 1) << "the host view takes the toolkit's focus at once";
+    coordinator.terminalDidBecomeReady();
+    ASSERT_EQ(page.scripts.size(), 2u);
+    EXPECT_EQ(page.scripts[1], "window.harborlattice.focus()");
+}
+
 TEST_F(XtermCoordinatorTest, DetachingBeforeTheDeferredRunStartsNothing) {
     coordinator.bind(&a);
     coordinator.terminalDidBecomeReady();
