@@ -15,6 +15,7 @@
 #include <QTest>
 #include <QTimer>
 #include <QToolButton>
+#include <QWebEngineView>
 
 #include <map>
 
@@ -210,6 +211,19 @@ TEST(ApplicationWindowTest, AProjectLivesThroughSplitsDialogsAndARestart) {
         EXPECT_TRUE(run.window.isVisible()) << "the close command never closes the window";
         EXPECT_EQ(tab->paneCount(), 2u);
         EXPECT_EQ(tab->layout().signature(), "V(P,P)");
+        ASSERT_TRUE(spinUntil([&] { return allPanesShow(&run.window, "Connected", 2); }));
+
+        // Command keys typed while a terminal has the keyboard still reach the
+        // window, through the platform's path for keys.
+        auto* page = layoutView->paneView(*tab->selectedPaneID())->findChild<QWebEngineView*>();
+        ASSERT_NE(page, nullptr);
+        page->setFocus();
+        QTest::keyClick(run.window.windowHandle(), Qt::Key_E,
+                        Qt::ControlModifier | Qt::ShiftModifier);
+        EXPECT_EQ(tab->paneCount(), 3u);
+        QTest::keyClick(run.window.windowHandle(), Qt::Key_W,
+                        Qt::ControlModifier | Qt::ShiftModifier);
+        EXPECT_EQ(tab->paneCount(), 2u);
         ASSERT_TRUE(spinUntil([&] { return allPanesShow(&run.window, "Connected", 2); }));
 
         // A second tab through the strip, closed again through its own button.
