@@ -12,7 +12,8 @@ namespace hl::test {
 TempDir::TempDir() {
     std::string pattern = (std::filesystem::temp_directory_path() / "hl-test-XXXXXX").string();
     if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    path_ = pattern;
+    // Resolved, so that a shell's own idea of its directory matches ours.
+    path_ = std::filesystem::canonical(pattern);
 }
 
 TempDir::~TempDir() {

@@ -23,29 +23,14 @@ using hl::test::StatusLog;
 
 namespace {
 
-// Sets an environment variable for the life of the object.
-class ScopedEnv {
-  public:
-    ScopedEnv(std::string name, const std::string& value) : name_(std::move(name)) {
-        if (const char* previous = std::getenv(name_.c_str())) previous_ = previous;
-        ::setenv(name_.c_str(), value.c_str(), 1);
-    }
-    ~ScopedEnv() {
-        if (previous_)
-            ::setenv(name_.c_str(), previous_->c_str(), 1);
-        else
-            ::unsetenv(name_.c_str());
-    }
-
-  private:
-    std::string name_;
-    std::optional<std::string> previous_;
-};
+using hl::test::ScopedEnv;
 
 class RealNodeTest : public ::testing::Test {
   protected:
     RealNodeTest()
-        : socket(dir / "node.sock"), cwd((dir.path() / "work").string()), node(socket, dir.path()) {
+        : socket((dir / "node.sock").string()),
+          cwd((dir.path() / "work").string()),
+          node(socket, dir.path()) {
         std::filesystem::create_directories(cwd);
     }
 

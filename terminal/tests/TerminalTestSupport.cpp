@@ -189,18 +189,6 @@ bool StatusLog::sawInOrder(const std::vector<std::string>& sequence) const {
     return next == sequence.end();
 }
 
-TempDir::TempDir() {
-    std::string pattern = (fs::temp_directory_path() / "hl-terminal-XXXXXX").string();
-    if (::mkdtemp(pattern.data()) == nullptr) throw std::runtime_error("mkdtemp failed");
-    // Resolved, so that a shell's own idea of its directory matches ours.
-    path_ = fs::canonical(pattern);
-}
-
-TempDir::~TempDir() {
-    std::error_code error;
-    fs::remove_all(path_, error);
-}
-
 std::string nodeExecutable() {
     return HARBORLATTICE_NODE_PATH;
 }

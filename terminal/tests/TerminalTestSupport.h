@@ -20,6 +20,7 @@
 #include "NodeClient.h"
 #include "TerminalController.h"
 #include "TerminalSurface.h"
+#include "TestSupport.h"
 
 namespace hl::test {
 
@@ -113,20 +114,6 @@ class StatusLog final : public QObject {
     bool saw(const std::string& status) const;
     // True if `sequence` appears in the log in this order, not necessarily adjacent.
     bool sawInOrder(const std::vector<std::string>& sequence) const;
-};
-
-// A fresh folder under the temporary directory, removed with its content.
-class TempDir {
-  public:
-    TempDir();
-    ~TempDir();
-    TempDir(const TempDir&) = delete;
-    TempDir& operator=(const TempDir&) = delete;
-    const std::filesystem::path& path() const { return path_; }
-    std::string operator/(const std::string& name) const { return (path_ / name).string(); }
-
-  private:
-    std::filesystem::path path_;
 };
 
 // The real harborlattice-node, started on a socket of the test's own with a
