@@ -461,47 +461,71 @@ void ContentView::syncCatalogSelection() {
     catalog_->clearSelection();
 }
 
+namespace {
+
+// The frame both project dialogs share: a bold title, a wrapped message, an
+// optional field, and "Cancel" beside a confirm button at the bottom right.
+struct ProjectDialog {
+    QDialog* dialog;
+    QPushButton* cancel;
+    QPushButton* confirm;
+};
+
+ProjectDialog makeProjectDialog(QWidget* parent, const char* objectName, const QString& title,
+                                const QString& message, const QString& confirmText,
+                                QWidget* field = nullptr) {
+    auto* dialog = new QDialog(parent);
+    dialog->setObjectName(objectName);
+    dialog->setMinimumWidth(380);
+    dialog->setWindowTitle(title);
+    dialog->setWindowModality(Qt::WindowModal);
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    auto* column = new QVBoxLayout(dialog);
+    auto* heading = new QLabel(title, dialog);
+    QFont bold = heading->font();
+    bold.setBold(true);
+    heading->setFont(bold);
+    auto* text = new QLabel(message, dialog);
+    text->setObjectName("dialog.message");
+    text->setWordWrap(true);
+    auto* buttons = new QHBoxLayout();
+    buttons->addStretch(1);
+    auto* cancel = new QPushButton(QStringLiteral("Cancel"), dialog);
+    cancel->setObjectName("dialog.cancel");
+    auto* confirm = new QPushButton(confirmText, dialog);
+    confirm->setObjectName("dialog.confirm");
+    buttons->addWidget(cancel);
+    buttons->addWidget(confirm);
+    column->addWidget(heading);
+    column->addWidget(text);
+    if (field) {
+        field->setParent(dialog);
+        column->addWidget(field);
+    }
+    column->addLayout(buttons);
+    QObject::connect(cancel, &QPushButton::clicked, dialog, &QDialog::reject);
+    return {dialog, cancel, confirm};
+}
+
+}  // namespace
+
 void ContentView::presentRename(const ProjectRecord& project) {
     if (renameDialog_) renameDialog_->reject();
     renameValue_ = project.name;
     projectToRename_ = project;
     const bool allowed = workspace_->workspaceMutationsAreAllowed();
 
-    auto* dialog = new QDialog(this);
-    dialog->setObjectName("dialog.rename");
-    dialog->setMinimumWidth(380);
-    dialog->setWindowTitle(QStringLiteral("Rename Project"));
-    dialog->setWindowModality(Qt::WindowModal);
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    auto* column = new QVBoxLayout(dialog);
-    auto* title = new QLabel(QStringLiteral("Rename Project"), dialog);
-    QFont bold = title->font();
-    bold.setBold(true);
-    title->setFont(bold);
-    auto* message = new QLabel(renameProjectMessage(allowed), dialog);
-    message->setObjectName("dialog.message");
-    message->setWordWrap(true);
-    auto* field = new QLineEdit(renameValue_, dialog);
+    auto* field = new QLineEdit(renameValue_);
     field->setObjectName("dialog.field");
     field->setPlaceholderText(QStringLiteral("Project name"));
     field->setAccessibleName(QStringLiteral("Project name"));
     connect(field, &QLineEdit::textChanged, this,
             [this](const QString& text) { renameValue_ = text; });
-    auto* buttons = new QHBoxLayout();
-    buttons->addStretch(1);
-    auto* cancel = new QPushButton(QStringLiteral("Cancel"), dialog);
-    cancel->setObjectName("dialog.cancel");
-    auto* confirm = new QPushButton(QStringLiteral("Rename"), dialog);
-    confirm->setObjectName("dialog.confirm");
+    auto [dialog, cancel, confirm] =
+        makeProjectDialog(this, "dialog.rename", QStringLiteral("Rename Project"),
+                          renameProjectMessage(allowed), QStringLiteral("Rename"), field);
     confirm->setDefault(true);
     confirm->setEnabled(allowed);
-    buttons->addWidget(cancel);
-    buttons->addWidget(confirm);
-    column->addWidget(title);
-    column->addWidget(message);
-    column->addWidget(field);
-    column->addLayout(buttons);
-    connect(cancel, &QPushButton::clicked, dialog, &QDialog::reject);
     connect(confirm, &QPushButton::clicked, dialog, [this, dialog] {
         if (!projectToRename_) return;
         if (renameProject(*projectToRename_, renameValue_)) {
@@ -519,38 +543,15 @@ void ContentView::presentRemove(const ProjectRecord& project) {
     projectToRemove_ = project;
     const bool allowed = workspace_->workspaceMutationsAreAllowed();
 
-    auto* dialog = new QDialog(this);
-    dialog->setObjectName("dialog.remove");
-    dialog->setMinimumWidth(380);
-    dialog->setWindowTitle(QStringLiteral("Remove Project?"));
-    dialog->setWindowModality(Qt::WindowModal);
-    dialog->setAttribute(Qt::WA_DeleteOnClose);
-    auto* column = new QVBoxLayout(dialog);
-    auto* title = new QLabel(QStringLiteral("Remove Project?"), dialog);
-    QFont bold = title->font();
-    bold.setBold(true);
-    title->setFont(bold);
-    auto* message = new QLabel(
-        removeProjectMessage(project.name, allowed, workspace_->hasWorkspace(project.id)), dialog);
-    message->setObjectName("dialog.message");
-    message->setWordWrap(true);
-    auto* buttons = new QHBoxLayout();
-    buttons->addStretch(1);
-    auto* cancel = new QPushButton(QStringLiteral("Cancel"), dialog);
-    cancel->setObjectName("dialog.cancel");
+    auto [dialog, cancel, confirm] = makeProjectDialog(
+        this, "dialog.remove", QStringLiteral("Remove Project?"),
+        removeProjectMessage(project.name, allowed, workspace_->hasWorkspace(project.id)),
+        QStringLiteral("Remove from Harborlattice"));
     cancel->setDefault(true);
-    auto* confirm = new QPushButton(QStringLiteral("Remove from Harborlattice"), dialog);
-    confirm->setObjectName("dialog.confirm");
     QPalette destructive = confirm->palette();
     destructive.setColor(QPalette::ButtonText, errorRed);
     confirm->setPalette(destructive);
     confirm->setEnabled(allowed);
-    buttons->addWidget(cancel);
-    buttons->addWidget(confirm);
-    column->addWidget(title);
-    column->addWidget(message);
-    column->addLayout(buttons);
-    connect(cancel, &QPushButton::clicked, dialog, &QDialog::reject);
     connect(confirm, &QPushButton::clicked, dialog, [this, dialog] {
         if (projectToRemove_) {
             const ProjectRecord removing = *projectToRemove_;

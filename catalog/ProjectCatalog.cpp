@@ -29,6 +29,13 @@ std::optional<std::vector<ProjectRecord>> decodeRecords(const QByteArray& bytes)
     return records;
 }
 
+// The record with `id` in `records`, or end.
+template <typename Records>
+auto findProject(Records& records, const QString& id) {
+    return std::find_if(records.begin(), records.end(),
+                        [&](const ProjectRecord& r) { return r.id == id; });
+}
+
 }  // namespace
 
 ProjectCatalog::ProjectCatalog(std::shared_ptr<Preferences> defaults, QObject* parent)
@@ -173,8 +180,7 @@ std::optional<ProjectRecord> ProjectCatalog::add(const QString& name, const QStr
 }
 
 void ProjectCatalog::select(const QString& id) {
-    if (std::any_of(projects_.begin(), projects_.end(),
-                    [&](const auto& r) { return r.id == id; })) {
+    if (findProject(projects_, id) != projects_.end()) {
         setSelectedProjectID(id);
     }
 }
@@ -183,8 +189,7 @@ std::optional<ProjectRecord> ProjectCatalog::rename(const QString& id, const QSt
     try {
         if (!isReadable_) throw ProjectCatalogError(Kind::CorruptCatalog);
         auto updated = projects_;
-        auto found =
-            std::find_if(updated.begin(), updated.end(), [&](const auto& r) { return r.id == id; });
+        auto found = findProject(updated, id);
         if (found == updated.end()) throw ProjectCatalogError(Kind::UnknownProject);
         const QString trimmed = name.trimmed();
         if (trimmed.isEmpty()) throw ProjectCatalogError(Kind::InvalidName);
@@ -204,16 +209,12 @@ std::optional<ProjectRecord> ProjectCatalog::remove(const QString& id) {
     try {
         if (!isReadable_) throw ProjectCatalogError(Kind::CorruptCatalog);
         auto updated = projects_;
-        auto found =
-            std::find_if(updated.begin(), updated.end(), [&](const auto& r) { return r.id == id; });
+        auto found = findProject(updated, id);
         if (found == updated.end()) throw ProjectCatalogError(Kind::UnknownProject);
         const ProjectRecord removed = *found;
         updated.erase(found);
         setProjects(std::move(updated));
-        if (selectedProjectID_ == id) {
-            setSelectedProjectID(projects_.empty() ? std::nullopt
-                                                   : std::optional<QString>(projects_.front().id));
-        }
+        if (selectedProjectID_ == id) selectFirstProject();
         setErrorMessage(std::nullopt);
         persist();
         return removed;
@@ -221,6 +222,11 @@ std::optional<ProjectRecord> ProjectCatalog::remove(const QString& id) {
         fail(error);
         return std::nullopt;
     }
+}
+
+void ProjectCatalog::selectFirstProject() {
+    setSelectedProjectID(projects_.empty() ? std::nullopt
+                                           : std::optional<QString>(projects_.front().id));
 }
 
 void ProjectCatalog::clearSelection() {
@@ -245,11 +251,8 @@ void ProjectCatalog::applySharedProjects(const std::vector<SharedProjectName>& s
     }
     if (updated == projects_) return;
     setProjects(std::move(updated));
-    if (selectedProjectID_ && std::none_of(projects_.begin(), projects_.end(), [&](const auto& r) {
-            return r.id == *selectedProjectID_;
-        })) {
-        setSelectedProjectID(projects_.empty() ? std::nullopt
-                                               : std::optional<QString>(projects_.front().id));
+    if (selectedProjectID_ && findProject(projects_, *selectedProjectID_) == projects_.end()) {
+        selectFirstProject();
     }
     setErrorMessage(std::nullopt);
     persist();

@@ -73,6 +73,8 @@ class ProjectCatalog : public QObject {
     void fail(const ProjectCatalogError& error);
     void setProjects(std::vector<ProjectRecord> projects);
     void setSelectedProjectID(const std::optional<QString>& id);
+    // Selects the first project, or none when the catalog is empty.
+    void selectFirstProject();
     void setErrorMessage(const std::optional<QString>& message);
 
     std::shared_ptr<Preferences> defaults_;
