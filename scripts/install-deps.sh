@@ -6,7 +6,7 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 packages=(
-  g++ cmake ninja-build pkg-config git clang-format
+  g++ cmake ninja-build ccache pkg-config git clang-format
   libsqlite3-dev nlohmann-json3-dev libgtest-dev libgmock-dev
   qt6-base-dev qt6-webengine-dev qt6-webchannel-dev
   xvfb xauth tmux procps chromium
