@@ -202,6 +202,17 @@ QWidget* ContentView::buildSidebar() {
     errorText_->setPalette(red);
     errorLine->addWidget(errorText_, 1);
     errorColumn->addLayout(errorLine);
+    startOverButton_ = new QPushButton(QStringLiteral("Keep a Copy and Start Over…"), errorRow_);
+    startOverButton_->setObjectName("sidebar.startOver");
+    startOverButton_->setVisible(false);
+    connect(startOverButton_, &QPushButton::clicked, this, [this] {
+        if (startOver_) startOver_();
+    });
+    auto* startOverLine = new QHBoxLayout();
+    startOverLine->setContentsMargins(12, 0, 12, 8);
+    startOverLine->addWidget(startOverButton_);
+    startOverLine->addStretch(1);
+    errorColumn->addLayout(startOverLine);
     column->addWidget(errorRow_);
     return sidebar;
 }
@@ -263,7 +274,15 @@ void ContentView::refreshErrorRow() {
     const auto message =
         catalog_->errorMessage() ? catalog_->errorMessage() : workspace_->errorMessage();
     errorText_->setText(message.value_or(QString()));
-    errorRow_->setVisible(message.has_value());
+    const bool offered = startOverIsOffered_ && startOverIsOffered_();
+    startOverButton_->setVisible(offered);
+    errorRow_->setVisible(message.has_value() || offered);
+}
+
+void ContentView::setStartOver(std::function<bool()> isOffered, std::function<void()> run) {
+    startOverIsOffered_ = std::move(isOffered);
+    startOver_ = std::move(run);
+    refreshErrorRow();
 }
 
 void ContentView::rebuildSidebarList() {

@@ -9,6 +9,7 @@
 #include <QPointer>
 #include <QWidget>
 
+#include <functional>
 #include <optional>
 
 #include "ProjectCatalog.h"
@@ -48,6 +49,11 @@ class ContentView : public QWidget {
     QDialog* renameDialog() const { return renameDialog_; }
     QDialog* removeDialog() const { return removeDialog_; }
 
+    // The error row offers "Keep a Copy and Start Over…" while `isOffered` says
+    // there is damaged data; the button calls `run`.
+    void setStartOver(std::function<bool()> isOffered, std::function<void()> run);
+    QPushButton* startOverButton() const { return startOverButton_; }
+
     TerminalWorkspaceView* workspaceView() const { return workspaceView_; }
     QSplitter* splitter() const { return splitter_; }
 
@@ -71,6 +77,9 @@ class ContentView : public QWidget {
     QPointer<QWidget> listContent_;
     QWidget* errorRow_ = nullptr;
     QLabel* errorText_ = nullptr;
+    QPushButton* startOverButton_ = nullptr;
+    std::function<bool()> startOverIsOffered_;
+    std::function<void()> startOver_;
     QStackedWidget* detail_ = nullptr;
     QLabel* emptyTitle_ = nullptr;
     QLabel* emptyDescription_ = nullptr;

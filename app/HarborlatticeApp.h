@@ -5,6 +5,12 @@
 // owns them, with the life-cycle delegate, until the process ends.
 #pragma once
 
+#include <chrono>
+#include <string>
+#include <vector>
+
+#include "StoredDataRecovery.h"
+
 #include <filesystem>
 #include <memory>
 
@@ -18,9 +24,12 @@ namespace hl {
 
 class HarborlatticeApp {
   public:
-    // Throws PreferencesError when the preferences database cannot be opened.
+    // Throws PreferencesError when the preferences database cannot be opened or
+    // a stored value could not be read at all (a busy or failing database is
+    // never taken for an empty one).
     explicit HarborlatticeApp(
-        const std::filesystem::path& preferencesFile = RuntimePaths::preferencesFile());
+        const std::filesystem::path& preferencesFile = RuntimePaths::preferencesFile(),
+        std::chrono::milliseconds busyTimeout = Preferences::defaultBusyTimeout);
     ~HarborlatticeApp();
     HarborlatticeApp(const HarborlatticeApp&) = delete;
     HarborlatticeApp& operator=(const HarborlatticeApp&) = delete;
@@ -29,6 +38,14 @@ class HarborlatticeApp {
     ProjectCatalog& catalog() const { return *catalog_; }
     WorkspaceStore& workspace() const { return *workspace_; }
     const std::shared_ptr<Preferences>& defaults() const { return defaults_; }
+
+    // Keys whose stored values could not be understood and are kept as they were.
+    std::vector<std::string> damagedKeys() const;
+    // Copies each damaged value's exact bytes to a private file under `folder`,
+    // then clears the keys, so that the next start is writable. Throws
+    // StoredDataRecoveryError, clearing nothing, when a copy cannot be made.
+    std::vector<RecoveredValue> keepCopyAndStartOver(
+        const std::filesystem::path& folder = StoredDataRecovery::defaultFolder());
 
   private:
     std::unique_ptr<ApplicationDelegate> delegate_;

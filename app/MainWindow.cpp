@@ -7,6 +7,7 @@
 #include <QWindow>
 
 #include "ContentView.h"
+#include "StoredDataPrompts.h"
 
 namespace hl {
 
@@ -17,6 +18,8 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     resize(1360, 820);
     content_ = new ContentView(&app.catalog(), &app.workspace(), this);
     setCentralWidget(content_);
+    content_->setStartOver([&app] { return !app.damagedKeys().empty(); },
+                           [&app, this] { offerKeepCopyAndStartOver(app, this); });
 
     WorkspaceStore& workspace = app.workspace();
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));

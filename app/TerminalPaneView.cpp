@@ -79,8 +79,9 @@ TerminalPaneView::TerminalPaneView(TerminalPane* pane, std::function<void()> onS
             &TerminalPaneView::refreshStatus);
     connect(controller_, &TerminalController::isConnectedChanged, this,
             &TerminalPaneView::refreshStatus);
-    connect(qApp, &QApplication::focusChanged, this,
-            [this](QWidget*, QWidget* now) { focusChanged(now); });
+    // The renderer's own widgets take the clicks and keys; the pane hears of
+    // them here, before they are delivered.
+    qApp->installEventFilter(this);
     refreshStatus();
     setSelected(false);
 }
@@ -106,9 +107,12 @@ void TerminalPaneView::refreshStatus() {
     status_->setText(controller_->status());
 }
 
-void TerminalPaneView::focusChanged(QWidget* now) {
-    if (selected_ || now == nullptr || !isAncestorOf(now)) return;
-    if (onSelect_) onSelect_();
+bool TerminalPaneView::eventFilter(QObject* watched, QEvent* event) {
+    const QEvent::Type type = event->type();
+    if (type != QEvent::MouseButtonPress && type != QEvent::KeyPress) return false;
+    auto* widget = qobject_cast<QWidget*>(watched);
+    if (!selected_ && widget != nullptr && isAncestorOf(widget) && onSelect_) onSelect_();
+    return false;
 }
 
 void TerminalPaneView::mousePressEvent(QMouseEvent* event) {

@@ -1,6 +1,7 @@
 // TerminalPaneView: one pane on screen — its terminal renderer above a status
 // line with a connection dot, the controller's status and the pane's working
-// directory. A click or keyboard focus inside the pane selects it.
+// directory. A click or a key press inside the pane reports it to the store;
+// focus that the toolkit moves by itself (a view hidden or re-parented) does not.
 #pragma once
 
 #include <QPointer>
@@ -31,10 +32,10 @@ class TerminalPaneView : public QWidget {
   protected:
     void paintEvent(QPaintEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
   private:
     void refreshStatus();
-    void focusChanged(QWidget* now);
 
     QPointer<TerminalPane> pane_;
     QPointer<TerminalController> controller_;

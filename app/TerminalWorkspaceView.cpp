@@ -202,7 +202,7 @@ void TerminalWorkspaceView::setTab(TerminalTab* tab) {
     }
     if (!tab) return;
     paneLayout_ = new PaneLayoutView(
-        tab, [this](const QUuid& id) { workspace_->selectPane(id); },
+        tab, [this](const QUuid& id) { workspace_->userSelectedPane(id); },
         [this](const QUuid& id, double ratio) { workspace_->setSplitRatio(id, ratio); }, this);
     column_->addWidget(paneLayout_, 1);
     paneLayout_->show();

@@ -8,6 +8,7 @@
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
 #include "ProcessEnvironment.h"
+#include "StoredDataPrompts.h"
 
 int main(int argc, char** argv) {
     hl::prepareProcessEnvironment();
@@ -15,11 +16,14 @@ int main(int argc, char** argv) {
     QApplication::setApplicationName(QStringLiteral("Harborlattice"));
     hl::chooseRenderingBackend();
     std::unique_ptr<hl::HarborlatticeApp> app;
-    try {
-        app = std::make_unique<hl::HarborlatticeApp>();
-    } catch (const hl::PreferencesError& error) {
-        std::fprintf(stderr, "harborlattice: %s\n", error.what());
-        return 1;
+    const auto file = hl::RuntimePaths::preferencesFile();
+    while (!app) {
+        try {
+            app = std::make_unique<hl::HarborlatticeApp>(file);
+        } catch (const hl::PreferencesError& error) {
+            std::fprintf(stderr, "harborlattice: %s\n", error.what());
+            if (!hl::askToRetryOpeningPreferences(error, file)) return 1;
+        }
     }
     hl::MainWindow window(*app);
     window.show();

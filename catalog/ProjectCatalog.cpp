@@ -40,24 +40,44 @@ auto findProject(Records& records, const QString& id) {
 
 ProjectCatalog::ProjectCatalog(std::shared_ptr<Preferences> defaults, QObject* parent)
     : QObject(parent), defaults_(std::move(defaults)) {
-    if (auto stored = defaults_->data(storageKey)) {
-        auto records = decodeRecords(QByteArray::fromStdString(stored->bytes));
+    const PreferenceRead stored = defaults_->readData(storageKey);
+    if (stored.isAbsent()) {
+        // Nothing stored yet, for certain: the one case that may start fresh.
+        const PreferenceRead legacyRead = defaults_->readData(legacyWorkspaceKey);
+        if (legacyRead.isDamaged()) {
+            // Projects may be waiting in the old format: start nothing over them.
+            markUnreadable(legacyRead, legacyWorkspaceKey);
+        } else {
+            std::optional<QByteArray> legacy;
+            if (legacyRead.isPresent())
+                legacy =
+                    QByteArray::fromStdString(std::get<PreferenceData>(*legacyRead.value).bytes);
+            projects_ = migrateProjects(legacy);
+            persist();
+        }
+    } else if (stored.isDamaged()) {
+        markUnreadable(stored, storageKey);
+    } else {
+        auto records =
+            decodeRecords(QByteArray::fromStdString(std::get<PreferenceData>(*stored.value).bytes));
         try {
             if (!records) throw ProjectCatalogError(Kind::CorruptCatalog);
             validate(*records);
             projects_ = std::move(*records);
         } catch (const ProjectCatalogError&) {
             isReadable_ = false;
+            damagedKey_ = storageKey;
             errorMessage_ = ProjectCatalogError(Kind::CorruptCatalog).errorDescription();
         }
-    } else {
-        std::optional<QByteArray> legacy;
-        if (auto bytes = defaults_->data(legacyWorkspaceKey))
-            legacy = QByteArray::fromStdString(bytes->bytes);
-        projects_ = migrateProjects(legacy);
-        persist();
     }
     if (!projects_.empty()) selectedProjectID_ = projects_.front().id;
+}
+
+void ProjectCatalog::markUnreadable(const PreferenceRead& read, const char* key) {
+    isReadable_ = false;
+    loadFailed_ = read.state == PreferenceReadState::failed;
+    if (!loadFailed_) damagedKey_ = key;
+    errorMessage_ = ProjectCatalogError(Kind::CorruptCatalog).errorDescription();
 }
 
 void ProjectCatalog::validate(const std::vector<ProjectRecord>& records) {
@@ -79,7 +99,12 @@ void ProjectCatalog::persist() {
     for (const auto& record : projects_)
         list.append(record.toJson());
     const QByteArray bytes = QJsonDocument(list).toJson(QJsonDocument::Compact);
-    if (!defaults_->set(storageKey, PreferenceData{bytes.toStdString()})) return;
+    if (!defaults_->set(storageKey, PreferenceData{bytes.toStdString()})) {
+        setErrorMessage(QStringLiteral("The project list could not be saved to %1. The change "
+                                       "is lost when Harborlattice quits.")
+                            .arg(QString::fromStdString(defaults_->location().string())));
+        return;
+    }
     if (onChange) onChange();
 }
 

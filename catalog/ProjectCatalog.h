@@ -43,6 +43,11 @@ class ProjectCatalog : public QObject {
     const std::optional<QString>& errorMessage() const { return errorMessage_; }
     QString errorMessageText() const { return errorMessage_.value_or(QString()); }
     bool isReadable() const { return isReadable_; }
+    // True when the stored list could not be read at all (the database did not
+    // answer), as opposed to read and found damaged.
+    bool loadFailed() const { return loadFailed_; }
+    // The key whose stored value could not be understood, kept as it was.
+    const std::optional<std::string>& damagedKey() const { return damagedKey_; }
 
     // Called after each successful store.
     std::function<void()> onChange;
@@ -70,6 +75,7 @@ class ProjectCatalog : public QObject {
     // Throws ProjectCatalogError for a list that must not be loaded.
     static void validate(const std::vector<ProjectRecord>& records);
     void persist();
+    void markUnreadable(const PreferenceRead& read, const char* key);
     void fail(const ProjectCatalogError& error);
     void setProjects(std::vector<ProjectRecord> projects);
     void setSelectedProjectID(const std::optional<QString>& id);
@@ -82,6 +88,8 @@ class ProjectCatalog : public QObject {
     std::optional<QString> selectedProjectID_;
     std::optional<QString> errorMessage_;
     bool isReadable_ = true;
+    bool loadFailed_ = false;
+    std::optional<std::string> damagedKey_;
 };
 
 }  // namespace hl

@@ -6,6 +6,7 @@
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <mutex>
 #include <nlohmann/json.hpp>
 
 namespace hl {
@@ -35,29 +36,44 @@ class Statement {
     sqlite3_stmt* statement_ = nullptr;
 };
 
-std::optional<PreferenceValue> decodeRow(sqlite3_stmt* row, int typeColumn, int valueColumn) {
+// The row's value, or an unreadable answer that keeps its bytes.
+PreferenceRead decodeRow(sqlite3_stmt* row, int typeColumn, int valueColumn) {
     const auto* bytes = static_cast<const char*>(sqlite3_column_blob(row, valueColumn));
     const int size = sqlite3_column_bytes(row, valueColumn);
-    std::string raw = bytes != nullptr ? std::string(bytes, static_cast<std::size_t>(size)) : "";
-    switch (static_cast<StoredType>(sqlite3_column_int(row, typeColumn))) {
+    PreferenceRead result;
+    result.storedBytes = bytes != nullptr ? std::string(bytes, static_cast<std::size_t>(size)) : "";
+    result.state = PreferenceReadState::present;
+    const std::string& raw = result.storedBytes;
+    const int type = sqlite3_column_int(row, typeColumn);
+    switch (static_cast<StoredType>(type)) {
         case StoredType::Data:
-            return PreferenceData{std::move(raw)};
+            result.value = PreferenceData{raw};
+            return result;
         case StoredType::Text:
-            return raw;
+            result.value = raw;
+            return result;
         case StoredType::Boolean:
-            return raw == "1";
+            if (raw == "1" || raw == "0") {
+                result.value = raw == "1";
+                return result;
+            }
+            break;
         case StoredType::TextList: {
             auto list = nlohmann::json::parse(raw, nullptr, false);
-            if (!list.is_array()) return std::nullopt;
+            if (!list.is_array()) break;
             std::vector<std::string> items;
             for (const auto& item : list) {
-                if (!item.is_string()) return std::nullopt;
+                if (!item.is_string()) break;
                 items.push_back(item.get<std::string>());
             }
-            return items;
+            if (items.size() != list.size()) break;
+            result.value = std::move(items);
+            return result;
         }
     }
-    return std::nullopt;
+    result.state = PreferenceReadState::unreadable;
+    result.detail = "stored value of type " + std::to_string(type) + " cannot be read";
+    return result;
 }
 
 std::pair<StoredType, std::string> encodeValue(const PreferenceValue& value) {
@@ -78,119 +94,194 @@ std::pair<StoredType, std::string> encodeValue(const PreferenceValue& value) {
     return std::visit(Encoder{}, value);
 }
 
+class SqlitePreferences final : public Preferences {
+  public:
+    SqlitePreferences(sqlite3* db, std::filesystem::path file, std::string domain)
+        : db_(db), file_(std::move(file)), domain_(std::move(domain)) {}
+    ~SqlitePreferences() override { sqlite3_close(db_); }
+
+    const std::string& domain() const override { return domain_; }
+    std::filesystem::path location() const override { return file_; }
+
+    PreferenceRead read(const std::string& key) const override {
+        std::lock_guard guard(mutex_);
+        Statement select(db_, "SELECT type, value FROM preferences WHERE domain = ?1 AND key = ?2");
+        if (!select) return failure();
+        select.bindText(1, domain_);
+        select.bindText(2, key);
+        switch (sqlite3_step(select.get())) {
+            case SQLITE_ROW:
+                return decodeRow(select.get(), 0, 1);
+            case SQLITE_DONE:
+                return PreferenceRead{};
+            default:
+                return failure();
+        }
+    }
+
+    bool set(const std::string& key, const PreferenceValue& value) override {
+        const auto [type, bytes] = encodeValue(value);
+        std::lock_guard guard(mutex_);
+        Statement upsert(
+            db_,
+            "INSERT INTO preferences (domain, key, type, value) VALUES (?1, ?2, ?3, ?4)"
+            " ON CONFLICT (domain, key) DO UPDATE SET type = ?3, value = ?4");
+        if (!upsert) return false;
+        upsert.bindText(1, domain_);
+        upsert.bindText(2, key);
+        sqlite3_bind_int(upsert.get(), 3, static_cast<int>(type));
+        sqlite3_bind_blob(upsert.get(), 4, bytes.data(), static_cast<int>(bytes.size()),
+                          SQLITE_STATIC);
+        return sqlite3_step(upsert.get()) == SQLITE_DONE;
+    }
+
+    bool remove(const std::string& key) override {
+        std::lock_guard guard(mutex_);
+        Statement erase(db_, "DELETE FROM preferences WHERE domain = ?1 AND key = ?2");
+        if (!erase) return false;
+        erase.bindText(1, domain_);
+        erase.bindText(2, key);
+        return sqlite3_step(erase.get()) == SQLITE_DONE;
+    }
+
+    PreferenceDomainRead readDomain(const std::string& name) const override {
+        PreferenceDomainRead result;
+        std::lock_guard guard(mutex_);
+        Statement select(db_, "SELECT key, type, value FROM preferences WHERE domain = ?1");
+        if (!select) return failedDomain();
+        select.bindText(1, name);
+        int step = SQLITE_ROW;
+        while ((step = sqlite3_step(select.get())) == SQLITE_ROW) {
+            const auto* key = reinterpret_cast<const char*>(sqlite3_column_text(select.get(), 0));
+            if (key == nullptr) continue;
+            auto row = decodeRow(select.get(), 1, 2);
+            if (row.isPresent()) {
+                result.values.emplace(key, std::move(*row.value));
+            } else {
+                result.unreadableKeys.insert(key);
+            }
+        }
+        if (step != SQLITE_DONE) return failedDomain();
+        return result;
+    }
+
+  private:
+    PreferenceRead failure() const {
+        PreferenceRead result;
+        result.state = PreferenceReadState::failed;
+        result.detail = sqlite3_errmsg(db_);
+        return result;
+    }
+    PreferenceDomainRead failedDomain() const {
+        PreferenceDomainRead result;
+        result.failed = true;
+        result.detail = sqlite3_errmsg(db_);
+        return result;
+    }
+
+    sqlite3* db_;
+    std::filesystem::path file_;
+    std::string domain_;
+    mutable std::mutex mutex_;
+};
+
+bool execute(sqlite3* db, const char* sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
 }  // namespace
 
 std::shared_ptr<Preferences> Preferences::open(const std::filesystem::path& file,
-                                               const std::string& domain) {
+                                               const std::string& domain,
+                                               std::chrono::milliseconds busyTimeout) {
     std::error_code ignored;
     if (file.has_parent_path() && !std::filesystem::exists(file.parent_path())) {
         std::filesystem::create_directories(file.parent_path(), ignored);
         ::chmod(file.parent_path().c_str(), 0700);
     }
+    // Only a file made here is narrowed to the owner; a mode the user chose stays.
+    const bool isNew = !std::filesystem::exists(file, ignored);
     sqlite3* db = nullptr;
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;
     if (sqlite3_open_v2(file.c_str(), &db, flags, nullptr) != SQLITE_OK) {
         std::string message = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
         sqlite3_close(db);
-        throw PreferencesError("Cannot open preferences at " + file.string() + ": " + message);
+        throw PreferencesError(PreferencesError::Kind::cannotOpen,
+                               "Cannot open preferences at " + file.string() + ": " + message);
     }
-    ::chmod(file.c_str(), 0600);
-    std::shared_ptr<Preferences> store(new Preferences(db, domain));
-    sqlite3_busy_timeout(db, 10000);
+    if (isNew) ::chmod(file.c_str(), 0600);
+    sqlite3_busy_timeout(db, static_cast<int>(busyTimeout.count()));
     // Large pages keep a megabyte value to a few pages; they only apply to a new file.
-    if (!store->execute("PRAGMA page_size=65536") || !store->execute("PRAGMA journal_mode=WAL") ||
-        !store->execute("PRAGMA synchronous=FULL") ||
-        !store->execute("CREATE TABLE IF NOT EXISTS preferences ("
-                        " domain TEXT NOT NULL, key TEXT NOT NULL,"
-                        " type INTEGER NOT NULL, value BLOB NOT NULL,"
-                        " PRIMARY KEY (domain, key)) WITHOUT ROWID")) {
-        throw PreferencesError("Cannot prepare preferences at " + file.string() + ": " +
-                               sqlite3_errmsg(db));
+    if (!execute(db, "PRAGMA page_size=65536") || !execute(db, "PRAGMA journal_mode=WAL") ||
+        !execute(db, "PRAGMA synchronous=FULL") ||
+        !execute(db,
+                 "CREATE TABLE IF NOT EXISTS preferences ("
+                 " domain TEXT NOT NULL, key TEXT NOT NULL,"
+                 " type INTEGER NOT NULL, value BLOB NOT NULL,"
+                 " PRIMARY KEY (domain, key)) WITHOUT ROWID") ||
+        !execute(db, "SELECT count(*) FROM preferences")) {
+        const int code = sqlite3_errcode(db) & 0xff;
+        const std::string message = sqlite3_errmsg(db);
+        sqlite3_close(db);
+        const bool busy = code == SQLITE_BUSY || code == SQLITE_LOCKED;
+        throw PreferencesError(
+            busy ? PreferencesError::Kind::busy : PreferencesError::Kind::cannotOpen,
+            (busy ? "Preferences at " + file.string() + " are in use by another process: "
+                  : "Cannot prepare preferences at " + file.string() + ": ") +
+                message);
     }
-    return store;
+    if (sqlite3_db_readonly(db, "main") == 1) {
+        sqlite3_close(db);
+        throw PreferencesError(PreferencesError::Kind::cannotOpen,
+                               "Preferences at " + file.string() + " cannot be written");
+    }
+    return std::make_shared<SqlitePreferences>(db, file, domain);
 }
 
-Preferences::Preferences(sqlite3* db, std::string domain) : db_(db), domain_(std::move(domain)) {}
-
-Preferences::~Preferences() {
-    sqlite3_close(db_);
+PreferenceRead Preferences::readData(const std::string& key) const {
+    auto result = read(key);
+    if (result.isPresent() && !std::holds_alternative<PreferenceData>(*result.value)) {
+        result.state = PreferenceReadState::unreadable;
+        result.detail = "stored value is not data";
+        result.value.reset();
+    }
+    return result;
 }
 
-bool Preferences::execute(const char* sql) const {
-    return sqlite3_exec(db_, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+PreferenceRead Preferences::readTextList(const std::string& key) const {
+    auto result = read(key);
+    if (result.isPresent() && !std::holds_alternative<std::vector<std::string>>(*result.value)) {
+        result.state = PreferenceReadState::unreadable;
+        result.detail = "stored value is not a list of texts";
+        result.value.reset();
+    }
+    return result;
 }
 
 std::optional<PreferenceValue> Preferences::object(const std::string& key) const {
-    std::lock_guard guard(mutex_);
-    Statement select(db_, "SELECT type, value FROM preferences WHERE domain = ?1 AND key = ?2");
-    if (!select) return std::nullopt;
-    select.bindText(1, domain_);
-    select.bindText(2, key);
-    if (sqlite3_step(select.get()) != SQLITE_ROW) return std::nullopt;
-    return decodeRow(select.get(), 0, 1);
+    auto result = read(key);
+    return result.isPresent() ? result.value : std::nullopt;
 }
+
+namespace {
+template <typename T>
+std::optional<T> typed(const std::optional<PreferenceValue>& value) {
+    if (const T* v = value ? std::get_if<T>(&*value) : nullptr) return *v;
+    return std::nullopt;
+}
+}  // namespace
 
 std::optional<PreferenceData> Preferences::data(const std::string& key) const {
-    auto value = object(key);
-    if (auto* d = value ? std::get_if<PreferenceData>(&*value) : nullptr) return *d;
-    return std::nullopt;
+    return typed<PreferenceData>(object(key));
 }
-
 std::optional<std::string> Preferences::text(const std::string& key) const {
-    auto value = object(key);
-    if (auto* s = value ? std::get_if<std::string>(&*value) : nullptr) return *s;
-    return std::nullopt;
+    return typed<std::string>(object(key));
 }
-
 std::optional<std::vector<std::string>> Preferences::textList(const std::string& key) const {
-    auto value = object(key);
-    if (auto* l = value ? std::get_if<std::vector<std::string>>(&*value) : nullptr) return *l;
-    return std::nullopt;
+    return typed<std::vector<std::string>>(object(key));
 }
-
 std::optional<bool> Preferences::boolean(const std::string& key) const {
-    auto value = object(key);
-    if (auto* b = value ? std::get_if<bool>(&*value) : nullptr) return *b;
-    return std::nullopt;
-}
-
-bool Preferences::set(const std::string& key, const PreferenceValue& value) {
-    const auto [type, bytes] = encodeValue(value);
-    std::lock_guard guard(mutex_);
-    Statement upsert(db_,
-                     "INSERT INTO preferences (domain, key, type, value) VALUES (?1, ?2, ?3, ?4)"
-                     " ON CONFLICT (domain, key) DO UPDATE SET type = ?3, value = ?4");
-    if (!upsert) return false;
-    upsert.bindText(1, domain_);
-    upsert.bindText(2, key);
-    sqlite3_bind_int(upsert.get(), 3, static_cast<int>(type));
-    sqlite3_bind_blob(upsert.get(), 4, bytes.data(), static_cast<int>(bytes.size()), SQLITE_STATIC);
-    return sqlite3_step(upsert.get()) == SQLITE_DONE;
-}
-
-bool Preferences::remove(const std::string& key) {
-    std::lock_guard guard(mutex_);
-    Statement erase(db_, "DELETE FROM preferences WHERE domain = ?1 AND key = ?2");
-    if (!erase) return false;
-    erase.bindText(1, domain_);
-    erase.bindText(2, key);
-    return sqlite3_step(erase.get()) == SQLITE_DONE;
-}
-
-std::map<std::string, PreferenceValue> Preferences::persistentDomain(
-    const std::string& name) const {
-    std::map<std::string, PreferenceValue> values;
-    std::lock_guard guard(mutex_);
-    Statement select(db_, "SELECT key, type, value FROM preferences WHERE domain = ?1");
-    if (!select) return values;
-    select.bindText(1, name);
-    while (sqlite3_step(select.get()) == SQLITE_ROW) {
-        const auto* key = reinterpret_cast<const char*>(sqlite3_column_text(select.get(), 0));
-        if (auto value = decodeRow(select.get(), 1, 2); key != nullptr && value) {
-            values.emplace(key, std::move(*value));
-        }
-    }
-    return values;
+    return typed<bool>(object(key));
 }
 
 }  // namespace hl

@@ -3,19 +3,24 @@
 // object reads and writes one domain and can read any other domain whole.
 // Values are typed: data, text, text list or boolean. Every write is its own
 // transaction and is on disk when the call returns.
+//
+// A read has three answers besides a value: *absent* (no row), *unreadable* (a
+// row this version cannot decode: another type than asked for, a type code from
+// a later version, a damaged list) and *failed* (the database did not answer:
+// busy past the time-out, an I/O error, a corrupt file). Only absent may be
+// taken for "nothing stored yet".
 #pragma once
 
+#include <chrono>
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <variant>
 #include <vector>
-
-struct sqlite3;
 
 namespace hl {
 
@@ -27,49 +32,87 @@ struct PreferenceData {
 
 using PreferenceValue = std::variant<PreferenceData, std::string, std::vector<std::string>, bool>;
 
+enum class PreferenceReadState { absent, present, unreadable, failed };
+
+// One key's answer. `storedBytes` holds the row's exact bytes when there is a
+// row (present or unreadable), so that damaged data can be copied out whole.
+struct PreferenceRead {
+    PreferenceReadState state = PreferenceReadState::absent;
+    std::optional<PreferenceValue> value;
+    std::string storedBytes;
+    std::string detail;
+
+    bool isAbsent() const { return state == PreferenceReadState::absent; }
+    bool isPresent() const { return state == PreferenceReadState::present; }
+    // Unreadable or failed: there may be data, and it must not be overwritten.
+    bool isDamaged() const { return !isAbsent() && !isPresent(); }
+};
+
+// A whole domain: the values that decoded, and the keys whose rows did not.
+struct PreferenceDomainRead {
+    bool failed = false;
+    std::string detail;
+    std::map<std::string, PreferenceValue> values;
+    std::set<std::string> unreadableKeys;
+};
+
 class PreferencesError : public std::runtime_error {
   public:
-    using std::runtime_error::runtime_error;
+    enum class Kind { busy, cannotOpen };
+    PreferencesError(Kind kind, const std::string& message)
+        : std::runtime_error(message), kind_(kind) {}
+    Kind kind() const { return kind_; }
+
+  private:
+    Kind kind_;
 };
 
 class Preferences {
   public:
     // The domain that the application's own keys live in.
     static constexpr const char* standardDomain = "standard";
+    static constexpr std::chrono::milliseconds defaultBusyTimeout{10000};
 
     // Opens (creating if needed) the database at `file` and binds the store to
-    // `domain`. Throws PreferencesError when the database cannot be opened.
-    static std::shared_ptr<Preferences> open(const std::filesystem::path& file,
-                                             const std::string& domain = standardDomain);
-    ~Preferences();
-    Preferences(const Preferences&) = delete;
-    Preferences& operator=(const Preferences&) = delete;
+    // `domain`. A database held by another process is waited for up to
+    // `busyTimeout`. Throws PreferencesError when it cannot be opened.
+    static std::shared_ptr<Preferences> open(
+        const std::filesystem::path& file, const std::string& domain = standardDomain,
+        std::chrono::milliseconds busyTimeout = defaultBusyTimeout);
+    virtual ~Preferences() = default;
 
-    const std::string& domain() const { return domain_; }
+    virtual const std::string& domain() const = 0;
+    // Where the values live, for messages.
+    virtual std::filesystem::path location() const = 0;
 
+    virtual PreferenceRead read(const std::string& key) const = 0;
+    // Writes replace any earlier value of the key. They return false when the
+    // database refused the write.
+    virtual bool set(const std::string& key, const PreferenceValue& value) = 0;
+    virtual bool remove(const std::string& key) = 0;
+    virtual PreferenceDomainRead readDomain(const std::string& name) const = 0;
+
+    // A read that must be of one type: a row of another type is unreadable.
+    PreferenceRead readData(const std::string& key) const;
+    PreferenceRead readTextList(const std::string& key) const;
+
+    // Plain typed reads for values whose loss costs nothing: absent unless the
+    // row is present and of the type.
     std::optional<PreferenceValue> object(const std::string& key) const;
-    // Typed reads: absent when the key is missing or holds another type.
     std::optional<PreferenceData> data(const std::string& key) const;
     std::optional<std::string> text(const std::string& key) const;
     std::optional<std::vector<std::string>> textList(const std::string& key) const;
     std::optional<bool> boolean(const std::string& key) const;
-
-    // Writes replace any earlier value of the key. They return false only when
-    // the database refused the write.
-    bool set(const std::string& key, const PreferenceValue& value);
     bool setBool(const std::string& key, bool value) { return set(key, value); }
-    bool remove(const std::string& key);
+    // Every decodable key and value of a named domain.
+    std::map<std::string, PreferenceValue> persistentDomain(const std::string& name) const {
+        return readDomain(name).values;
+    }
 
-    // Every key and value of a named domain; empty when the domain holds nothing.
-    std::map<std::string, PreferenceValue> persistentDomain(const std::string& name) const;
-
-  private:
-    Preferences(sqlite3* db, std::string domain);
-    bool execute(const char* sql) const;
-
-    sqlite3* db_;
-    std::string domain_;
-    mutable std::mutex mutex_;
+  protected:
+    Preferences() = default;
+    Preferences(const Preferences&) = delete;
+    Preferences& operator=(const Preferences&) = delete;
 };
 
 }  // namespace hl

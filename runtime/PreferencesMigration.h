@@ -30,13 +30,15 @@ struct PreferencesMigration {
     };
 
     // Moves the retained keys once; `legacyValues`, when given, stands in for the
-    // stored legacy domain. Never fails.
+    // stored legacy domain. A key that holds anything here, readable or not, is
+    // left alone; when a read or a write fails the marker stays unset, so the
+    // move is tried again at the next start.
     static void importLegacyBundleDomain(
         Preferences& to,
         const std::optional<std::map<std::string, PreferenceValue>>& legacyValues = std::nullopt);
 
   private:
-    static void copy(const std::map<std::string, PreferenceValue>& values, Preferences& to);
+    static bool copy(const std::map<std::string, PreferenceValue>& values, Preferences& to);
 };
 
 }  // namespace hl

@@ -22,15 +22,21 @@ SessionCloseLedger::SessionCloseLedger(std::shared_ptr<Preferences> defaults,
                                        std::shared_ptr<const NodeClientTransport> client,
                                        RetryPolicy policy)
     : defaults_(std::move(defaults)), client_(std::move(client)), policy_(std::move(policy)) {
-    if (auto stored = defaults_->textList(storageKey)) {
-        for (const auto& id : *stored)
+    const PreferenceRead stored = defaults_->readTextList(storageKey);
+    if (stored.isDamaged()) {
+        isReadable_ = false;
+    } else if (stored.isPresent()) {
+        for (const auto& id : std::get<std::vector<std::string>>(*stored.value))
             pending_.insert(QString::fromStdString(id));
     }
 }
 
-void SessionCloseLedger::record(const QString& sessionID) {
-    pending_.insert(sessionID);
-    persist();
+bool SessionCloseLedger::record(const QString& sessionID) {
+    if (!isReadable_) return false;
+    const bool added = pending_.insert(sessionID).second;
+    if (persist()) return true;
+    if (added) pending_.erase(sessionID);
+    return false;
 }
 
 void SessionCloseLedger::acknowledge(const QString& sessionID) {
@@ -38,12 +44,13 @@ void SessionCloseLedger::acknowledge(const QString& sessionID) {
     persist();
 }
 
-void SessionCloseLedger::persist() {
+bool SessionCloseLedger::persist() {
+    if (!isReadable_) return false;
     std::vector<std::string> sorted;  // std::set keeps QString order, which is ascending
     for (const auto& id : pending_)
         sorted.push_back(id.toStdString());
     std::sort(sorted.begin(), sorted.end());
-    defaults_->set(storageKey, sorted);
+    return defaults_->set(storageKey, sorted);
 }
 
 void SessionCloseLedger::retry(const QString& sessionID, int attemptsRemaining) {

@@ -29,15 +29,20 @@ class SessionCloseLedger : public std::enable_shared_from_this<SessionCloseLedge
 
     using RetryPolicy = CloseRetryPolicy;
 
-    // Reads the pending set (missing or unreadable counts as empty); writes nothing.
+    // Reads the pending set; writes nothing. A stored list that cannot be read
+    // leaves the ledger empty and unwritable, so that it is never overwritten.
     static std::shared_ptr<SessionCloseLedger> create(
         std::shared_ptr<Preferences> defaults, std::shared_ptr<const NodeClientTransport> client,
         RetryPolicy policy = {});
 
     const std::set<QString>& pending() const { return pending_; }
+    // False when the stored list was unreadable or its read failed.
+    bool isReadable() const { return isReadable_; }
 
-    // Main thread: add or remove an id and save at once.
-    void record(const QString& sessionID);
+    // Main thread: add or remove an id and save at once. `record` is true only
+    // when the id is on disk; a session whose close is not on disk must not be
+    // closed.
+    bool record(const QString& sessionID);
     void acknowledge(const QString& sessionID);
 
     // Main thread: sends close_session off the main thread; with no
@@ -50,12 +55,13 @@ class SessionCloseLedger : public std::enable_shared_from_this<SessionCloseLedge
   private:
     SessionCloseLedger(std::shared_ptr<Preferences> defaults,
                        std::shared_ptr<const NodeClientTransport> client, RetryPolicy policy);
-    void persist();
+    bool persist();
 
     std::shared_ptr<Preferences> defaults_;
     std::shared_ptr<const NodeClientTransport> client_;
     RetryPolicy policy_;
     std::set<QString> pending_;
+    bool isReadable_ = true;
 };
 
 }  // namespace hl

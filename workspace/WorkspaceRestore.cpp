@@ -25,37 +25,75 @@ QString hasHave(int n) {
 }  // namespace
 
 void WorkspaceStore::readSuspendedPanes() {
-    auto stored = defaults_->data(suspendedPanesKey);
-    if (!stored) return;
+    const PreferenceRead stored = defaults_->readData(suspendedPanesKey);
+    if (stored.isAbsent()) return;
     try {
+        if (stored.isDamaged()) throw LayoutDecodingError("unreadable");
         std::map<QUuid, SuspendedPane> panes;
-        for (auto& pane : decodeSuspendedPanes(QByteArray::fromStdString(stored->bytes))) {
-            if (!panes.emplace(pane.id, pane).second) return;  // a repeated id: pass it all over
+        const auto& bytes = std::get<PreferenceData>(*stored.value).bytes;
+        for (auto& pane : decodeSuspendedPanes(QByteArray::fromStdString(bytes))) {
+            if (!panes.emplace(pane.id, pane).second) throw LayoutDecodingError("repeated id");
         }
         suspendedPanes_ = std::move(panes);
     } catch (const LayoutDecodingError&) {
-        // Passed over without a message; the bytes stay until the next save of the list.
+        // The list names running sessions: kept as it is, never overwritten.
+        suspendedPanesAreWritable_ = false;
+        damagedKeys_.insert(suspendedPanesKey);
+        if (stored.state == PreferenceReadState::failed) loadFailed_ = true;
     }
 }
 
+void WorkspaceStore::freezeStorage(const PreferenceRead& read, const char* key,
+                                   const QString& message) {
+    storageIsWritable_ = false;
+    retryablePendingCloseIDs_.clear();
+    if (read.state == PreferenceReadState::failed) {
+        loadFailed_ = true;
+    } else {
+        damagedKeys_.insert(key);
+    }
+    setErrorMessage(message);
+}
+
 void WorkspaceStore::restore() {
-    if (auto current = defaults_->data(storageKey)) {
+    const QString unreadable =
+        QStringLiteral("Saved workspace data is unreadable. Its original data was preserved.");
+    if (!closeLedger_->isReadable()) {
+        // Which saved sessions were closed is unknown: nothing may be saved or closed.
+        freezeStorage(defaults_->readTextList(SessionCloseLedger::storageKey),
+                      SessionCloseLedger::storageKey,
+                      QStringLiteral("The list of closing sessions is unreadable. Its original "
+                                     "data was preserved."));
+    }
+    const PreferenceRead current = defaults_->readData(storageKey);
+    if (current.isDamaged()) {
+        freezeStorage(current, storageKey, unreadable);
+        return;
+    }
+    if (current.isPresent()) {
         SavedWorkspace saved;
         try {
-            saved = SavedWorkspace::decode(QByteArray::fromStdString(current->bytes));
+            saved = SavedWorkspace::decode(
+                QByteArray::fromStdString(std::get<PreferenceData>(*current.value).bytes));
         } catch (const LayoutDecodingError&) {
-            storageIsWritable_ = false;
-            retryablePendingCloseIDs_.clear();
-            setErrorMessage("Saved workspace data is unreadable. Its original data was preserved.");
+            freezeStorage(current, storageKey, unreadable);
             return;
         }
         restore(saved, false);
+        if (!storageIsWritable_ && catalogIsReadable_ && closeLedger_->isReadable())
+            damagedKeys_.insert(storageKey);
         return;
     }
-    if (auto legacy = defaults_->data(legacyKey)) {
+    const PreferenceRead legacy = defaults_->readData(legacyKey);
+    if (legacy.state == PreferenceReadState::failed) {
+        // There may be an earlier workspace: never start fresh over it.
+        freezeStorage(legacy, legacyKey, unreadable);
+        return;
+    }
+    if (legacy.isPresent()) {
         try {
-            const SavedWorkspace saved =
-                SavedWorkspace::decodeLegacy(QByteArray::fromStdString(legacy->bytes));
+            const SavedWorkspace saved = SavedWorkspace::decodeLegacy(
+                QByteArray::fromStdString(std::get<PreferenceData>(*legacy.value).bytes));
             restore(saved, true);
             if (storageIsWritable_) persist();
             return;

@@ -18,6 +18,18 @@ namespace {
 const QString unreadableStorage =
     QStringLiteral("Saved workspace data is unreadable and was preserved.");
 
+// Marks an operation of the store as under way for as long as it lives.
+class OperationScope {
+  public:
+    explicit OperationScope(int& depth) : depth_(depth) { ++depth_; }
+    ~OperationScope() { --depth_; }
+    OperationScope(const OperationScope&) = delete;
+    OperationScope& operator=(const OperationScope&) = delete;
+
+  private:
+    int& depth_;
+};
+
 std::optional<std::string> toStd(const std::optional<QString>& text) {
     return text ? std::optional<std::string>(text->toStdString()) : std::nullopt;
 }
@@ -161,39 +173,6 @@ std::vector<SuspendedPane> WorkspaceStore::suspendedPanes() const {
     return list;
 }
 
-// --- Path and identity rules -------------------------------------------------------
-
-bool WorkspaceStore::paneIdentitySetIsExact(const QList<QUuid>& paneIDs,
-                                            const QList<QUuid>& layoutPaneIDs) {
-    const std::set<QUuid> panes(paneIDs.begin(), paneIDs.end());
-    const std::set<QUuid> leaves(layoutPaneIDs.begin(), layoutPaneIDs.end());
-    return panes.size() == static_cast<std::size_t>(paneIDs.size()) &&
-           leaves.size() == static_cast<std::size_t>(layoutPaneIDs.size()) && panes == leaves;
-}
-
-bool WorkspaceStore::scratchPathMatchesIdentity(const QString& cwd, const QUuid& id,
-                                                const QString& scratchRoot) {
-    return cwd == scratchRoot + "/" + id.toString(QUuid::WithoutBraces).toLower();
-}
-
-bool WorkspaceStore::canonicalDirectoryIsAvailable(const QString& path, const QString& root) {
-    if (!isAbsolutePath(path.toStdString())) return false;
-    const QFileInfo info(path);
-    if (!info.exists() || !info.isDir()) return false;
-    auto canonical = [](const QString& text) {
-        return QString::fromStdString(
-            resolvingSymlinksInPath(standardizedDirectoryPath(text).toStdString()));
-    };
-    const QString resolvedPath = canonical(path);
-    const QString resolvedRoot = canonical(root);
-    if (resolvedPath != path || resolvedRoot != root) return false;
-    return resolvedPath == resolvedRoot || resolvedPath.startsWith(resolvedRoot + "/");
-}
-
-bool WorkspaceStore::storedAbsolutePathIsCanonical(const QString& path) {
-    return isAbsolutePath(path.toStdString()) && standardizedDirectoryPath(path) == path;
-}
-
 // --- Panes -------------------------------------------------------------------------
 
 PaneRuntimePolicy WorkspaceStore::paneRuntimePolicy(const PaneContext& context) const {
@@ -238,6 +217,7 @@ std::unique_ptr<TerminalPane> WorkspaceStore::makePane(const QUuid& id, const Pa
     pane->controller().onSessionReady = [store, weakPane, weakController, context,
                                          id](const std::string& session) {
         const QString sessionText = QString::fromStdString(session);
+        if (store) store->sessionsSeenThisRun_.insert(sessionText);
         if (weakPane && !weakPane->isRetired()) {
             weakPane->setSessionID(sessionText);
         } else if (context.projectID && store) {
@@ -286,12 +266,13 @@ bool WorkspaceStore::hasWorkspace(const QString& projectID) const {
 }
 
 bool WorkspaceStore::openProject(const ProjectRecord& project) {
+    OperationScope scope(operationDepth_);
     if (!catalogIsReadable_) {
         setErrorMessage("The saved project catalog is unreadable. No terminal was opened.");
         return false;
     }
     if (!storageIsWritable_) {
-        setErrorMessage(unreadableStorage + " No project was opened.");
+        setErrorMessage(refusal() + " No project was opened.");
         return false;
     }
     projectRoots_[project.id] = project.root;
@@ -309,6 +290,7 @@ bool WorkspaceStore::openProject(const ProjectRecord& project) {
 }
 
 void WorkspaceStore::selectWorkspace(const QString& workspaceID) {
+    OperationScope scope(operationDepth_);
     const auto members = tabsOfWorkspace(workspaceID);
     if (members.empty()) return;
     resignFocusedPane();
@@ -344,8 +326,9 @@ void WorkspaceStore::appendTab(const QString& title, const PaneContext& context,
 }
 
 void WorkspaceStore::newTerminal() {
+    OperationScope scope(operationDepth_);
     if (!storageIsWritable_) {
-        setErrorMessage(unreadableStorage + " No terminal was created.");
+        setErrorMessage(refusal() + " No terminal was created.");
         return;
     }
     if (!activeWorkspaceID_) {
@@ -374,8 +357,9 @@ void WorkspaceStore::newTerminal() {
 }
 
 void WorkspaceStore::createScratchTerminal() {
+    OperationScope scope(operationDepth_);
     if (!storageIsWritable_) {
-        setErrorMessage(unreadableStorage + " No terminal was created.");
+        setErrorMessage(refusal() + " No terminal was created.");
         return;
     }
     const QUuid id = QUuid::createUuid();
@@ -390,6 +374,7 @@ void WorkspaceStore::createScratchTerminal() {
 }
 
 void WorkspaceStore::selectTab(const QUuid& id) {
+    OperationScope scope(operationDepth_);
     if (!activeWorkspaceID_) return;
     const auto visible = visibleTabs();
     if (std::none_of(visible.begin(), visible.end(),
@@ -403,10 +388,18 @@ void WorkspaceStore::selectTab(const QUuid& id) {
     persist();
 }
 
+void WorkspaceStore::userSelectedPane(const QUuid& id) {
+    if (operationDepth_ > 0) return;
+    TerminalTab* selected = selectedTab();
+    if (!selected || selected->selectedPaneID() == id) return;
+    selectPane(id);
+}
+
 void WorkspaceStore::selectPane(const QUuid& id) {
     TerminalTab* selected = selectedTab();
     TerminalPane* pane = selected ? selected->pane(id) : nullptr;
     if (!pane) return;
+    OperationScope scope(operationDepth_);
     resignFocusedPane();
     selected->setSelectedPaneID(id);
     pane->controller().requestFocus();
@@ -437,8 +430,9 @@ void WorkspaceStore::selectAdjacentPane(int offset) {
 }
 
 void WorkspaceStore::split(bool vertical) {
+    OperationScope scope(operationDepth_);
     if (!storageIsWritable_) {
-        setErrorMessage(unreadableStorage);
+        setErrorMessage(refusal());
         return;
     }
     TerminalTab* selected = selectedTab();
@@ -471,6 +465,7 @@ void WorkspaceStore::setSplitRatio(const QUuid& id, double ratio) {
 }
 
 void WorkspaceStore::closeSelectedPane() {
+    OperationScope scope(operationDepth_);
     TerminalTab* selected = selectedTab();
     if (!selected || !selected->selectedPaneID()) return;
     const QUuid paneID = *selected->selectedPaneID();
@@ -484,6 +479,7 @@ void WorkspaceStore::closeSelectedPane() {
     const auto index = order.indexOf(paneID);
     const auto remaining = selected->layout().removing(paneID);
     if (index < 0 || !remaining) return;
+    if (!recordCloses({pane})) return;
     pane->controller().close();
     auto removed = selected->takePane(paneID);
     selected->setLayout(*remaining);
@@ -495,9 +491,11 @@ void WorkspaceStore::closeSelectedPane() {
 }
 
 void WorkspaceStore::closeTab(const QUuid& id) {
+    OperationScope scope(operationDepth_);
     auto found = std::find_if(tabs_.begin(), tabs_.end(),
                               [&](const auto& each) { return each->id() == id; });
     if (found == tabs_.end()) return;
+    if (!recordCloses((*found)->panes())) return;
     const std::optional<QUuid> kept = selectedTabID_;
     std::unique_ptr<TerminalTab> closing = std::move(*found);
     tabs_.erase(found);
@@ -534,7 +532,7 @@ void WorkspaceStore::closeTab(const QUuid& id) {
 
 bool WorkspaceStore::renameProject(const QString& id, const QString& name) {
     if (!storageIsWritable_) {
-        setErrorMessage(unreadableStorage + " The project was not renamed.");
+        setErrorMessage(refusal() + " The project was not renamed.");
         return false;
     }
     const QString trimmed = name.trimmed();
@@ -547,10 +545,18 @@ bool WorkspaceStore::renameProject(const QString& id, const QString& name) {
 }
 
 bool WorkspaceStore::removeProject(const QString& id) {
+    OperationScope scope(operationDepth_);
     if (!storageIsWritable_) {
-        setErrorMessage(unreadableStorage + " The project was not removed.");
+        setErrorMessage(refusal() + " The project was not removed.");
         return false;
     }
+    std::vector<TerminalPane*> closing;
+    for (const auto& each : tabs_) {
+        if (each->projectID() != id) continue;
+        for (TerminalPane* pane : each->panes())
+            closing.push_back(pane);
+    }
+    if (!recordCloses(closing)) return false;
     closeSuspendedPanes(id);
     std::vector<std::unique_ptr<TerminalTab>> removed;
     for (const auto& each : tabs_) {
@@ -633,42 +639,6 @@ void WorkspaceStore::retire(std::unique_ptr<TerminalPane> pane) {
         },
         Qt::QueuedConnection);
     retiredPanes_.push_back(std::move(pane));
-}
-
-// --- Saving ------------------------------------------------------------------------
-
-SavedWorkspace WorkspaceStore::savedWorkspace() const {
-    SavedWorkspace saved{activeWorkspaceID_, selectedTabID_, selectedTabs_, {}};
-    for (const auto& each : tabs_) {
-        SavedTab tab{each->id(), each->title(),  each->projectID(),
-                     {},         each->layout(), each->selectedPaneID()};
-        for (TerminalPane* pane : each->panes()) {
-            tab.panes.push_back(SavedPane{pane->id(), pane->sessionID(), pane->context(),
-                                          pane->controller().isReplacementSession()});
-        }
-        saved.tabs.push_back(std::move(tab));
-    }
-    return saved;
-}
-
-void WorkspaceStore::persist() {
-    if (!storageIsWritable_) return;
-    const QByteArray bytes = savedWorkspace().encoded();
-    if (!defaults_->set(storageKey, PreferenceData{bytes.toStdString()})) return;
-    if (onChange) onChange();
-}
-
-void WorkspaceStore::persistSuspendedPanes() {
-    // The map is keyed by UUID; the list is ordered by the id's text.
-    std::vector<SuspendedPane> list = suspendedPanes();
-    std::sort(list.begin(), list.end(), [](const SuspendedPane& a, const SuspendedPane& b) {
-        return uuidText(a.id) < uuidText(b.id);
-    });
-    if (list.empty()) {
-        defaults_->remove(suspendedPanesKey);
-        return;
-    }
-    defaults_->set(suspendedPanesKey, PreferenceData{encodeSuspendedPanes(list).toStdString()});
 }
 
 }  // namespace hl

@@ -10,6 +10,7 @@
 #include <QString>
 #include <QUuid>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <memory>
@@ -76,6 +77,11 @@ class WorkspaceStore : public QObject {
     QString errorMessageText() const { return errorMessage_.value_or(QString()); }
     bool workspaceMutationsAreAllowed() const { return storageIsWritable_; }
     bool storageIsWritable() const { return storageIsWritable_; }
+    // Keys whose stored rows could not be understood at start, and are kept as
+    // they were: what "Keep a Copy and Start Over…" copies and clears.
+    const std::set<std::string>& damagedKeys() const { return damagedKeys_; }
+    // True when a stored value could not be read at all at start.
+    bool loadFailed() const { return loadFailed_; }
 
     // Called after each successful save.
     std::function<void()> onChange;
@@ -95,6 +101,10 @@ class WorkspaceStore : public QObject {
     void createScratchTerminal();
     void selectTab(const QUuid& id);
     void selectPane(const QUuid& id);
+    // A click or key press in a pane's terminal: selects the pane unless it is
+    // already selected or an operation of the store is under way (views hidden
+    // or re-parented by that operation must not steer it).
+    void userSelectedPane(const QUuid& id);
     void selectAdjacentTab(int offset);
     void selectAdjacentWorkspace(int offset);
     void selectAdjacentPane(int offset);
@@ -107,6 +117,12 @@ class WorkspaceStore : public QObject {
     bool removeProject(const QString& id);
     void search(bool backwards = false);
     void clearError();
+    // Asks the node for its sessions and closes, through the ledger, those that
+    // nothing here records: no pane, no suspended pane, no pending close. Only
+    // runs when everything stored was read cleanly and no start is in flight.
+    // While starts are in flight it tries again later, a few times.
+    void closeUnrecordedSessions(int attemptsRemaining = 10);
+    static constexpr std::chrono::milliseconds sweepPause{3000};
 
     // Ids of the panes' sessions that the ledger may retry at this start.
     const std::set<QString>& retryablePendingCloseIDs() const { return retryablePendingCloseIDs_; }
@@ -141,6 +157,18 @@ class WorkspaceStore : public QObject {
     void resignFocusedPane();
     void focusSelectedPane();
     void persist();
+    // Panes equal layout leaves in every tab, no id repeats, selections exist.
+    bool modelIsConsistent(QString* fault) const;
+    // Stops saving after a write that failed, with a message that says so.
+    void saveFailed();
+    QString refusal() const;
+    // Records the sessions of `panes` in the ledger before they are closed;
+    // false (with a message) when the ledger cannot keep them.
+    bool recordCloses(const std::vector<TerminalPane*>& panes);
+    bool startIsInFlight() const;
+    // False when it had to wait for a start in flight.
+    bool closeSessionsNothingRecords(const std::set<QString>& nodeSessions);
+    void retrySweep(int attemptsRemaining);
     void persistSuspendedPanes();
     void closeSuspendedPanes(const QString& projectID);
     SavedWorkspace savedWorkspace() const;
@@ -151,6 +179,7 @@ class WorkspaceStore : public QObject {
     // Start-up.
     void readSuspendedPanes();
     void restore();
+    void freezeStorage(const PreferenceRead& read, const char* key, const QString& message);
     void restore(const SavedWorkspace& saved, bool sanitizingLegacyData);
     bool restoredTabIsStructurallyValid(const SavedTab& tab) const;
 
@@ -172,6 +201,14 @@ class WorkspaceStore : public QObject {
     std::set<QString> retryablePendingCloseIDs_;
     std::map<QString, QUuid> selectedTabs_;
     std::map<QUuid, SuspendedPane> suspendedPanes_;
+    bool suspendedPanesAreWritable_ = true;
+    std::set<std::string> damagedKeys_;
+    bool loadFailed_ = false;
+    bool writeFailed_ = false;
+    int operationDepth_ = 0;
+    // Every session that arrived in this run, so that a sweep never takes one
+    // that came up after the node's list was made.
+    std::set<QString> sessionsSeenThisRun_;
 
     std::vector<std::unique_ptr<TerminalTab>> tabs_;
     std::vector<std::unique_ptr<TerminalPane>> retiredPanes_;

@@ -8,6 +8,7 @@
 #include <fstream>
 #include <thread>
 
+#include "FaultyPreferences.h"
 #include "Preferences.h"
 #include "PreferencesMigration.h"
 #include "TestSupport.h"
@@ -113,9 +114,10 @@ TEST_F(PreferencesTest, WritesAreVisibleToOtherConnectionsAndProcesses) {
     EXPECT_EQ(open()->data("big")->bytes, megabyte);
 }
 
-TEST_F(PreferencesTest, UnreadableRowsAreAbsentAndLeftAlone) {
+TEST_F(PreferencesTest, UnreadableRowsAreToldFromAbsentAndKeepTheirBytes) {
     auto store = open();
     store->set("good", std::string("fine"));
+    store->set("text", std::string("not data"));
     sqlite3* raw = nullptr;
     ASSERT_EQ(sqlite3_open((dir_ / "prefs.sqlite3").c_str(), &raw), SQLITE_OK);
     ASSERT_EQ(sqlite3_exec(raw,
@@ -125,11 +127,55 @@ TEST_F(PreferencesTest, UnreadableRowsAreAbsentAndLeftAlone) {
               SQLITE_OK);
     sqlite3_close(raw);
 
-    EXPECT_FALSE(store->object("list").has_value());
-    EXPECT_FALSE(store->object("alien").has_value());
-    auto whole = store->persistentDomain(Preferences::standardDomain);
-    EXPECT_EQ(whole.size(), 1u);
+    EXPECT_EQ(store->read("list").state, hl::PreferenceReadState::unreadable);
+    EXPECT_EQ(store->read("list").storedBytes, "not a list");
+    EXPECT_EQ(store->read("alien").state, hl::PreferenceReadState::unreadable);
+    EXPECT_EQ(store->readData("text").state, hl::PreferenceReadState::unreadable)
+        << "a row of another type is not absent";
+    EXPECT_EQ(store->readData("text").storedBytes, "not data");
+    EXPECT_TRUE(store->read("missing").isAbsent());
+    auto whole = store->readDomain(Preferences::standardDomain);
+    EXPECT_EQ(whole.values.size(), 2u);
+    EXPECT_EQ(whole.unreadableKeys, (std::set<std::string>{"alien", "list"}));
     EXPECT_EQ(store->text("good"), "fine");
+}
+
+TEST_F(PreferencesTest, ADatabaseHeldByAnotherProcessIsWaitedForThenReported) {
+    {
+        auto store = open();
+        store->set("projects", PreferenceData{"[1]"});
+    }
+    int ready[2];
+    ASSERT_EQ(::pipe(ready), 0);
+    const pid_t holder = ::fork();
+    ASSERT_GE(holder, 0);
+    if (holder == 0) {
+        sqlite3* raw = nullptr;
+        sqlite3_open((dir_ / "prefs.sqlite3").c_str(), &raw);
+        sqlite3_exec(raw,
+                     "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE;"
+                     "UPDATE preferences SET value = value;",
+                     nullptr, nullptr, nullptr);
+        (void)::write(ready[1], "x", 1);
+        ::sleep(3);
+        sqlite3_exec(raw, "COMMIT", nullptr, nullptr, nullptr);
+        sqlite3_close(raw);
+        ::_exit(0);
+    }
+    char byte = 0;
+    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+    try {
+        Preferences::open(dir_ / "prefs.sqlite3", Preferences::standardDomain,
+                          std::chrono::milliseconds(300));
+        ADD_FAILURE() << "a held database must not open";
+    } catch (const hl::PreferencesError& error) {
+        EXPECT_EQ(error.kind(), hl::PreferencesError::Kind::busy);
+    }
+    int status = 0;
+    ::waitpid(holder, &status, 0);
+    ::close(ready[0]);
+    ::close(ready[1]);
+    EXPECT_EQ(open()->data("projects")->bytes, "[1]") << "nothing was overwritten";
 }
 
 TEST_F(PreferencesTest, OpeningSomethingThatIsNoDatabaseFails) {
@@ -189,6 +235,37 @@ TEST_F(PreferencesTest, MigrationMarkerCountsByPresenceAndSuppliedValuesStandIn)
     auto all = fresh->persistentDomain(Preferences::standardDomain);
     ASSERT_EQ(all.size(), 1u);
     EXPECT_EQ(all.begin()->first, PreferencesMigration::markerKey);
+}
+
+TEST_F(PreferencesTest, MigrationNeverWritesOverUnreadableValuesAndRetriesAfterFailures) {
+    auto real = open();
+    auto legacyDomain = open(PreferencesMigration::legacyBundleIdentifier);
+    legacyDomain->set("harborlattice.projects.v1", PreferenceData{"legacy projects"});
+    legacyDomain->set("harborlattice.pending-closes.v1", std::vector<std::string>{"s1"});
+    sqlite3* raw = nullptr;
+    ASSERT_EQ(sqlite3_open((dir_ / "prefs.sqlite3").c_str(), &raw), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(raw,
+                           "INSERT INTO preferences VALUES "
+                           "('standard','harborlattice.pending-closes.v1',9,'future');",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    sqlite3_close(raw);
+
+    hl::test::FaultyPreferences faulty(real);
+    faulty.failingWrites = {"harborlattice.projects.v1"};
+    PreferencesMigration::importLegacyBundleDomain(faulty);
+    EXPECT_FALSE(real->object(PreferencesMigration::markerKey)) << "a failed move is not marked";
+
+    faulty.failingWrites.clear();
+    faulty.failingReads = {PreferencesMigration::markerKey};
+    PreferencesMigration::importLegacyBundleDomain(faulty);
+    EXPECT_FALSE(real->object("harborlattice.projects.v1")) << "an unanswered marker moves nothing";
+
+    faulty.failingReads.clear();
+    PreferencesMigration::importLegacyBundleDomain(faulty);
+    EXPECT_EQ(real->data("harborlattice.projects.v1")->bytes, "legacy projects");
+    EXPECT_EQ(real->read("harborlattice.pending-closes.v1").storedBytes, "future");
+    EXPECT_EQ(real->boolean(PreferencesMigration::markerKey), true);
 }
 
 }  // namespace

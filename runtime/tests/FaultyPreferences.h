@@ -1,0 +1,73 @@
+// FaultyPreferences: a preference store that fails on demand, in front of a real
+// one. Reads of chosen keys fail (as a busy or broken database answers) or come
+// back as damaged rows; writes fail everywhere or for chosen keys. Everything
+// else reaches the real store, so the bytes on disk can be compared afterwards.
+#pragma once
+
+#include <memory>
+#include <set>
+#include <string>
+
+#include "Preferences.h"
+
+namespace hl::test {
+
+class FaultyPreferences final : public Preferences {
+  public:
+    explicit FaultyPreferences(std::shared_ptr<Preferences> real) : real_(std::move(real)) {}
+
+    // Keys whose reads fail, or read as rows this version cannot decode.
+    std::set<std::string> failingReads;
+    std::set<std::string> damagedReads;
+    // Every read fails (the whole database is busy or broken).
+    bool allReadsFail = false;
+    // Every write fails, or writes of the chosen keys do.
+    bool allWritesFail = false;
+    std::set<std::string> failingWrites;
+    int refusedWrites = 0;
+
+    const std::string& domain() const override { return real_->domain(); }
+    std::filesystem::path location() const override { return real_->location(); }
+
+    PreferenceRead read(const std::string& key) const override {
+        if (allReadsFail || failingReads.count(key) != 0) {
+            PreferenceRead failed;
+            failed.state = PreferenceReadState::failed;
+            failed.detail = "database is locked";
+            return failed;
+        }
+        auto result = real_->read(key);
+        if (damagedReads.count(key) != 0 && result.isPresent()) {
+            result.state = PreferenceReadState::unreadable;
+            result.value.reset();
+        }
+        return result;
+    }
+    bool set(const std::string& key, const PreferenceValue& value) override {
+        if (allWritesFail || failingWrites.count(key) != 0) {
+            ++refusedWrites;
+            return false;
+        }
+        return real_->set(key, value);
+    }
+    bool remove(const std::string& key) override {
+        if (allWritesFail || failingWrites.count(key) != 0) {
+            ++refusedWrites;
+            return false;
+        }
+        return real_->remove(key);
+    }
+    PreferenceDomainRead readDomain(const std::string& name) const override {
+        if (allReadsFail) {
+            PreferenceDomainRead failed;
+            failed.failed = true;
+            return failed;
+        }
+        return real_->readDomain(name);
+    }
+
+  private:
+    std::shared_ptr<Preferences> real_;
+};
+
+}  // namespace hl::test

@@ -1,0 +1,89 @@
+// WorkspaceStore's sweep of the node: sessions that no pane, suspended pane or
+// pending close records are shells the user can no longer reach (left behind by
+// a crash between a session's start and its save). Once everything stored was
+// read cleanly they are closed through the ledger, like any other close.
+#include <QPointer>
+#include <QTimer>
+
+#include "TerminalThreads.h"
+#include "WorkspaceStore.h"
+
+namespace hl {
+
+bool WorkspaceStore::startIsInFlight() const {
+    for (const auto& each : tabs_) {
+        for (TerminalPane* pane : each->panes()) {
+            if (pane->controller().hasStartInFlight()) return true;
+        }
+    }
+    for (const auto& pane : retiredPanes_) {
+        if (pane->controller().hasStartInFlight()) return true;
+    }
+    return false;
+}
+
+void WorkspaceStore::closeUnrecordedSessions(int attemptsRemaining) {
+    // Never while anything stored is unclear: what it holds may name these sessions.
+    if (!storageIsWritable_ || !damagedKeys_.empty() || loadFailed_ ||
+        !closeLedger_->isReadable() || !suspendedPanesAreWritable_) {
+        return;
+    }
+    if (startIsInFlight()) {
+        retrySweep(attemptsRemaining);
+        return;
+    }
+    installMainThreadQueue();
+    QPointer<WorkspaceStore> store(this);
+    runDetached([store, client = client_, attemptsRemaining] {
+        std::set<QString> listed;
+        try {
+            const auto ids = client->request("list_sessions")["session_ids"].arrayValue();
+            if (!ids) return;
+            for (const auto& id : *ids) {
+                if (auto text = id.stringValue()) listed.insert(QString::fromStdString(*text));
+            }
+        } catch (...) {
+            return;  // no node, no sweep: the next start tries again
+        }
+        postToMainThread([store, listed, attemptsRemaining] {
+            if (store && !store->closeSessionsNothingRecords(listed))
+                store->retrySweep(attemptsRemaining);
+        });
+    });
+}
+
+void WorkspaceStore::retrySweep(int attemptsRemaining) {
+    if (attemptsRemaining <= 1) return;
+    QTimer::singleShot(sweepPause, this, [this, attemptsRemaining] {
+        closeUnrecordedSessions(attemptsRemaining - 1);
+    });
+}
+
+bool WorkspaceStore::closeSessionsNothingRecords(const std::set<QString>& nodeSessions) {
+    // A start in flight may have made a session after the list was taken.
+    if (!storageIsWritable_) return true;
+    if (startIsInFlight()) return false;
+    std::set<QString> recorded = sessionsSeenThisRun_;
+    for (const auto& each : tabs_) {
+        for (TerminalPane* pane : each->panes()) {
+            if (pane->sessionID()) recorded.insert(*pane->sessionID());
+            if (auto live = pane->controller().sessionID())
+                recorded.insert(QString::fromStdString(*live));
+        }
+    }
+    for (const auto& pane : retiredPanes_) {
+        if (auto live = pane->controller().sessionID())
+            recorded.insert(QString::fromStdString(*live));
+    }
+    for (const auto& [id, pane] : suspendedPanes_)
+        recorded.insert(pane.sessionID);
+    for (const auto& id : closeLedger_->pending())
+        recorded.insert(id);
+    for (const QString& id : nodeSessions) {
+        if (recorded.count(id) != 0) continue;
+        if (closeLedger_->record(id)) closeLedger_->retry(id);
+    }
+    return true;
+}
+
+}  // namespace hl
