@@ -93,19 +93,20 @@ void ProjectCatalog::validate(const std::vector<ProjectRecord>& records) {
     }
 }
 
-void ProjectCatalog::persist() {
-    if (!isReadable_) return;
+bool ProjectCatalog::persist() {
+    if (!isReadable_) return false;
     QJsonArray list;
     for (const auto& record : projects_)
         list.append(record.toJson());
     const QByteArray bytes = QJsonDocument(list).toJson(QJsonDocument::Compact);
     if (!defaults_->set(storageKey, PreferenceData{bytes.toStdString()})) {
-        setErrorMessage(QStringLiteral("The project list could not be saved to %1. The change "
-                                       "is lost when Harborlattice quits.")
+        setErrorMessage(QStringLiteral("The project list could not be saved to %1. Nothing was "
+                                       "changed.")
                             .arg(QString::fromStdString(defaults_->location().string())));
-        return;
+        return false;
     }
     if (onChange) onChange();
+    return true;
 }
 
 std::vector<ProjectRecord> ProjectCatalog::migrateProjects(
@@ -191,12 +192,18 @@ std::optional<ProjectRecord> ProjectCatalog::add(const QString& name, const QStr
         for (const auto& existing : projects_) {
             if (existing.root == record.root) throw ProjectCatalogError(Kind::DuplicateRoot);
         }
+        const auto previous = projects_;
+        const auto previousSelection = selectedProjectID_;
         auto updated = projects_;
         updated.push_back(record);
         setProjects(std::move(updated));
         setSelectedProjectID(record.id);
         setErrorMessage(std::nullopt);
-        persist();
+        if (!persist()) {
+            setProjects(previous);
+            setSelectedProjectID(previousSelection);
+            return std::nullopt;
+        }
         return record;
     } catch (const ProjectCatalogError& error) {
         fail(error);
@@ -220,9 +227,13 @@ std::optional<ProjectRecord> ProjectCatalog::rename(const QString& id, const QSt
         if (trimmed.isEmpty()) throw ProjectCatalogError(Kind::InvalidName);
         found->name = trimmed;
         const ProjectRecord record = *found;
+        const auto previous = projects_;
         setProjects(std::move(updated));
         setErrorMessage(std::nullopt);
-        persist();
+        if (!persist()) {
+            setProjects(previous);
+            return std::nullopt;
+        }
         return record;
     } catch (const ProjectCatalogError& error) {
         fail(error);
@@ -237,11 +248,17 @@ std::optional<ProjectRecord> ProjectCatalog::remove(const QString& id) {
         auto found = findProject(updated, id);
         if (found == updated.end()) throw ProjectCatalogError(Kind::UnknownProject);
         const ProjectRecord removed = *found;
+        const auto previous = projects_;
+        const auto previousSelection = selectedProjectID_;
         updated.erase(found);
         setProjects(std::move(updated));
         if (selectedProjectID_ == id) selectFirstProject();
         setErrorMessage(std::nullopt);
-        persist();
+        if (!persist()) {
+            setProjects(previous);
+            setSelectedProjectID(previousSelection);
+            return std::nullopt;
+        }
         return removed;
     } catch (const ProjectCatalogError& error) {
         fail(error);

@@ -74,7 +74,8 @@ class ProjectCatalog : public QObject {
   private:
     // Throws ProjectCatalogError for a list that must not be loaded.
     static void validate(const std::vector<ProjectRecord>& records);
-    void persist();
+    // False, with a message, when the list could not be written.
+    bool persist();
     void markUnreadable(const PreferenceRead& read, const char* key);
     void fail(const ProjectCatalogError& error);
     void setProjects(std::vector<ProjectRecord> projects);

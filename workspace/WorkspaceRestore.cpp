@@ -38,8 +38,11 @@ void WorkspaceStore::readSuspendedPanes() {
     } catch (const LayoutDecodingError&) {
         // The list names running sessions: kept as it is, never overwritten.
         suspendedPanesAreWritable_ = false;
-        damagedKeys_.insert(suspendedPanesKey);
-        if (stored.state == PreferenceReadState::failed) loadFailed_ = true;
+        if (stored.state == PreferenceReadState::failed) {
+            loadFailed_ = true;
+        } else {
+            damagedKeys_.insert(suspendedPanesKey);
+        }
     }
 }
 

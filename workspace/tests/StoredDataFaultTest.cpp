@@ -1,0 +1,224 @@
+// The stores against a preference store that fails on purpose: reads that fail
+// or come back damaged at start, writes that fail during operations. The bytes
+// on disk are read afterwards through the real store: what could not be read is
+// never overwritten, and nothing that was refused leaves a trace.
+#include <gtest/gtest.h>
+
+#include <sys/stat.h>
+
+#include <fstream>
+#include <iterator>
+
+#include "FaultyPreferences.h"
+#include "ProjectCatalog.h"
+#include "StoredDataRecovery.h"
+#include "WorkspaceTestSupport.h"
+
+using hl::PaneContext;
+using hl::PaneLayout;
+using hl::PreferenceData;
+using hl::ProjectCatalog;
+using hl::SavedPane;
+using hl::SavedTab;
+using hl::SavedWorkspace;
+using hl::SessionCloseLedger;
+using hl::WorkspaceStore;
+using hl::test::FaultyPreferences;
+using hl::test::spinFor;
+using hl::test::spinUntil;
+using hl::test::StoreFixture;
+
+namespace {
+
+class StoredDataFaultTest : public ::testing::Test {
+  protected:
+    StoredDataFaultTest() : real(f.prefs), alpha(f.project("alpha")) {
+        const QUuid pane = QUuid::createUuid();
+        SavedWorkspace saved{std::nullopt, std::nullopt, {}, {}};
+        saved.tabs.push_back(
+            SavedTab{QUuid::createUuid(),
+                     "alpha",
+                     alpha.id,
+                     {SavedPane{pane, QString("mem-live"),
+                                PaneContext{alpha.id, alpha.root, std::nullopt}, false}},
+                     PaneLayout::pane(pane),
+                     pane});
+        f.node->adopt("mem-live", alpha.root.toStdString());
+        real->set(WorkspaceStore::storageKey, PreferenceData{saved.encoded().toStdString()});
+        real->set(SessionCloseLedger::storageKey, std::vector<std::string>{"mem-pending"});
+        real->set(ProjectCatalog::storageKey,
+                  PreferenceData{"[{\"id\":\"" + alpha.id.toStdString() +
+                                 "\",\"name\":\"alpha\","
+                                 "\"root\":\"" +
+                                 alpha.root.toStdString() + "\"}]"});
+        faulty = std::make_shared<FaultyPreferences>(real);
+        f.prefs = faulty;
+    }
+
+    // Every row of the standard domain as stored bytes.
+    std::map<std::string, std::string> everything() const {
+        std::map<std::string, std::string> rows;
+        for (const auto& key : {WorkspaceStore::storageKey, WorkspaceStore::legacyKey,
+                                WorkspaceStore::suspendedPanesKey, SessionCloseLedger::storageKey,
+                                ProjectCatalog::storageKey}) {
+            rows[key] = real->read(key).storedBytes;
+        }
+        return rows;
+    }
+
+    // The operations a user may try; each is refused or works on the live model only.
+    void tryEverything(WorkspaceStore& store) {
+        store.openProject(alpha);
+        store.newTerminal();
+        store.split(true);
+        store.createScratchTerminal();
+        store.renameProject(alpha.id, "renamed");
+        store.closeSelectedPane();
+        spinFor(std::chrono::milliseconds(100));
+    }
+
+    StoreFixture f;
+    std::shared_ptr<hl::Preferences> real;
+    hl::ProjectRecord alpha;
+    std::shared_ptr<FaultyPreferences> faulty;
+};
+
+TEST_F(StoredDataFaultTest, AReadThatFailsOrIsDamagedAtStartFreezesWhatItGuards) {
+    f.node->adopt("mem-orphan", alpha.root.toStdString());
+    for (const char* key : {WorkspaceStore::storageKey, SessionCloseLedger::storageKey,
+                            WorkspaceStore::suspendedPanesKey}) {
+        for (const bool failed : {true, false}) {
+            SCOPED_TRACE(std::string(key) + (failed ? " failed" : " damaged"));
+            if (std::string(key) == WorkspaceStore::suspendedPanesKey) {
+                real->set(key, std::string("a row of another type"));
+            }
+            const auto before = everything();
+            faulty->failingReads.clear();
+            faulty->damagedReads.clear();
+            (failed ? faulty->failingReads : faulty->damagedReads).insert(key);
+            {
+                auto store = f.makeStore({alpha});
+                EXPECT_EQ(store->loadFailed(), failed);
+                EXPECT_EQ(store->damagedKeys().count(key), failed ? 0u : 1u);
+                if (std::string(key) != WorkspaceStore::suspendedPanesKey) {
+                    EXPECT_FALSE(store->storageIsWritable());
+                    EXPECT_TRUE(store->retryablePendingCloseIDs().empty());
+                }
+                tryEverything(*store);
+                store->closeUnrecordedSessions();
+                spinFor(std::chrono::milliseconds(100));
+            }
+            EXPECT_EQ(everything().at(key), before.at(key)) << "the guarded bytes stay";
+            if (std::string(key) == WorkspaceStore::storageKey) {
+                EXPECT_EQ(everything(), before);
+            }
+            EXPECT_EQ(f.node->sessions().count("mem-orphan"), 1u) << "no sweep over unclear data";
+            real->remove(WorkspaceStore::suspendedPanesKey);
+        }
+    }
+}
+
+TEST_F(StoredDataFaultTest, TheCatalogNeverStartsFreshOverWhatItCouldNotRead) {
+    for (const bool failed : {true, false}) {
+        faulty->failingReads.clear();
+        faulty->damagedReads.clear();
+        (failed ? faulty->failingReads : faulty->damagedReads).insert(ProjectCatalog::storageKey);
+        const auto before = everything();
+        ProjectCatalog catalog(faulty);
+        EXPECT_FALSE(catalog.isReadable());
+        EXPECT_EQ(catalog.loadFailed(), failed);
+        EXPECT_EQ(catalog.errorMessage(),
+                  "The saved project catalog is unreadable. Its original data was preserved.");
+        EXPECT_FALSE(catalog.add("beta", f.project("beta").root));
+        EXPECT_EQ(everything(), before);
+    }
+    // An old workspace that cannot be read may hold projects: no empty list over it.
+    real->remove(ProjectCatalog::storageKey);
+    faulty->failingReads = {ProjectCatalog::legacyWorkspaceKey};
+    ProjectCatalog catalog(faulty);
+    EXPECT_FALSE(catalog.isReadable());
+    EXPECT_TRUE(real->read(ProjectCatalog::storageKey).isAbsent());
+}
+
+TEST_F(StoredDataFaultTest, FailedWritesAreSaidAndRefusedClosesKeepTheirPane) {
+    auto store = f.makeStore({alpha});
+    ASSERT_TRUE(store->storageIsWritable());
+    ASSERT_TRUE(store->openProject(alpha));
+    store->split(true);
+    ASSERT_EQ(store->selectedTab()->paneCount(), 2);
+    ASSERT_TRUE(spinUntil([&] {
+        for (auto* pane : store->selectedTab()->panes()) {
+            if (!pane->sessionID()) return false;
+        }
+        return true;
+    }));
+
+    // The ledger cannot keep the close: the pane and its shell stay.
+    spinFor(std::chrono::milliseconds(100));
+    const auto before = everything();
+    const auto sessions = f.node->sessions();
+    faulty->failingWrites = {SessionCloseLedger::storageKey};
+    store->closeSelectedPane();
+    EXPECT_EQ(store->selectedTab()->paneCount(), 2);
+    EXPECT_EQ(store->errorMessage(),
+              "The close could not be recorded, so the terminal was kept open.");
+    spinFor(std::chrono::milliseconds(100));
+    EXPECT_EQ(everything(), before);
+    EXPECT_EQ(f.node->sessions(), sessions);
+
+    // A save that fails stops saving, says where, and refuses new terminals.
+    faulty->failingWrites.clear();
+    faulty->allWritesFail = true;
+    store->split(false);
+    EXPECT_FALSE(store->storageIsWritable());
+    ASSERT_TRUE(store->errorMessage());
+    EXPECT_TRUE(store->errorMessage()->contains(QString::fromStdString(real->location().string())));
+    store->newTerminal();
+    EXPECT_EQ(store->errorMessage(), "Workspace changes cannot be saved. No terminal was created.");
+    EXPECT_EQ(everything(), before);
+
+    ProjectCatalog catalog(faulty);
+    EXPECT_FALSE(catalog.add("beta", f.project("beta").root)) << "nothing that is not on disk";
+}
+
+TEST_F(StoredDataFaultTest, KeepACopyAndStartOverCopiesTheExactBytesFirst) {
+    const std::string damaged("\x01{\"tabs\": [ half", 16);
+    real->set(WorkspaceStore::storageKey, std::string(damaged));  // text, not data
+    std::set<std::string> keys;
+    {
+        auto store = f.makeStore({alpha});
+        EXPECT_FALSE(store->storageIsWritable());
+        keys = store->damagedKeys();
+    }
+    ASSERT_EQ(keys, std::set<std::string>{WorkspaceStore::storageKey});
+
+    const auto folder = f.base / "support" / "Recovered";
+    const auto copies = hl::StoredDataRecovery::keepCopiesAndClear(
+        *real, std::vector<std::string>(keys.begin(), keys.end()), folder);
+    ASSERT_EQ(copies.size(), 1u);
+    std::ifstream in(copies[0].file, std::ios::binary);
+    EXPECT_EQ(std::string(std::istreambuf_iterator<char>(in), {}), damaged);
+    struct stat info {};
+    ASSERT_EQ(::stat(copies[0].file.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0600u);
+    ASSERT_EQ(::stat(folder.c_str(), &info), 0);
+    EXPECT_EQ(info.st_mode & 0777, 0700u);
+
+    auto next = f.makeStore({alpha});
+    EXPECT_TRUE(next->storageIsWritable());
+    EXPECT_TRUE(next->openProject(alpha));
+    EXPECT_FALSE(real->read(WorkspaceStore::storageKey).isAbsent());
+}
+
+TEST_F(StoredDataFaultTest, SessionsNothingRecordsAreClosedOnceEverythingWasRead) {
+    f.node->adopt("mem-orphan", alpha.root.toStdString());
+    f.node->adopt("mem-pending", alpha.root.toStdString());
+    auto store = f.makeStore({alpha});
+    store->closeUnrecordedSessions();
+    ASSERT_TRUE(spinUntil([&] { return f.node->sessions().count("mem-orphan") == 0; }));
+    ASSERT_TRUE(spinUntil([&] { return f.node->sessions().count("mem-pending") == 0; }));
+    EXPECT_EQ(f.node->sessions().count("mem-live"), 1u) << "a saved pane's session stays";
+    EXPECT_TRUE(spinUntil([&] { return store->closeLedger().pending().empty(); }));
+}
+
+}  // namespace
