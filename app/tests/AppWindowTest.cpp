@@ -384,6 +384,7 @@ TEST(ApplicationWindowTest, UnreadableSavedDataDisablesWhatWouldOverwriteItAndSa
     ASSERT_NE(error, nullptr);
     EXPECT_EQ(error->text(),
               "Saved workspace data is unreadable and was preserved. No project was opened.");
+    EXPECT_NE(find(&window, "sidebar.startOver"), nullptr) << "a way out that keeps the bytes";
     saveScreenshot(&window, "07-unreadable");
 
     auto* menu = waitFor(&window, "project.actions.delta-id");
