@@ -100,17 +100,28 @@ void TerminalController::start() {
         setStatus(text(isReplacementSession_ ? "Reconnecting replacement…" : "Reconnecting…"));
     }
     ++startsInFlight_;
-    runDetached([self = QPointer<TerminalController>(this), client = client_, cwd = requestedCwd_,
-                 candidate, allowReconnect = allowReconnect_, mayCreate] {
-        auto outcome = attach(*client, cwd, candidate, allowReconnect, mayCreate);
-        postToMainThread([self, outcome = std::move(outcome), candidate, mayCreate] {
-            auto* controller = self.data();
-            if (!controller) return;
-            --controller->startsInFlight_;
-            controller->finish(outcome, candidate, mayCreate);
-            if (controller->startsInFlight_ == 0) emit controller->startSettled();
+    try {
+        runDetached([self = QPointer<TerminalController>(this), client = client_,
+                     cwd = requestedCwd_, candidate, allowReconnect = allowReconnect_, mayCreate] {
+            auto outcome = attach(*client, cwd, candidate, allowReconnect, mayCreate);
+            postToMainThread([self, outcome = std::move(outcome), candidate, mayCreate] {
+                if (!self) return;
+                self->finish(outcome, candidate, mayCreate);
+                // Released only now: whoever drops the pane from inside the result's
+                // callbacks sees a start in flight and keeps the controller alive.
+                if (auto* controller = self.data();
+                    controller && --controller->startsInFlight_ == 0)
+                    emit controller->startSettled();
+            });
         });
-    });
+    } catch (const std::exception&) {
+        // No thread for the attach: back to a state that the retry starts from.
+        --startsInFlight_;
+        started_ = false;
+        setStatus(text("Node unavailable · reconnecting"));
+        scheduleRetry();
+        if (startsInFlight_ == 0) emit startSettled();
+    }
 }
 
 TerminalController::AttachOutcome TerminalController::attach(
@@ -420,11 +431,17 @@ void TerminalController::startPolling() {
     cancelPolling();
     polling_ = std::make_shared<PollingToken>();
     // A thread of its own, so that no queue of other work can hold it up.
-    runDetached([self = QPointer<TerminalController>(this), client = client_, id = *sessionID_,
-                 token = polling_, settings = hooks_]() mutable {
-        pollLoop(std::move(self), std::move(client), std::move(id), std::move(token),
-                 std::move(settings));
-    });
+    try {
+        runDetached([self = QPointer<TerminalController>(this), client = client_, id = *sessionID_,
+                     token = polling_, settings = hooks_]() mutable {
+            pollLoop(std::move(self), std::move(client), std::move(id), std::move(token),
+                     std::move(settings));
+        });
+    } catch (const std::exception&) {
+        // No poll thread: handled like a lost node, which reattaches.
+        polling_->cancel();
+        QTimer::singleShot(0, this, [this] { recover(); });
+    }
 }
 
 void TerminalController::receive(const std::string& base64) {

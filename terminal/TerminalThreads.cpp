@@ -42,18 +42,30 @@ struct MainThreadQueue {
         writeFd = fds[1];
     }
 
-    // Runs all queued work on the main thread.
+    // Runs queued work on the main thread, one item at a time from the shared
+    // queue, so that an item that opens a nested event loop (a dialog) lets the
+    // items after it run there in their order, never before earlier ones. An
+    // item that throws is dropped; the rest still run.
     void drain() {
         char buffer[64];
         while (::read(readFd, buffer, sizeof buffer) > 0) {
         }
-        std::deque<std::function<void()>> ready;
-        {
-            std::lock_guard guard(lock);
-            ready.swap(work);
+        for (;;) {
+            std::function<void()> item;
+            {
+                std::lock_guard guard(lock);
+                if (work.empty()) return;
+                item = std::move(work.front());
+                work.pop_front();
+            }
+            try {
+                item();
+            } catch (const std::exception& error) {
+                qWarning("harborlattice: main-thread work failed: %s", error.what());
+            } catch (...) {
+                qWarning("harborlattice: main-thread work failed");
+            }
         }
-        for (auto& item : ready)
-            item();
     }
 };
 
@@ -125,7 +137,17 @@ void SerialTaskQueue::enqueue(std::function<void()> task) {
         if (state_->running) return;
         state_->running = true;
     }
-    runDetached([state = state_] {
+    try {
+        runDetached([state = state_] { run(state); });
+    } catch (const std::exception&) {
+        // No thread now: the tasks stay queued for the next enqueue to start.
+        std::lock_guard guard(state_->lock);
+        state_->running = false;
+    }
+}
+
+void SerialTaskQueue::run(const std::shared_ptr<State>& state) {
+    {
         for (;;) {
             std::function<void()> next;
             {
@@ -139,7 +161,7 @@ void SerialTaskQueue::enqueue(std::function<void()> task) {
             }
             next();
         }
-    });
+    }
 }
 
 }  // namespace hl

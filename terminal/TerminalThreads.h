@@ -35,6 +35,7 @@ class SerialTaskQueue {
 
   private:
     struct State;
+    static void run(const std::shared_ptr<State>& state);
     std::shared_ptr<State> state_;
 };
 

@@ -56,27 +56,32 @@ bool SessionCloseLedger::persist() {
 void SessionCloseLedger::retry(const QString& sessionID, int attemptsRemaining) {
     installMainThreadQueue();
     auto self = shared_from_this();
-    runDetached([self, client = client_, sessionID, attemptsRemaining] {
-        bool acknowledged = false;
-        try {
-            const auto reply =
-                client->request("close_session", {{"session_id", sessionID.toStdString()}});
-            acknowledged =
-                reply["closed"].boolValue() == true || reply["absent"].boolValue() == true;
-        } catch (...) {
-            // No reply: handled like any answer that is not an acknowledgement.
-        }
-        if (acknowledged) {
-            postToMainThread([self, sessionID] { self->acknowledge(sessionID); });
-            return;
-        }
-        if (attemptsRemaining < 1) return;
-        self->policy_.ensureRunning();
-        std::this_thread::sleep_for(self->policy_.pause);
-        postToMainThread([self, sessionID, attemptsRemaining] {
-            if (self->pending_.count(sessionID) != 0) self->retry(sessionID, attemptsRemaining - 1);
+    try {
+        runDetached([self, client = client_, sessionID, attemptsRemaining] {
+            bool acknowledged = false;
+            try {
+                const auto reply =
+                    client->request("close_session", {{"session_id", sessionID.toStdString()}});
+                acknowledged =
+                    reply["closed"].boolValue() == true || reply["absent"].boolValue() == true;
+            } catch (...) {
+                // No reply: handled like any answer that is not an acknowledgement.
+            }
+            if (acknowledged) {
+                postToMainThread([self, sessionID] { self->acknowledge(sessionID); });
+                return;
+            }
+            if (attemptsRemaining < 1) return;
+            self->policy_.ensureRunning();
+            std::this_thread::sleep_for(self->policy_.pause);
+            postToMainThread([self, sessionID, attemptsRemaining] {
+                if (self->pending_.count(sessionID) != 0)
+                    self->retry(sessionID, attemptsRemaining - 1);
+            });
         });
-    });
+    } catch (const std::exception&) {
+        // No thread for the close: the id stays pending for a later retry.
+    }
 }
 
 void SessionCloseLedger::retryAll(const std::set<QString>& sessionIDs) {

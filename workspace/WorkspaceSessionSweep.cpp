@@ -34,22 +34,26 @@ void WorkspaceStore::closeUnrecordedSessions(int attemptsRemaining) {
     }
     installMainThreadQueue();
     QPointer<WorkspaceStore> store(this);
-    runDetached([store, client = client_, attemptsRemaining] {
-        std::set<QString> listed;
-        try {
-            const auto ids = client->request("list_sessions")["session_ids"].arrayValue();
-            if (!ids) return;
-            for (const auto& id : *ids) {
-                if (auto text = id.stringValue()) listed.insert(QString::fromStdString(*text));
+    try {
+        runDetached([store, client = client_, attemptsRemaining] {
+            std::set<QString> listed;
+            try {
+                const auto ids = client->request("list_sessions")["session_ids"].arrayValue();
+                if (!ids) return;
+                for (const auto& id : *ids) {
+                    if (auto text = id.stringValue()) listed.insert(QString::fromStdString(*text));
+                }
+            } catch (...) {
+                return;  // no node, no sweep: the next start tries again
             }
-        } catch (...) {
-            return;  // no node, no sweep: the next start tries again
-        }
-        postToMainThread([store, listed, attemptsRemaining] {
-            if (store && !store->closeSessionsNothingRecords(listed))
-                store->retrySweep(attemptsRemaining);
+            postToMainThread([store, listed, attemptsRemaining] {
+                if (store && !store->closeSessionsNothingRecords(listed))
+                    store->retrySweep(attemptsRemaining);
+            });
         });
-    });
+    } catch (const std::exception&) {
+        retrySweep(attemptsRemaining);
+    }
 }
 
 void WorkspaceStore::retrySweep(int attemptsRemaining) {
