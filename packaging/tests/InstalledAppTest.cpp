@@ -88,6 +88,8 @@ std::vector<pid_t> processesUsing(const std::string& socket) {
     return found;
 }
 
+// Each test installs into the staging root and runs with a home, XDG folders
+// and a node socket of its own; whatever it started is stopped afterwards.
 class InstalledApplication : public ::testing::Test {
   protected:
     static void SetUpTestSuite() {
@@ -99,10 +101,67 @@ class InstalledApplication : public ::testing::Test {
         installed_ = installLog_.ends_with("status=0\n");
     }
 
-    void SetUp() override { ASSERT_TRUE(installed_) << installLog_; }
+    void SetUp() override {
+        ASSERT_TRUE(installed_) << installLog_;
+        std::string pattern = "/tmp/hl-installed-XXXXXX";
+        ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
+        base_ = pattern;
+        for (const char* folder : {"home", "config", "data"})
+            fs::create_directories(base_ / folder);
+        socket_ = (base_ / "node.sock").string();
+        ::setenv("HOME", (base_ / "home").c_str(), 1);
+        ::setenv("XDG_CONFIG_HOME", (base_ / "config").c_str(), 1);
+        ::setenv("XDG_DATA_HOME", (base_ / "data").c_str(), 1);
+        ::setenv("HARBORLATTICE_SOCKET", socket_.c_str(), 1);
+        ::unsetenv("HARBORLATTICE_ROOT");
+        ::unsetenv("HARBORLATTICE_NODE_EXECUTABLE");
+    }
+
+    void TearDown() override {
+        if (app_ > 0) {
+            ::kill(app_, SIGTERM);
+            if (!waitUntil([&] { return ::waitpid(app_, nullptr, WNOHANG) == app_; }, 20s)) {
+                ::kill(app_, SIGKILL);
+                ::waitpid(app_, nullptr, 0);
+            }
+        }
+        if (!socket_.empty()) {
+            for (const pid_t pid : processesUsing(socket_))
+                ::kill(pid, SIGKILL);
+            waitUntil([&] { return processesUsing(socket_).empty(); }, 10s);
+        }
+        for (const pid_t pid : helpers_) {
+            ::kill(pid, SIGKILL);
+            ::waitpid(pid, nullptr, 0);
+        }
+        if (!base_.empty()) fs::remove_all(base_);
+    }
+
+    // Starts the installed application from "/" with `variable` (NAME=value)
+    // added to this process's environment; its output goes to log().
+    void startApplication(const std::string& variable) {
+        app_ = ::fork();
+        ASSERT_GE(app_, 0);
+        if (app_ == 0) {
+            const int out = ::open(log().c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+            ::dup2(out, 1);
+            ::dup2(out, 2);
+            if (::chdir("/") != 0) ::_exit(126);
+            ::putenv(const_cast<char*>(variable.c_str()));
+            const std::string program = (prefix / "bin/harborlattice").string();
+            ::execl(program.c_str(), program.c_str(), nullptr);
+            ::_exit(127);
+        }
+    }
+
+    fs::path log() const { return base_ / "app.log"; }
 
     static inline std::string installLog_;
     static inline bool installed_ = false;
+    fs::path base_;
+    std::string socket_;
+    pid_t app_ = -1;
+    std::vector<pid_t> helpers_;
 };
 
 TEST_F(InstalledApplication, TheTreeHoldsTheProgramsAndTheirDataAndNothingPointsBack) {
@@ -144,19 +203,6 @@ TEST_F(InstalledApplication, TheTreeHoldsTheProgramsAndTheirDataAndNothingPoints
 }
 
 TEST_F(InstalledApplication, StartedAloneItShowsAPromptFromTheInstalledNode) {
-    std::string pattern = "/tmp/hl-installed-XXXXXX";
-    ASSERT_NE(::mkdtemp(pattern.data()), nullptr);
-    const fs::path base = pattern;
-    for (const char* folder : {"home", "config", "data"})
-        fs::create_directories(base / folder);
-    const std::string socket = (base / "node.sock").string();
-    ::setenv("HOME", (base / "home").c_str(), 1);
-    ::setenv("XDG_CONFIG_HOME", (base / "config").c_str(), 1);
-    ::setenv("XDG_DATA_HOME", (base / "data").c_str(), 1);
-    ::setenv("HARBORLATTICE_SOCKET", socket.c_str(), 1);
-    ::unsetenv("HARBORLATTICE_ROOT");
-    ::unsetenv("HARBORLATTICE_NODE_EXECUTABLE");
-
     // A saved Scratch tab with one pane, as a user would leave it.
     QString cwd;
     {
@@ -168,21 +214,9 @@ TEST_F(InstalledApplication, StartedAloneItShowsAPromptFromTheInstalledNode) {
         cwd = store.tabs().front()->panes().front()->context().cwd;
     }
 
-    const fs::path log = base / "app.log";
-    const pid_t app = ::fork();
-    ASSERT_GE(app, 0);
-    if (app == 0) {
-        const int out = ::open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
-        ::dup2(out, 1);
-        ::dup2(out, 2);
-        if (::chdir("/") != 0) ::_exit(126);
-        ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
-        const std::string program = (prefix / "bin/harborlattice").string();
-        ::execl(program.c_str(), program.c_str(), nullptr);
-        ::_exit(127);
-    }
+    startApplication("QT_QPA_PLATFORM=offscreen");
 
-    const hl::UnixSocketClient node(socket);
+    const hl::UnixSocketClient node(socket_);
     const auto replay = [&](const std::string& id) {
         try {
             const auto reply = node.request(
@@ -204,12 +238,13 @@ TEST_F(InstalledApplication, StartedAloneItShowsAPromptFromTheInstalledNode) {
             return !session.empty();
         },
         120s);
-    EXPECT_TRUE(started) << "no session reached the node; the application said:\n" << readFile(log);
+    EXPECT_TRUE(started) << "no session reached the node; the application said:\n"
+                         << readFile(log());
 
     if (started) {
         // The running node is the one installed beside the application.
         std::set<fs::path> executables;
-        for (const pid_t pid : processesUsing(socket)) {
+        for (const pid_t pid : processesUsing(socket_)) {
             std::error_code error;
             executables.insert(fs::read_symlink("/proc/" + std::to_string(pid) + "/exe", error));
         }
@@ -236,19 +271,69 @@ TEST_F(InstalledApplication, StartedAloneItShowsAPromptFromTheInstalledNode) {
             [&] { return replay(session).find("installed-42 ") != std::string::npos; }, 120s))
             << "the document never fitted the terminal:\n"
             << replay(session) << "\nThe application said:\n"
-            << readFile(log);
+            << readFile(log());
     }
+}
 
-    ::kill(app, SIGTERM);
-    const bool ended = waitUntil([&] { return ::waitpid(app, nullptr, WNOHANG) == app; }, 20s);
-    if (!ended) {
-        ::kill(app, SIGKILL);
-        ::waitpid(app, nullptr, 0);
+// On an X server the window carries the class that the launcher entry's
+// StartupWMClass names (so the launcher groups the window with its entry) and
+// the application's icon at every size it was drawn at.
+TEST_F(InstalledApplication, OnAnXServerTheWindowMatchesItsLauncherEntry) {
+    int display[2];
+    ASSERT_EQ(::pipe(display), 0);
+    const pid_t server = ::fork();
+    ASSERT_GE(server, 0);
+    if (server == 0) {
+        ::close(display[0]);
+        const int null = ::open("/dev/null", O_RDWR);
+        ::dup2(null, 1);
+        ::dup2(null, 2);
+        const std::string fd = std::to_string(display[1]);
+        ::execlp("Xvfb", "Xvfb", "-displayfd", fd.c_str(), "-screen", "0", "1600x1000x24",
+                 "-nolisten", "tcp", nullptr);
+        ::_exit(127);
     }
-    for (const pid_t pid : processesUsing(socket))
-        ::kill(pid, SIGKILL);
-    waitUntil([&] { return processesUsing(socket).empty(); }, 10s);
-    fs::remove_all(base);
+    helpers_.push_back(server);
+    ::close(display[1]);
+    std::string number;
+    char c;
+    while (::read(display[0], &c, 1) == 1 && c != '\n')
+        number += c;
+    ::close(display[0]);
+    ASSERT_FALSE(number.empty()) << "Xvfb did not start";
+    const std::string x = "DISPLAY=:" + number + " ";
+
+    const std::string desktop = readFile(prefix / "share/applications" / (appID + ".desktop"));
+    const auto key = desktop.find("\nStartupWMClass=");
+    ASSERT_NE(key, std::string::npos) << desktop;
+    const std::string wmClass = desktop.substr(key + 16, desktop.find('\n', key + 1) - key - 16);
+
+    startApplication("DISPLAY=:" + number);
+    // xwininfo lists each window as: id "title": ("instance" "class") geometry.
+    std::string window;
+    const bool shown = waitUntil(
+        [&] {
+            std::stringstream tree(capture(x + "xwininfo -root -tree 2>/dev/null"));
+            std::string line;
+            while (std::getline(tree, line)) {
+                if (line.find("\"harborlattice\" \"" + wmClass + "\")") == std::string::npos)
+                    continue;
+                std::stringstream words(line);
+                words >> window;
+                return true;
+            }
+            return false;
+        },
+        60s);
+    ASSERT_TRUE(shown) << "no window of class " << wmClass << ":\n"
+                       << capture(x + "xwininfo -root -tree") << readFile(log());
+
+    const std::string icon = capture(x + "xprop -id " + window + " _NET_WM_ICON");
+    for (const int size : {16, 32, 48, 128}) {
+        const std::string drawn =
+            "Icon (" + std::to_string(size) + " x " + std::to_string(size) + ")";
+        EXPECT_NE(icon.find(drawn), std::string::npos) << drawn << " in " << icon.substr(0, 200);
+    }
 }
 
 }  // namespace
