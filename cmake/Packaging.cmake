@@ -14,16 +14,23 @@ install(FILES ${_hl_linux}/${HARBORLATTICE_APP_ID}.svg
 install(FILES ${_hl_linux}/${HARBORLATTICE_APP_ID}.metainfo.xml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
 
-# The package's copyright and changelog (compressed without a time stamp, as
-# Debian's tools expect).
-set(_hl_changelog ${CMAKE_BINARY_DIR}/packaging/changelog.gz)
-add_custom_command(OUTPUT ${_hl_changelog}
-  COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/packaging
-  COMMAND sh -c "gzip -n -9 -c '${_hl_linux}/changelog' > '${_hl_changelog}'"
-  DEPENDS ${_hl_linux}/changelog
-  VERBATIM)
-add_custom_target(package_documents ALL DEPENDS ${_hl_changelog})
-install(FILES ${_hl_linux}/copyright ${_hl_changelog}
+# The manual pages and the package's changelog, compressed without a time
+# stamp as Debian's tools expect, and its copyright.
+set(_hl_compressed)
+foreach(_name changelog harborlattice.1 harborlattice-node.1)
+  set(_output ${CMAKE_BINARY_DIR}/packaging/${_name}.gz)
+  add_custom_command(OUTPUT ${_output}
+    COMMAND ${CMAKE_COMMAND} -E make_directory ${CMAKE_BINARY_DIR}/packaging
+    COMMAND sh -c "gzip -n -9 -c '${_hl_linux}/${_name}' > '${_output}'"
+    DEPENDS ${_hl_linux}/${_name}
+    VERBATIM)
+  list(APPEND _hl_compressed ${_output})
+endforeach()
+add_custom_target(package_documents ALL DEPENDS ${_hl_compressed})
+install(FILES ${CMAKE_BINARY_DIR}/packaging/harborlattice.1.gz
+  ${CMAKE_BINARY_DIR}/packaging/harborlattice-node.1.gz
+  DESTINATION ${CMAKE_INSTALL_MANDIR}/man1)
+install(FILES ${_hl_linux}/copyright ${CMAKE_BINARY_DIR}/packaging/changelog.gz
   DESTINATION ${CMAKE_INSTALL_DATADIR}/doc/harborlattice)
 
 set(CPACK_GENERATOR DEB)

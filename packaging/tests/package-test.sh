@@ -35,6 +35,8 @@ cat >"$work/expected" <<LIST
 /usr/share/harborlattice/Terminal/xterm.css
 /usr/share/harborlattice/Terminal/xterm.js
 /usr/share/icons/hicolor/scalable/apps/$app.svg
+/usr/share/man/man1/harborlattice-node.1.gz
+/usr/share/man/man1/harborlattice.1.gz
 /usr/share/metainfo/$app.metainfo.xml
 LIST
 LC_ALL=C sort -o "$work/expected" "$work/expected"
