@@ -251,10 +251,10 @@ TEST_F(InstalledApplication, StartedAloneItShowsAPromptFromTheInstalledNode) {
         EXPECT_TRUE(executables.contains(prefix / "bin/harborlattice-node"));
         EXPECT_FALSE(executables.contains(fs::path(HL_BUILD_DIR) / "harborlattice-node"));
 
-        // A prompt from the shell in the restored pane. The node made the shell
-        // 120 by 36; once the terminal document has loaded in the window it
-        // fits the terminal to its pane, so the shell waits for its size to
-        // change before it answers.
+        // A prompt from the shell in the restored pane. The pane asks for a
+        // shell of 120 by 36 cells; once the terminal document has loaded in
+        // the window it fits the terminal to the pane, so the shell waits for
+        // its size to change before it answers.
         const bool prompted = waitUntil(
             [&] {
                 const std::string output = replay(session);
