@@ -1,6 +1,10 @@
 // harborlattice: the desktop application. Builds the stores, shows the one
 // window, and starts the terminal node once launching has finished.
 #include <QApplication>
+#include <QIcon>
+#include <QPainter>
+#include <QPixmap>
+#include <QSvgRenderer>
 
 #include <cstdio>
 #include <memory>
@@ -10,10 +14,35 @@
 #include "ProcessEnvironment.h"
 #include "StoredDataPrompts.h"
 
+namespace {
+
+// The application's icon, drawn from the SVG compiled into the executable (the
+// same drawing the desktop entry names), at the sizes a window manager asks for.
+QIcon applicationIcon() {
+    QSvgRenderer renderer(QStringLiteral(":/icons/com.quarrynotch.Harborlattice.svg"));
+    QIcon icon;
+    if (!renderer.isValid()) return icon;
+    for (const int size : {16, 24, 32, 48, 64, 128, 256}) {
+        QPixmap pixmap(size, size);
+        pixmap.fill(Qt::transparent);
+        QPainter painter(&pixmap);
+        renderer.render(&painter);
+        painter.end();
+        icon.addPixmap(pixmap);
+    }
+    return icon;
+}
+
+}  // namespace
+
 int main(int argc, char** argv) {
     hl::prepareProcessEnvironment();
     QApplication qt(argc, argv);
+    // The name is also the window's class (StartupWMClass of the desktop entry);
+    // the desktop file name is the application id Wayland compositors match.
     QApplication::setApplicationName(QStringLiteral("Harborlattice"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("com.quarrynotch.Harborlattice"));
+    QApplication::setWindowIcon(applicationIcon());
     hl::chooseRenderingBackend();
     std::unique_ptr<hl::HarborlatticeApp> app;
     const auto file = hl::RuntimePaths::preferencesFile();
