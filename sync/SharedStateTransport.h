@@ -115,4 +115,14 @@ class RecordSharedStateTransport : public SharedStateTransport {
     std::optional<std::pair<SharedStateRecord, SharedSnapshot>> fetchRecord();
 };
 
+// The variable that names the record's place: a file:// URL of a folder or the
+// http(s):// URL of a file on a WebDAV server.
+inline constexpr const char* syncUrlVariable = "HARBORLATTICE_SYNC_URL";
+
+// The transport named by HARBORLATTICE_SYNC_URL: unset or empty gives the disabled
+// one, a file:// URL the folder transport, anything else the WebDAV transport
+// (which refuses, as an unusable server, what is not http or https).
+std::unique_ptr<SharedStateTransport> makeSharedStateTransport();
+std::unique_ptr<SharedStateTransport> makeSharedStateTransport(const QString& url);
+
 }  // namespace hl
