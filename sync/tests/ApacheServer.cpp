@@ -3,7 +3,12 @@
 #include <grp.h>
 #include <pwd.h>
 #include <sys/stat.h>
+#ifdef __linux__
+#include <sys/prctl.h>
+#endif
+
 #include <unistd.h>
+#include <csignal>
 
 #include <QDeadlineTimer>
 #include <QDir>
@@ -90,6 +95,10 @@ bool ApacheServer::startOnce(quint16 port) {
 
     process_ = std::make_unique<QProcess>();
     process_->setProcessChannelMode(QProcess::MergedChannels);
+#ifdef __linux__
+    // A test that dies leaves no server behind.
+    process_->setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGTERM); });
+#endif
     process_->start(apacheExecutable, {"-f", root_ + "/httpd.conf", "-DFOREGROUND"});
     if (!process_->waitForStarted(30'000)) {
         error_ = "Apache did not start: " + process_->errorString();
