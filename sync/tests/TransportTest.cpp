@@ -13,8 +13,15 @@
 #include <QNetworkAccessManager>
 #include <QNetworkReply>
 #include <QProcess>
+#include <QSslCertificate>
+#include <QSslKey>
+#include <QSslServer>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QTemporaryDir>
+
+#include <atomic>
+#include <thread>
 
 #include "ApacheServer.h"
 #include "CloudSyncStatus.h"
@@ -202,12 +209,17 @@ TEST(FolderTransportTest, AnotherInstancesPublishedRevisionIsSignalledAtOnce) {
     int theirChanges = 0;
     mine.watchChanges(&context, [&] { ++myChanges; });
     theirs.watchChanges(&context, [&] { ++theirChanges; });
-    const SharedSnapshot snapshot = mine.exchange(snapshotAt(1000));
-    mine.publishChange(snapshot.revision());
+    // Saved and published off the main thread, as the sync does.
+    std::atomic<bool> published = false;
+    std::thread saver([&] {
+        mine.publishChange(mine.exchange(snapshotAt(1000)).revision());
+        published = true;
+    });
     QDeadlineTimer deadline(30'000);
-    while (theirChanges == 0 && !deadline.hasExpired()) {
+    while ((theirChanges == 0 || !published) && !deadline.hasExpired()) {
         QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
     }
+    saver.join();
     EXPECT_EQ(theirChanges, 1);
     QCoreApplication::processEvents(QEventLoop::AllEvents, 200);
     EXPECT_EQ(myChanges, 0) << "an instance is not told of its own revision";
@@ -319,6 +331,48 @@ TEST(WebDavFailureTest, EachFailureShowsItsStatus) {
     tagless.body = SharedSnapshotCodec::encode(snapshotAt(1));
     EXPECT_EQ(statusAt(tagless.url()), Status::CloudSchema);
     EXPECT_EQ(statusAt(QUrl("ftp://example.org/state.json")), Status::CloudSchema);
+}
+
+TEST(WebDavFailureTest, AnUntrustedCertificateAndAFailedHandshakeShowTheirStatus) {
+    using Status = hl::CloudSyncStatus::Kind;
+    QTemporaryDir folder;
+    QProcess openssl;
+    openssl.start("openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
+                              "-subj", "/CN=127.0.0.1", "-keyout", folder.filePath("key.pem"),
+                              "-out", folder.filePath("cert.pem")});
+    ASSERT_TRUE(openssl.waitForFinished(120'000) && openssl.exitCode() == 0)
+        << "openssl is needed (scripts/install-deps.sh installs it)";
+    QFile key(folder.filePath("key.pem"));
+    QFile certificate(folder.filePath("cert.pem"));
+    ASSERT_TRUE(key.open(QIODevice::ReadOnly) && certificate.open(QIODevice::ReadOnly));
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    configuration.setPrivateKey(QSslKey(&key, QSsl::Rsa));
+    configuration.setLocalCertificate(QSslCertificate(&certificate));
+    QSslServer server;
+    server.setSslConfiguration(configuration);
+    ASSERT_TRUE(server.listen(QHostAddress::LocalHost, 0));
+    hl::WebDavSharedStateTransport selfSigned(
+        QUrl(QStringLiteral("https://127.0.0.1:%1/state.json").arg(server.serverPort())));
+    EXPECT_EQ(statusOfFetch(selfSigned), Status::CloudSigning);
+
+    // A server that answers in plain text.
+    QTcpServer plain;
+    ASSERT_TRUE(plain.listen(QHostAddress::LocalHost, 0));
+    QObject::connect(&plain, &QTcpServer::newConnection, &plain, [&plain] {
+        while (QTcpSocket* socket = plain.nextPendingConnection()) {
+            socket->write("HTTP/1.1 400 Bad Request\r\nConnection: close\r\n\r\n");
+            socket->disconnectFromHost();
+        }
+    });
+    hl::WebDavSharedStateTransport noTls(
+        QUrl(QStringLiteral("https://127.0.0.1:%1/state.json").arg(plain.serverPort())));
+    try {
+        noTls.fetch();
+        ADD_FAILURE() << "a plain-text answer passed for TLS";
+    } catch (const hl::SharedStateTransportError& error) {
+        EXPECT_EQ(error.kind(), hl::SharedStateTransportError::Kind::TlsHandshake) << error.what();
+        EXPECT_EQ(hl::syncStatusForError(error).kind, Status::Offline);
+    }
 }
 
 TEST(TransportChoiceTest, TheSyncUrlNamesTheTransport) {
