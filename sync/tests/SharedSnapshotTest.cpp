@@ -37,6 +37,14 @@ QJsonObject encodedJson(const SharedSnapshot& snapshot) {
     return QJsonDocument::fromJson(SharedSnapshotCodec::encode(snapshot)).object();
 }
 
+// The snapshot's encoding with one piece of it replaced.
+QByteArray editedEncoding(const SharedSnapshot& snapshot, const QByteArray& from,
+                          const QByteArray& to) {
+    QByteArray bytes = SharedSnapshotCodec::encode(snapshot);
+    EXPECT_TRUE(bytes.contains(from)) << from.toStdString();
+    return bytes.replace(from, to);
+}
+
 SharedSnapshot decodeJson(const QJsonObject& json) {
     return SharedSnapshotCodec::decode(QJsonDocument(json).toJson(QJsonDocument::Compact));
 }
@@ -272,21 +280,15 @@ TEST(SharedSnapshotCodecTest, DecodingRequiresEveryMemberAndValidatesWhatItReads
     const SharedSnapshot snapshot = snapshotAt(1700000000000, sampleContent());
     const QJsonObject json = encodedJson(snapshot);
     // Unknown keys are ignored; optional ones may be null; lower-case UUIDs are read.
-    QJsonObject tolerant = json;
-    tolerant["extra"] = "ignored";
-    tolerant["revision"] = sharedUuidText(snapshot.revision()).toLower();
-    QJsonObject content = tolerant["content"].toObject();
-    QJsonArray workspaces = content["workspaces"].toArray();
-    QJsonObject workspace = workspaces[0].toObject();
-    const QJsonValue selected = workspace["selectedTabID"];
-    workspace["selectedTabID"] = QJsonValue::Null;
-    workspaces[0] = workspace;
-    content["workspaces"] = workspaces;
-    tolerant["content"] = content;
-    const SharedSnapshot decoded = decodeJson(tolerant);
+    const QByteArray selected =
+        sharedUuidText(*snapshot.content().workspaces[0].selectedTabID).toLatin1();
+    QByteArray tolerant = editedEncoding(snapshot, "\"selectedTabID\":\"" + selected + "\"",
+                                         "\"selectedTabID\":null,\"extra\":[1]");
+    const QByteArray revision = sharedUuidText(snapshot.revision()).toLatin1();
+    tolerant.replace(revision, revision.toLower());
+    const SharedSnapshot decoded = SharedSnapshotCodec::decode(tolerant);
     EXPECT_EQ(decoded.revision(), snapshot.revision());
     EXPECT_EQ(decoded.content().workspaces[0].selectedTabID, std::nullopt);
-    ASSERT_TRUE(selected.isString());
 
     for (const char* key : {"schemaVersion", "revision", "modifiedAt", "deviceID", "content"}) {
         QJsonObject missing = json;
@@ -296,19 +298,16 @@ TEST(SharedSnapshotCodecTest, DecodingRequiresEveryMemberAndValidatesWhatItReads
     QJsonObject textDate = json;
     textDate["modifiedAt"] = "yesterday";
     EXPECT_THROW(decodeJson(textDate), hl::SharedSnapshotCodecError);
-    EXPECT_THROW(SharedSnapshotCodec::decode("{\"schemaVersion\":1,"),
-                 hl::SharedSnapshotCodecError);
-    EXPECT_THROW(SharedSnapshotCodec::decode("[]"), hl::SharedSnapshotCodecError);
-    EXPECT_THROW(SharedSnapshotCodec::decode("{\"revision\":\"\\ud800\"}"),
-                 hl::SharedSnapshotCodecError);
+    for (const char* bytes : {"{\"schemaVersion\":1,", "[]", "{\"revision\":\"\\ud800\"}"}) {
+        EXPECT_THROW(SharedSnapshotCodec::decode(bytes), hl::SharedSnapshotCodecError) << bytes;
+    }
 
     // A later schema is refused before its content is looked at.
     QJsonObject later = json;
     later["schemaVersion"] = 2;
-    QJsonObject broken = later["content"].toObject();
-    broken["workspaces"] =
-        QJsonArray{QJsonObject{{"projectID", "nowhere"}, {"tabs", QJsonArray{}}}};
-    later["content"] = broken;
+    later["content"] = QJsonObject{
+        {"projects", QJsonArray{}},
+        {"workspaces", QJsonArray{QJsonObject{{"projectID", "nowhere"}, {"tabs", QJsonArray{}}}}}};
     try {
         decodeJson(later);
         FAIL() << "schema 2 decoded";
@@ -324,44 +323,29 @@ TEST(SharedSnapshotCodecTest, LayoutsAreReadAsThePaneTreeWritesThem) {
     const QUuid b = QUuid::createUuid();
     SharedContent content;
     content.projects.append({"p", "P", std::nullopt});
-    hl::SharedTab tab = tabWithPanes({a, b});
+    const hl::SharedTab tab = tabWithPanes({a, b});
     content.workspaces.append({"p", {tab}, std::nullopt});
-    QJsonObject json = encodedJson(SharedSnapshot(QUuid::createUuid(), content));
+    const SharedSnapshot snapshot(QUuid::createUuid(), content);
+    const QByteArray layout = QJsonDocument(tab.layout).toJson(QJsonDocument::Compact);
     // A foreign writer: lower-case ids, a ratio out of range, an unknown member.
-    QJsonObject foreign{
-        {"split",
-         QJsonObject{
-             {"id", "0b5e2f4c-1d2a-4c3b-9e8f-7a6b5c4d3e2f"},
-             {"axis", "vertical"},
-             {"ratio", 7},
-             {"note", "x"},
-             {"first", leafLayout(a)},
-             {"second", QJsonObject{{"pane", QJsonObject{{"_0", sharedUuidText(b).toLower()}}}}}}}};
-    QJsonObject jsonContent = json["content"].toObject();
-    QJsonArray workspaces = jsonContent["workspaces"].toArray();
-    QJsonObject workspace = workspaces[0].toObject();
-    QJsonArray tabs = workspace["tabs"].toArray();
-    QJsonObject tabJson = tabs[0].toObject();
-    tabJson["layout"] = foreign;
-    tabs[0] = tabJson;
-    workspace["tabs"] = tabs;
-    workspaces[0] = workspace;
-    jsonContent["workspaces"] = workspaces;
-    json["content"] = jsonContent;
-    const QJsonObject layout = decodeJson(json).content().workspaces[0].tabs[0].layout;
-    EXPECT_EQ(layout,
+    const QJsonObject lowerLeaf{{"pane", QJsonObject{{"_0", sharedUuidText(b).toLower()}}}};
+    const QJsonObject foreign{{"split", QJsonObject{{"id", "0b5e2f4c-1d2a-4c3b-9e8f-7a6b5c4d3e2f"},
+                                                    {"axis", "vertical"},
+                                                    {"ratio", 7},
+                                                    {"note", "x"},
+                                                    {"first", leafLayout(a)},
+                                                    {"second", lowerLeaf}}}};
+    const QByteArray edited =
+        editedEncoding(snapshot, layout, QJsonDocument(foreign).toJson(QJsonDocument::Compact));
+    EXPECT_EQ(SharedSnapshotCodec::decode(edited).content().workspaces[0].tabs[0].layout,
               (QJsonObject{{"split", QJsonObject{{"id", "0B5E2F4C-1D2A-4C3B-9E8F-7A6B5C4D3E2F"},
                                                  {"axis", "vertical"},
                                                  {"ratio", 0.9},
                                                  {"first", leafLayout(a)},
                                                  {"second", leafLayout(b)}}}}));
-    tabJson["layout"] = QJsonObject{{"split", QJsonObject{{"axis", "diagonal"}}}};
-    tabs[0] = tabJson;
-    workspace["tabs"] = tabs;
-    workspaces[0] = workspace;
-    jsonContent["workspaces"] = workspaces;
-    json["content"] = jsonContent;
-    EXPECT_THROW(decodeJson(json), hl::SharedSnapshotCodecError);
+    EXPECT_THROW(SharedSnapshotCodec::decode(
+                     editedEncoding(snapshot, layout, "{\"split\":{\"axis\":\"diagonal\"}}")),
+                 hl::SharedSnapshotCodecError);
 }
 
 TEST(SharedStateTextsTest, PlatformWordsAndStatusesReadAsTheyShould) {
