@@ -61,8 +61,12 @@ void TinyRecordServer::answer(QTcpSocket* socket, const QByteArray& request) {
     int status = 200;
     QByteArray content;
     bool withTag = false;
+    const bool authorized = settings_.login.isEmpty() || header(request, "Authorization") ==
+                                                             "Basic " + settings_.login.toBase64();
     if (settings_.forcedStatus != 0) {
         status = settings_.forcedStatus;
+    } else if (!authorized) {
+        status = 401;
     } else if (verb == "GET") {
         status = body ? 200 : 404;
         content = body.value_or(QByteArray());
@@ -88,6 +92,7 @@ void TinyRecordServer::answer(QTcpSocket* socket, const QByteArray& request) {
     }
     QByteArray reply = "HTTP/1.1 " + QByteArray::number(status) + " Status\r\n";
     if (withTag && settings_.givesETag) reply += "ETag: " + currentTag() + "\r\n";
+    if (status == 401) reply += "WWW-Authenticate: Basic realm=\"records\"\r\n";
     reply += "Content-Length: " + QByteArray::number(content.size()) +
              "\r\nConnection: close\r\n\r\n" + content;
     socket->write(reply);

@@ -22,6 +22,8 @@ class TinyRecordServer : public QObject {
         bool givesETag = true;
         int forcedStatus = 0;
         bool silent = false;
+        // "user:password" that Basic authentication must present; empty: none asked.
+        QByteArray login;
     };
     explicit TinyRecordServer(Settings settings);
 

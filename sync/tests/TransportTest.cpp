@@ -375,6 +375,29 @@ TEST(WebDavFailureTest, AnUntrustedCertificateAndAFailedHandshakeShowTheirStatus
     }
 }
 
+TEST(WebDavCredentialsTest, TheUrlOrTheNetrcFileLogsIn) {
+    QTemporaryDir home;
+    const QString netrc = home.filePath(".netrc");
+    writeFile(netrc,
+              "machine elsewhere login x password y\n"
+              "machine 127.0.0.1 login ada password s3cret\n"
+              "default login anon password none\n");
+    TinyRecordServer server({0, true, 0, false, "ada:s3cret"});
+    hl::WebDavSharedStateTransport::Options options;
+    options.netrcPath = netrc;
+    hl::WebDavSharedStateTransport fromNetrc(server.url(), options);
+    EXPECT_EQ(fromNetrc.fetch(), std::nullopt);
+    QUrl withLogin = server.url();
+    withLogin.setUserInfo("ada:s3cret");
+    const SharedSnapshot mine = snapshotAt(5);
+    EXPECT_EQ(hl::WebDavSharedStateTransport(withLogin).exchange(mine), mine);
+    options.netrcPath = home.filePath("missing");
+    hl::WebDavSharedStateTransport anonymous(server.url(), options);
+    EXPECT_EQ(statusOfFetch(anonymous), hl::CloudSyncStatus::Kind::CloudPermission);
+    EXPECT_EQ(hl::netrcCredentials(netrc, "other.example"),
+              std::make_pair(QString("anon"), QString("none")));
+}
+
 TEST(TransportChoiceTest, TheSyncUrlNamesTheTransport) {
     EXPECT_FALSE(hl::makeSharedStateTransport(QString())->isConfigured());
     EXPECT_NE(dynamic_cast<hl::FolderSharedStateTransport*>(
