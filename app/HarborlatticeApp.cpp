@@ -22,4 +22,9 @@ HarborlatticeApp::HarborlatticeApp(const std::filesystem::path& preferencesFile)
 
 HarborlatticeApp::~HarborlatticeApp() = default;
 
+AppUpdater& HarborlatticeApp::updater() const {
+    if (!updater_) updater_ = std::make_unique<AppUpdater>();
+    return *updater_;
+}
+
 }  // namespace hl
