@@ -5,10 +5,12 @@
 
 #include <signal.h>
 #include <stdlib.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <QApplication>
 
-#include <cstdio>
 #include <string>
 
 #include "AppTestSupport.h"
@@ -20,18 +22,28 @@ namespace {
 pid_t busPid = 0;
 std::string busAddress;
 
-// Starts a session bus of this test's own; its address goes to the environment.
+// Starts a session bus of this test's own, which ends with this process
+// however it ends; its address goes to the environment.
 void startPrivateBus() {
-    FILE* out = ::popen("dbus-daemon --session --fork --print-address=1 --print-pid=1", "r");
-    if (!out) return;
-    char line[512] = {};
-    if (std::fgets(line, sizeof line, out)) {
-        busAddress = line;
-        while (!busAddress.empty() && busAddress.back() == '\n')
-            busAddress.pop_back();
+    int out[2];
+    if (::pipe(out) != 0) return;
+    const pid_t parent = ::getpid();
+    busPid = ::fork();
+    if (busPid == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGTERM);
+        if (::getppid() != parent) ::_exit(1);
+        ::dup2(out[1], STDOUT_FILENO);
+        ::close(out[0]);
+        ::close(out[1]);
+        ::execlp("dbus-daemon", "dbus-daemon", "--session", "--nofork", "--print-address=1",
+                 static_cast<char*>(nullptr));
+        ::_exit(127);
     }
-    if (std::fgets(line, sizeof line, out)) busPid = static_cast<pid_t>(std::atoi(line));
-    ::pclose(out);
+    ::close(out[1]);
+    char c = 0;
+    while (busPid > 0 && ::read(out[0], &c, 1) == 1 && c != '\n')
+        busAddress += c;
+    ::close(out[0]);
     if (!busAddress.empty()) ::setenv("DBUS_SESSION_BUS_ADDRESS", busAddress.c_str(), 1);
 }
 
@@ -53,7 +65,10 @@ int main(int argc, char** argv) {
         ::testing::InitGoogleTest(&argc, argv);
         result = RUN_ALL_TESTS();
     }
-    if (busPid > 0) ::kill(busPid, SIGTERM);
+    if (busPid > 0) {
+        ::kill(busPid, SIGTERM);
+        ::waitpid(busPid, nullptr, 0);
+    }
     hl::apptest::cleanUpTestEnvironment();
     return result;
 }

@@ -1,6 +1,9 @@
 // The HTTP server of the update tests.
 #include "UpdatesTestSupport.h"
 
+#include <signal.h>
+#include <sys/prctl.h>
+
 #include <QDeadlineTimer>
 #include <QRegularExpression>
 
@@ -10,6 +13,8 @@ namespace hl::updatestest {
 
 HttpFolderServer::HttpFolderServer(const QString& folder) {
     process_.setProcessChannelMode(QProcess::SeparateChannels);
+    // The server ends with the test, even one that is killed.
+    process_.setChildProcessModifier([] { ::prctl(PR_SET_PDEATHSIG, SIGKILL); });
     process_.start(QStringLiteral("python3"),
                    {"-u", "-m", "http.server", "0", "--bind", "127.0.0.1", "--directory", folder});
     QByteArray said;
