@@ -104,7 +104,8 @@ class AppUpdaterTest : public ::testing::Test {
     }
     // Runs one check from the button, as a user would, and returns its result
     // with the updater's states seen on the way.
-    UpdateCheckResult check(AppUpdater& updater, std::vector<bool>* states = nullptr) {
+    UpdateCheckResult check(AppUpdater& updater, std::vector<bool>* states = nullptr,
+                            bool keepDialog = false) {
         hl::CheckForUpdatesButton button(&updater);
         EXPECT_TRUE(button.isEnabled());
         std::optional<UpdateCheckResult> result;
@@ -114,12 +115,13 @@ class AppUpdaterTest : public ::testing::Test {
         QObject::connect(&updater, &AppUpdater::canCheckForUpdatesChanged, &button,
                          [&] { seen.push_back(button.isEnabled()); });
         button.click();
+        EXPECT_TRUE(seen.empty());  // the change reaches the button through the event loop
         EXPECT_TRUE(hl::apptest::spinUntil(
             [&] { return result.has_value() && !seen.empty() && seen.back(); },
             std::chrono::seconds(60)));
         EXPECT_TRUE(button.isEnabled());
         if (states) *states = seen;
-        closeResultDialogs();
+        if (!keepDialog) closeResultDialogs();
         return result.value_or(UpdateCheckResult{});
     }
     QMessageBox* resultDialog() const {
@@ -159,25 +161,16 @@ TEST_F(AppUpdaterTest, ANewerSignedVersionIsOfferedWithItsVerifiedArchive) {
                {"9.0", "harborlattice-9.0.zip", keys.sign("for another system"), "macos"}});
 
     AppUpdater updater(std::make_unique<hl::AppcastUpdater>(channel(server.url("appcast.xml"))));
-    std::optional<UpdateCheckResult> result;
-    QObject::connect(updater.standardController(), &hl::AppcastUpdater::checkFinished,
-                     [&](const UpdateCheckResult& r) { result = r; });
-    hl::CheckForUpdatesButton button(&updater);
     std::vector<bool> states;
-    QObject::connect(&updater, &AppUpdater::canCheckForUpdatesChanged,
-                     [&] { states.push_back(updater.canCheckForUpdates()); });
-    button.click();
-    // The running check reaches the button through the event loop.
-    EXPECT_TRUE(button.isEnabled());
-    ASSERT_TRUE(hl::apptest::spinUntil([&] { return result && button.isEnabled(); },
-                                       std::chrono::seconds(60)));
+    const auto result = check(updater, &states, /*keepDialog=*/true);
+    // The running check reached the button through the event loop, and ended.
     EXPECT_EQ(states, (std::vector<bool>{false, true}));
 
-    EXPECT_EQ(result->outcome, Outcome::updateAvailable) << result->failure.toStdString();
-    EXPECT_EQ(result->offeredVersion, "1.5.0");
+    EXPECT_EQ(result.outcome, Outcome::updateAvailable) << result.failure.toStdString();
+    EXPECT_EQ(result.offeredVersion, "1.5.0");
     const fs::path kept =
         fs::path(downloads.path().toStdString()) / "Updates" / "harborlattice-1.5.0.tar.gz";
-    EXPECT_EQ(result->archivePath, kept);
+    EXPECT_EQ(result.archivePath, kept);
     QFile file(QString::fromStdString(kept.string()));
     ASSERT_TRUE(file.open(QIODevice::ReadOnly));
     EXPECT_EQ(file.readAll(), archive);
@@ -185,8 +178,8 @@ TEST_F(AppUpdaterTest, ANewerSignedVersionIsOfferedWithItsVerifiedArchive) {
     ASSERT_EQ(::stat(kept.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0600u);
 
-    QMessageBox* box = nullptr;
-    ASSERT_TRUE(hl::apptest::spinUntil([&] { return (box = resultDialog()) != nullptr; }));
+    QMessageBox* box = resultDialog();
+    ASSERT_NE(box, nullptr);
     EXPECT_EQ(box->text(), "Harborlattice 1.5.0 is available");
     EXPECT_TRUE(box->informativeText().startsWith("You have 1.4.0."));
     EXPECT_NE(box->findChild<QPushButton*>("updates.reveal"), nullptr);
@@ -239,10 +232,6 @@ TEST_F(AppUpdaterTest, AnOlderOrTheSameVersionIsUpToDate) {
 
 TEST_F(AppUpdaterTest, FeedFailuresAreToldApartAndLeaveTheButtonUsable) {
     writeFile("broken.xml", "<rss><channel><item><title>1.9</title>");
-    writeFile("page.xml", "<html><body>Not here</body></html>");
-    AppUpdater missing(std::make_unique<hl::AppcastUpdater>(channel(server.url("appcast.xml"))));
-    AppUpdater broken(std::make_unique<hl::AppcastUpdater>(channel(server.url("broken.xml"))));
-    AppUpdater page(std::make_unique<hl::AppcastUpdater>(channel(server.url("page.xml"))));
     AppUpdater insecure(
         std::make_unique<hl::AppcastUpdater>(channel("http://updates.example/appcast.xml")));
     const QString unreachableURL = server.url("appcast.xml");
@@ -261,19 +250,13 @@ TEST_F(AppUpdaterTest, FeedFailuresAreToldApartAndLeaveTheButtonUsable) {
     EXPECT_EQ(check(absent).failure, "The update feed answered with HTTP status 404.");
     AppUpdater malformed(std::make_unique<hl::AppcastUpdater>(channel(again.url("broken.xml"))));
     EXPECT_EQ(check(malformed).failure, "The update feed could not be read.");
-    AppUpdater notAFeed(std::make_unique<hl::AppcastUpdater>(channel(again.url("page.xml"))));
-    EXPECT_EQ(check(notAFeed).failure, "The update feed could not be read.");
     EXPECT_EQ(check(insecure).failure,
               "The update feed is not an HTTPS address, so it is not used.");
 
     // What the user sees after a failed check.
-    std::optional<UpdateCheckResult> shown;
-    QObject::connect(unreachable.standardController(), &hl::AppcastUpdater::checkFinished,
-                     [&](const UpdateCheckResult& r) { shown = r; });
-    unreachable.checkForUpdates();
-    QMessageBox* box = nullptr;
-    ASSERT_TRUE(hl::apptest::spinUntil([&] { return (box = resultDialog()) != nullptr; },
-                                       std::chrono::seconds(60)));
+    check(unreachable, nullptr, /*keepDialog=*/true);
+    QMessageBox* box = resultDialog();
+    ASSERT_NE(box, nullptr);
     EXPECT_EQ(box->text(), "Update check failed");
     hl::apptest::spinFor(std::chrono::milliseconds(100));
     hl::apptest::saveScreenshot(box, "update-failed");
