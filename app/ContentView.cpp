@@ -95,8 +95,12 @@ class SidebarRow : public QAbstractButton {
 
 }  // namespace
 
-ContentView::ContentView(ProjectCatalog* catalog, WorkspaceStore* workspace, QWidget* parent)
-    : QWidget(parent), catalog_(catalog), workspace_(workspace) {
+ContentView::ContentView(ProjectCatalog* catalog, WorkspaceStore* workspace, AppUpdater* updater,
+                         QWidget* parent)
+    : QWidget(parent),
+      catalog_(catalog),
+      workspace_(workspace),
+      updater_(updater ? updater : new AppUpdater(false, {}, this)) {
     setObjectName("content");
     auto* layout = new QHBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
@@ -181,6 +185,7 @@ QWidget* ContentView::buildSidebar() {
     listColumn_->addStretch(1);
     scroll->setWidget(holder);
     column->addWidget(scroll, 1);
+    column->addWidget(buildSidebarFooter(sidebar));
 
     errorRow_ = new QWidget(sidebar);
     errorRow_->setObjectName("sidebar.error");

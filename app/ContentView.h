@@ -12,6 +12,7 @@
 #include <functional>
 #include <optional>
 
+#include "AppUpdater.h"
 #include "ProjectCatalog.h"
 #include "WorkspaceStore.h"
 
@@ -29,7 +30,9 @@ class ContentView : public QWidget {
     Q_OBJECT
 
   public:
-    ContentView(ProjectCatalog* catalog, WorkspaceStore* workspace, QWidget* parent = nullptr);
+    // Without an updater, one that can never check stands in.
+    ContentView(ProjectCatalog* catalog, WorkspaceStore* workspace, AppUpdater* updater = nullptr,
+                QWidget* parent = nullptr);
 
     // Asks for one folder and adds it as a project.
     void addProject();
@@ -55,11 +58,15 @@ class ContentView : public QWidget {
     QPushButton* startOverButton() const { return startOverButton_; }
 
     TerminalWorkspaceView* workspaceView() const { return workspaceView_; }
+    // The idea sheet is shown while this is true.
+    bool ideaComposerVisible() const { return ideaComposerVisible_; }
+    void setIdeaComposerVisible(bool visible);
     QSplitter* splitter() const { return splitter_; }
 
   private:
     QWidget* buildSidebar();
     QWidget* buildEmptyState();
+    QWidget* buildSidebarFooter(QWidget* parent);
     void rebuildSidebarList();
     void refreshDetail();
     void refreshErrorRow();
@@ -68,6 +75,9 @@ class ContentView : public QWidget {
 
     ProjectCatalog* catalog_;
     WorkspaceStore* workspace_;
+    AppUpdater* updater_;
+    bool ideaComposerVisible_ = false;
+    QPointer<QDialog> ideaComposerSheet_;
     std::optional<ProjectRecord> projectToRename_;
     QString renameValue_;
     std::optional<ProjectRecord> projectToRemove_;

@@ -53,4 +53,9 @@ std::vector<RecoveredValue> HarborlatticeApp::keepCopyAndStartOver(
 
 HarborlatticeApp::~HarborlatticeApp() = default;
 
+AppUpdater& HarborlatticeApp::updater() const {
+    if (!updater_) updater_ = std::make_unique<AppUpdater>();
+    return *updater_;
+}
+
 }  // namespace hl

@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <memory>
 
+#include "AppUpdater.h"
 #include "ApplicationDelegate.h"
 #include "Preferences.h"
 #include "ProjectCatalog.h"
@@ -37,6 +38,8 @@ class HarborlatticeApp {
     ApplicationDelegate& delegate() const { return *delegate_; }
     ProjectCatalog& catalog() const { return *catalog_; }
     WorkspaceStore& workspace() const { return *workspace_; }
+    // Built when first asked for, by the window, not at start-up.
+    AppUpdater& updater() const;
     const std::shared_ptr<Preferences>& defaults() const { return defaults_; }
 
     // Keys whose stored values could not be understood and are kept as they were.
@@ -52,6 +55,7 @@ class HarborlatticeApp {
     std::shared_ptr<Preferences> defaults_;
     std::unique_ptr<ProjectCatalog> catalog_;
     std::unique_ptr<WorkspaceStore> workspace_;
+    mutable std::unique_ptr<AppUpdater> updater_;
 };
 
 }  // namespace hl

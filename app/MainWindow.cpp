@@ -6,6 +6,7 @@
 #include <QMenuBar>
 #include <QWindow>
 
+#include "CheckForUpdatesButton.h"
 #include "ContentView.h"
 #include "StoredDataPrompts.h"
 
@@ -16,13 +17,15 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     setWindowTitle(QStringLiteral("Harborlattice"));
     setMinimumSize(980, 620);
     resize(1360, 820);
-    content_ = new ContentView(&app.catalog(), &app.workspace(), this);
+    content_ = new ContentView(&app.catalog(), &app.workspace(), &app.updater(), this);
     setCentralWidget(content_);
     content_->setStartOver([&app] { return !app.damagedKeys().empty(); },
                            [&app, this] { offerKeepCopyAndStartOver(app, this); });
 
     WorkspaceStore& workspace = app.workspace();
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));
+    file->addAction(CheckForUpdatesButton::menuAction(&app.updater(), this));
+    file->addSeparator();
     addCommand(file, Command::NewTerminal, [&workspace] { workspace.newTerminal(); });
     addCommand(file, Command::NewScratchTerminal,
                [&workspace] { workspace.createScratchTerminal(); });

@@ -76,6 +76,40 @@ void drawSymbol(QPainter& p, const QString& name, const QColor& color) {
         p.setBrush(color);
         for (double x : {3.5, 8.0, 12.5})
             p.drawEllipse(QPointF(x, 8), 1.1, 1.1);
+    } else if (name == "lightbulb") {
+        QPainterPath bulb(QPointF(6, 11));
+        bulb.cubicTo(6, 9, 3.5, 8, 3.5, 5.5);
+        bulb.cubicTo(3.5, 3, 5.5, 1.5, 8, 1.5);
+        bulb.cubicTo(10.5, 1.5, 12.5, 3, 12.5, 5.5);
+        bulb.cubicTo(12.5, 8, 10, 9, 10, 11);
+        bulb.closeSubpath();
+        p.drawPath(bulb);
+        p.drawLine(QPointF(6.5, 13), QPointF(9.5, 13));
+        p.drawLine(QPointF(7, 14.8), QPointF(9, 14.8));
+    } else if (name == "hand.raised") {
+        QPainterPath hand(QPointF(4.5, 9));
+        hand.lineTo(4.5, 4.5);
+        hand.moveTo(6.5, 8);
+        hand.lineTo(6.5, 2.5);
+        hand.moveTo(8.5, 8);
+        hand.lineTo(8.5, 2);
+        hand.moveTo(10.5, 8.5);
+        hand.lineTo(10.5, 3.5);
+        hand.moveTo(4.5, 9);
+        hand.cubicTo(4.5, 13, 6, 14.5, 8.5, 14.5);
+        hand.cubicTo(11, 14.5, 12, 13, 12.5, 11);
+        hand.lineTo(13.5, 7.5);
+        hand.moveTo(10.5, 8.5);
+        hand.lineTo(10.5, 10);
+        hand.moveTo(13.5, 7.5);
+        hand.lineTo(12, 7);
+        hand.lineTo(10.5, 10);
+        p.drawPath(hand);
+    } else if (name == "checkmark.circle.fill") {
+        p.setBrush(color);
+        p.drawEllipse(QRectF(1.5, 1.5, 13, 13));
+        p.setPen(QPen(Qt::white, 1.6, Qt::SolidLine, Qt::RoundCap, Qt::RoundJoin));
+        chevron(p, {5, 8.2}, {7.2, 10.4}, {11, 5.8});
     } else if (name == "terminal") {
         p.drawRoundedRect(QRectF(1.5, 2.5, 13, 11), 2, 2);
         chevron(p, {4.5, 6}, {7, 8}, {4.5, 10});

@@ -12,6 +12,7 @@ packages=(
   xvfb xauth tmux procps chromium
   qt6-svg-dev desktop-file-utils appstream dpkg-dev lintian x11-utils
   apache2 openssl
+  libsodium-dev python3 dbus-daemon
 )
 
 missing=()
