@@ -34,6 +34,7 @@ class TerminalPaneView : public QWidget {
 
   private:
     void refreshStatus();
+    void flashForBell();
     void focusChanged(QWidget* now);
 
     QPointer<TerminalPane> pane_;
