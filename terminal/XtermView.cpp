@@ -110,24 +110,32 @@ for (const type of ['mouseup', 'auxclick']) {
   }, true);
 }
 // Matches of a search in the whole buffer, case-insensitive as the search
-// addon's default, as positions {row, column}; wrapped rows are one line.
+// addon's default, as the cell {row, column} where each starts; wrapped rows
+// are one line, and a character may be wider or narrower than its text.
 function searchMatches(value) {
   const needle = value.toLowerCase();
   const buffer = terminal.buffer.active;
   const matches = [];
   if (!needle) return matches;
+  const cell = buffer.getNullCell();
   let row = 0;
   while (row < buffer.length) {
-    const first = row;
-    let text = buffer.getLine(row)?.translateToString(true) ?? '';
-    row += 1;
-    while (row < buffer.length && buffer.getLine(row)?.isWrapped) {
-      text += buffer.getLine(row).translateToString(true);
+    let text = '';
+    const cells = [];
+    do {
+      const line = buffer.getLine(row);
+      for (let column = 0; column < line.length; column += 1) {
+        line.getCell(column, cell);
+        if (cell.getWidth() === 0) continue;
+        const chars = cell.getChars() || ' ';
+        text += chars;
+        for (let unit = 0; unit < chars.length; unit += 1) cells.push({ row, column });
+      }
       row += 1;
-    }
+    } while (row < buffer.length && buffer.getLine(row).isWrapped);
     const haystack = text.toLowerCase();
     for (let at = haystack.indexOf(needle); at >= 0; at = haystack.indexOf(needle, at + 1)) {
-      matches.push({ row: first + Math.floor(at / terminal.cols), column: at % terminal.cols });
+      if (cells[at]) matches.push(cells[at]);
     }
   }
   return matches;

@@ -167,7 +167,7 @@ describe('writeBase64', () => {
   });
 
   test('search steps through the matches and reports their count', async () => {
-    await write('alpha needle beta\r\nNeedle two\r\nthird needle');
+    await write('alpha needle beta\r\n\u{1F41A}\u{1F41A} Needle two\r\nthird needle');
     const results = async () => (await posts()).filter((post) => post.name === 'searchResults')
       .map((post) => post.body);
     await clearPosts();
