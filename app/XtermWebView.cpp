@@ -173,10 +173,12 @@ XtermWebView::XtermWebView(TerminalController* controller, QWidget* parent)
     view_->setPage(page);
     // A renderer that dies takes the document with it: load it again, and
     // the controller repaints it from its history.
-    connect(page, &QWebEnginePage::renderProcessTerminated, this, [this] {
-        coordinator_->documentWasLost();
-        QTimer::singleShot(0, this, &XtermWebView::loadDocument);
-    });
+    connect(page, &QWebEnginePage::renderProcessTerminated, this,
+            [this](QWebEnginePage::RenderProcessTerminationStatus status) {
+                if (status == QWebEnginePage::NormalTerminationStatus) return;
+                coordinator_->documentWasLost();
+                QTimer::singleShot(0, this, &XtermWebView::loadDocument);
+            });
 
     view_->setContextMenuPolicy(Qt::CustomContextMenu);
     connect(view_, &QWidget::customContextMenuRequested, this, [this](QPoint position) {
@@ -252,6 +254,8 @@ void XtermWebView::setFontSizeForAll(int points) {
 }
 
 XtermWebView::~XtermWebView() {
+    // The page goes after this object's own part: it must not report back.
+    view_->page()->disconnect(this);
     coordinator_->detach();
 }
 

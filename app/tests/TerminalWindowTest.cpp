@@ -101,6 +101,12 @@ TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {
     ASSERT_NE(view, nullptr);
     ASSERT_TRUE(spinUntil([&] { return view->coordinator().isReady(); }, 30s));
 
+    // The window's title follows the title a program gives the selected terminal.
+    type(first, "printf '\\033]2;build-%s\\007' $((3*3))\r");
+    EXPECT_TRUE(spinUntil([&] {
+        return run.window.windowTitle() == "build-9 — Scratch — Harborlattice";
+    })) << run.window.windowTitle().toStdString();
+
     // Copy: the selection goes to the clipboard through the window's key.
     type(first, "echo copy-$((6*7))\r");
     ASSERT_TRUE(screenShows(view, "copy-42"));
