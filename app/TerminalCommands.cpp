@@ -168,6 +168,7 @@ void TerminalCommands::attachFindField() {
     findField_ = window_->findChild<QLineEdit*>(QStringLiteral("control.find"));
     if (!findField_) return;
     findField_->installEventFilter(this);
+    filteredField_ = findField_.data();
     findField_->setMaximumWidth(220);
     matches_ = new QLabel(findField_);
     matches_->setObjectName("control.findMatches");
@@ -182,9 +183,9 @@ void TerminalCommands::attachFindField() {
 }
 
 bool TerminalCommands::eventFilter(QObject* watched, QEvent* event) {
-    if (watched == findField_ && event->type() == QEvent::Resize && matches_->isVisible())
-        showMatches();
-    if (watched != findField_ || event->type() != QEvent::KeyPress) return false;
+    if (watched != filteredField_) return false;
+    if (event->type() == QEvent::Resize && matches_->isVisible()) showMatches();
+    if (event->type() != QEvent::KeyPress) return false;
     auto* key = static_cast<QKeyEvent*>(event);
     if (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter) {
         workspace_->search(key->modifiers().testFlag(Qt::ShiftModifier));

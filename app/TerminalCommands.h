@@ -76,6 +76,9 @@ class TerminalCommands : public QObject {
     std::shared_ptr<Preferences> defaults_;
     QList<QAction*> actions_;
     QPointer<QLineEdit> findField_;
+    // The same field as the object whose events are filtered: compared only,
+    // since events still come while the field is being destroyed.
+    const QObject* filteredField_ = nullptr;
     QPointer<QLabel> matches_;
     QPointer<TerminalTab> watchedTab_;
     QPointer<TerminalController> watchedController_;
