@@ -9,6 +9,7 @@
 #include "CheckForUpdatesButton.h"
 #include "ContentView.h"
 #include "StoredDataPrompts.h"
+#include "TerminalCommands.h"
 
 namespace hl {
 
@@ -37,6 +38,8 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
             ? QKeySequence(QKeySequence::Quit)
             : QKeySequence(QKeyCombination(Qt::ControlModifier | Qt::ShiftModifier, Qt::Key_Q)));
     connect(quit, &QAction::triggered, qApp, &QApplication::quit, Qt::QueuedConnection);
+
+    terminalCommands_ = new TerminalCommands(this, &workspace, app.defaults());
 
     QMenu* terminal = menuBar()->addMenu(QStringLiteral("Terminal"));
     addCommand(terminal, Command::SplitRight, [&workspace] { workspace.split(true); });
@@ -71,8 +74,11 @@ bool MainWindow::eventFilter(QObject* watched, QEvent* event) {
     // Every key for this window stops first at its window handle, before the
     // web engine's objects that would take it for the page.
     const QKeySequence pressed(static_cast<QKeyEvent*>(event)->keyCombination());
-    for (const auto& [command, action] : actions_) {
-        if (action->shortcut() != pressed) continue;
+    QList<QAction*> all = terminalCommands_->actions();
+    for (const auto& [command, action] : actions_)
+        all.append(action);
+    for (QAction* action : all) {
+        if (!action->shortcuts().contains(pressed)) continue;
         if (shortcut) {
             event->ignore();  // not claimed: the window's shortcut may run
         } else {

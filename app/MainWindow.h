@@ -17,6 +17,7 @@ class QAction;
 namespace hl {
 
 class ContentView;
+class TerminalCommands;
 
 class MainWindow : public QMainWindow {
     Q_OBJECT
@@ -27,6 +28,7 @@ class MainWindow : public QMainWindow {
     ContentView* contentView() const { return content_; }
     // The menu entry of a command.
     QAction* action(Command command) const;
+    TerminalCommands* terminalCommands() const { return terminalCommands_; }
 
   protected:
     // Keeps the command keys for the window while a terminal has the keyboard:
@@ -38,6 +40,7 @@ class MainWindow : public QMainWindow {
 
     ContentView* content_;
     std::map<Command, QAction*> actions_;
+    TerminalCommands* terminalCommands_ = nullptr;
 };
 
 }  // namespace hl

@@ -6,6 +6,7 @@
 #include <QHBoxLayout>
 #include <QLabel>
 #include <QPainter>
+#include <QTimer>
 #include <QVBoxLayout>
 
 #include "ElidedLabel.h"
@@ -82,6 +83,7 @@ TerminalPaneView::TerminalPaneView(TerminalPane* pane, std::function<void()> onS
     // The renderer's own widgets take the clicks and keys; the pane hears of
     // them here, before they are delivered.
     qApp->installEventFilter(this);
+    connect(controller_, &TerminalController::bellRang, this, &TerminalPaneView::flashForBell);
     refreshStatus();
     setSelected(false);
 }
@@ -99,6 +101,14 @@ void TerminalPaneView::setSelected(bool selected) {
     palette.setColor(QPalette::Window, background);
     statusLine_->setPalette(palette);
     update();
+}
+
+// The status line turns the bell's colour for a moment.
+void TerminalPaneView::flashForBell() {
+    QPalette palette = statusLine_->palette();
+    palette.setColor(QPalette::Window, QColor(0xff, 0x95, 0x00, 0x90));
+    statusLine_->setPalette(palette);
+    QTimer::singleShot(250, this, [this] { setSelected(selected_); });
 }
 
 void TerminalPaneView::refreshStatus() {

@@ -36,6 +36,7 @@ class TerminalPaneView : public QWidget {
 
   private:
     void refreshStatus();
+    void flashForBell();
 
     QPointer<TerminalPane> pane_;
     QPointer<TerminalController> controller_;

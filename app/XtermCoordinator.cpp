@@ -12,8 +12,9 @@
 
 namespace hl {
 
-const QStringList XtermCoordinator::scriptMessageHandlerNames = {"input", "resize", "openLink",
-                                                                 "ready"};
+const QStringList XtermCoordinator::scriptMessageHandlerNames = {
+    "input", "resize",    "openLink",     "ready", "title",
+    "bell",  "selection", "pastePrimary", "link",  "searchResults"};
 
 const QString XtermCoordinator::assetsUnavailableDocument =
     "<body style='background:#10131a;color:#ff7b72'>Terminal assets unavailable.</body>";
@@ -87,6 +88,22 @@ void XtermCoordinator::terminalDidBecomeReady() {
     if (controller_) requestDeferredStart(controller_.data());
     // A focus asked for while the page was loading takes effect now.
     if (controller_ && controller_->wantsFocus()) focus();
+    if (fontSize_ > 0) setFontSize(fontSize_);
+}
+
+void XtermCoordinator::documentWasLost() {
+    ready_ = false;
+    pending_.clear();
+    selectionText_.clear();
+    hoveredLink_.clear();
+    startRequestedFor_ = nullptr;
+    pendingStartController_ = nullptr;
+    // Rebinding repaints the next document from the controller's history.
+    if (auto* controller = controller_.data()) {
+        if (controller->surface() == this) controller->setSurface(nullptr);
+        controller->setSurface(this);
+        controller->terminalSurfaceDidReload();
+    }
 }
 
 void XtermCoordinator::write(const QString& base64, bool replace) {
@@ -99,9 +116,36 @@ void XtermCoordinator::write(const QString& base64, bool replace) {
 }
 
 // Focus, blur and search are not queued: before "ready" they do nothing.
+// The keyboard is never taken from a field the user is typing in.
 void XtermCoordinator::focus() {
+    if (mayTakeKeyboard && !mayTakeKeyboard()) return;
+    takeKeyboard();
+}
+
+void XtermCoordinator::takeKeyboard() {
     if (onFocus) onFocus();
     if (ready_) evaluate("window.harborlattice.focus()");
+}
+
+void XtermCoordinator::clearSearch() {
+    if (ready_) evaluate("window.harborlattice.clearSearch()");
+}
+
+void XtermCoordinator::paste(const QString& text) {
+    if (ready_ && !text.isEmpty()) evaluate("window.harborlattice.paste(" + json(text) + ")");
+}
+
+void XtermCoordinator::selectAll() {
+    if (ready_) evaluate("window.harborlattice.selectAll()");
+}
+
+void XtermCoordinator::openLink(const QString& text) {
+    if (auto url = safeExternalURL(text)) openExternal(*url);
+}
+
+void XtermCoordinator::setFontSize(int points) {
+    fontSize_ = points;
+    if (ready_) evaluate("window.harborlattice.setFontSize(" + QString::number(points) + ")");
 }
 
 void XtermCoordinator::resignFocus() {
@@ -128,10 +172,28 @@ void XtermCoordinator::didReceiveScriptMessage(const QString& name, const QJsonV
         const auto rows = integerMember(body.toObject(), "rows");
         if (columns && rows && controller_) controller_->terminalSurfaceDidResize(*columns, *rows);
     } else if (name == "openLink") {
-        if (!body.isString()) return;
-        if (auto url = safeExternalURL(body.toString())) openExternal(*url);
+        if (body.isString()) openLink(body.toString());
     } else if (name == "ready") {
         terminalDidBecomeReady();
+    } else if (name == "title") {
+        if (body.isString() && controller_)
+            controller_->terminalSurfaceDidChangeTitle(body.toString());
+    } else if (name == "bell") {
+        if (controller_) controller_->terminalSurfaceDidRingBell();
+    } else if (name == "selection") {
+        if (!body.isString()) return;
+        selectionText_ = body.toString();
+        if (onSelection && !selectionText_.isEmpty()) onSelection(selectionText_);
+    } else if (name == "pastePrimary") {
+        if (onPastePrimary) onPastePrimary();
+    } else if (name == "link") {
+        if (body.isString()) hoveredLink_ = body.toString();
+    } else if (name == "searchResults") {
+        if (!body.isObject()) return;
+        const auto count = integerMember(body.toObject(), "count");
+        const auto index = integerMember(body.toObject(), "index");
+        if (count && index && controller_)
+            controller_->terminalSurfaceDidFindMatches(*count, *index);
     }
 }
 

@@ -33,7 +33,9 @@ class TerminalWebPage : public QObject {
 class XtermCoordinator : public TerminalSurface {
     Q_OBJECT
   public:
-    // The names of the page's message channels, in order.
+    // The names of the page's message channels, in order: the first four are
+    // the terminal's own, the rest serve copy and paste, links, find, titles
+    // and the bell.
     static const QStringList scriptMessageHandlerNames;
     // The document shown in place of the terminal when its assets cannot be found.
     static const QString assetsUnavailableDocument;
@@ -78,6 +80,30 @@ class XtermCoordinator : public TerminalSurface {
     void focus() override;
     void resignFocus() override;
     void search(const QString& text, bool backwards) override;
+    void clearSearch() override;
+
+    // Gives the terminal the keyboard even when another field has it: the
+    // user asked for it by name.
+    void takeKeyboard();
+    // Copy and paste with the host's clipboard.
+    const QString& selectionText() const { return selectionText_; }
+    void paste(const QString& text);
+    void selectAll();
+    // The link under the pointer, empty when there is none.
+    const QString& hoveredLink() const { return hoveredLink_; }
+    // Opens a link after the same check as a clicked one.
+    void openLink(const QString& text);
+    // Applies now and to every later document of this coordinator.
+    void setFontSize(int points);
+    // The document is gone (its renderer died): forget it until the next "ready".
+    void documentWasLost();
+
+    // Whether the terminal may take the keyboard now; empty means always.
+    std::function<bool()> mayTakeKeyboard;
+    // The selection changed; the host offers it as the primary selection.
+    std::function<void(const QString&)> onSelection;
+    // A middle click asks for the primary selection to be pasted.
+    std::function<void()> onPastePrimary;
 
   private:
     void write(const QString& base64, bool replace);
@@ -92,6 +118,9 @@ class XtermCoordinator : public TerminalSurface {
     QPointer<TerminalController> startRequestedFor_;
     QPointer<TerminalController> pendingStartController_;
     bool startIsScheduled_ = false;
+    QString selectionText_;
+    QString hoveredLink_;
+    int fontSize_ = 0;
 };
 
 }  // namespace hl

@@ -2,10 +2,18 @@
 // navigation policy.
 #include "XtermWebView.h"
 
-#include <QCoreApplication>
+#include <QAbstractSpinBox>
+#include <QApplication>
+#include <QClipboard>
+#include <QComboBox>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QLineEdit>
+#include <QMenu>
+#include <QPlainTextEdit>
+#include <QTextEdit>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <QWebChannel>
 #include <QWebEnginePage>
@@ -50,7 +58,27 @@ class DocumentOnlyPage : public QWebEnginePage {
                (type == NavigationTypeTyped || type == NavigationTypeOther);
     }
     QWebEnginePage* createWindow(WebWindowType) override { return nullptr; }
+    // The page never shows a dialog of its own.
+    void javaScriptAlert(const QUrl&, const QString&) override {}
+    bool javaScriptConfirm(const QUrl&, const QString&) override { return false; }
+    bool javaScriptPrompt(const QUrl&, const QString&, const QString&, QString*) override {
+        return false;
+    }
 };
+
+int currentFontSize = XtermWebView::defaultFontSize;
+
+// True when the keyboard is in a field the user types in, outside every terminal.
+bool anotherFieldHasKeyboard() {
+    QWidget* focus = QApplication::focusWidget();
+    if (!focus) return false;
+    for (QWidget* each = focus; each; each = each->parentWidget()) {
+        if (qobject_cast<XtermWebView*>(each)) return false;
+    }
+    return qobject_cast<QLineEdit*>(focus) || qobject_cast<QTextEdit*>(focus) ||
+           qobject_cast<QPlainTextEdit*>(focus) || qobject_cast<QAbstractSpinBox*>(focus) ||
+           qobject_cast<QComboBox*>(focus);
+}
 
 // The coordinator's view of the page.
 class EnginePage : public TerminalWebPage {
@@ -66,7 +94,7 @@ class EnginePage : public TerminalWebPage {
 
 // One profile for every terminal, kept in memory only.
 QWebEngineProfile* terminalProfile() {
-    static QWebEngineProfile* profile = new QWebEngineProfile(QCoreApplication::instance());
+    static QWebEngineProfile* profile = new QWebEngineProfile(QApplication::instance());
     return profile;
 }
 
@@ -88,7 +116,8 @@ QString messageHandlerBridgeScript() {
     if (bridge) { send(name, body); } else { queue.push([name, body]); }
   }
   var handlers = {};
-  ["input", "resize", "openLink", "ready"].forEach(function (name) {
+  ["input", "resize", "openLink", "ready", "title", "bell", "selection", "pastePrimary", "link",
+   "searchResults"].forEach(function (name) {
     handlers[name] = { postMessage: function (body) { post(name, body); } };
   });
   window.webkit = { messageHandlers: handlers };
@@ -142,14 +171,91 @@ XtermWebView::XtermWebView(TerminalController* controller, QWidget* parent)
     channel->registerObject("harborlatticeBridge", new ScriptBridge(coordinator_, channel));
     page->setWebChannel(channel);
     view_->setPage(page);
+    // A renderer that dies takes the document with it: load it again, and
+    // the controller repaints it from its history.
+    connect(page, &QWebEnginePage::renderProcessTerminated, this,
+            [this](QWebEnginePage::RenderProcessTerminationStatus status) {
+                if (status == QWebEnginePage::NormalTerminationStatus) return;
+                coordinator_->documentWasLost();
+                QTimer::singleShot(0, this, &XtermWebView::loadDocument);
+            });
+
+    view_->setContextMenuPolicy(Qt::CustomContextMenu);
+    connect(view_, &QWidget::customContextMenuRequested, this, [this](QPoint position) {
+        QMenu* menu = contextMenu(position);
+        menu->setAttribute(Qt::WA_DeleteOnClose);
+        menu->popup(view_->mapToGlobal(position));
+    });
 
     coordinator_->setWebPage(new EnginePage(page, this));
     coordinator_->onFocus = [this] { view_->setFocus(Qt::OtherFocusReason); };
+    coordinator_->mayTakeKeyboard = [] { return !anotherFieldHasKeyboard(); };
+    coordinator_->onSelection = [](const QString& text) {
+        QClipboard* clipboard = QGuiApplication::clipboard();
+        if (clipboard->supportsSelection()) clipboard->setText(text, QClipboard::Selection);
+    };
+    coordinator_->onPastePrimary = [this] {
+        QClipboard* clipboard = QGuiApplication::clipboard();
+        if (clipboard->supportsSelection())
+            coordinator_->paste(clipboard->text(QClipboard::Selection));
+    };
+    if (currentFontSize != defaultFontSize) coordinator_->setFontSize(currentFontSize);
     coordinator_->bind(controller);
-    page->setHtml(document(), QUrl());
+    loadDocument();
+}
+
+void XtermWebView::loadDocument() {
+    view_->page()->setHtml(document(), QUrl());
+}
+
+bool XtermWebView::copySelection() {
+    const QString& text = coordinator_->selectionText();
+    if (text.isEmpty()) return false;
+    QGuiApplication::clipboard()->setText(text, QClipboard::Clipboard);
+    return true;
+}
+
+void XtermWebView::pasteClipboard() {
+    coordinator_->paste(QGuiApplication::clipboard()->text(QClipboard::Clipboard));
+}
+
+QMenu* XtermWebView::contextMenu(QPoint) {
+    auto* menu = new QMenu(this);
+    menu->setObjectName("terminal.menu");
+    QAction* copy = menu->addAction(QStringLiteral("Copy"), this, [this] { copySelection(); });
+    copy->setEnabled(!coordinator_->selectionText().isEmpty());
+    menu->addAction(QStringLiteral("Paste"), this, [this] { pasteClipboard(); });
+    menu->addAction(QStringLiteral("Select All"), this, [this] { coordinator_->selectAll(); });
+    menu->addSeparator();
+    menu->addAction(QStringLiteral("Find…"), this, [this] {
+        // The window's own Find command, which knows where the field is.
+        if (auto* find = window()->findChild<QAction*>(QStringLiteral("edit.find")))
+            find->trigger();
+    });
+    const QString link = coordinator_->hoveredLink();
+    if (!link.isEmpty() && XtermCoordinator::safeExternalURL(link)) {
+        menu->addSeparator();
+        menu->addAction(QStringLiteral("Open Link"), this,
+                        [this, link] { coordinator_->openLink(link); });
+    }
+    return menu;
+}
+
+int XtermWebView::fontSize() {
+    return currentFontSize;
+}
+
+void XtermWebView::setFontSizeForAll(int points) {
+    currentFontSize = points;
+    for (QWidget* widget : QApplication::allWidgets()) {
+        if (auto* view = qobject_cast<XtermWebView*>(widget))
+            view->coordinator().setFontSize(points);
+    }
 }
 
 XtermWebView::~XtermWebView() {
+    // The page goes after this object's own part: it must not report back.
+    view_->page()->disconnect(this);
     coordinator_->detach();
 }
 

@@ -10,6 +10,7 @@
 
 #include "XtermCoordinator.h"
 
+class QMenu;
 class QWebEngineView;
 
 namespace hl {
@@ -28,7 +29,21 @@ class XtermWebView : public QWidget {
     // The composed document, or the one-line page shown when assets are missing.
     static QString document();
 
+    // Puts the selection on the clipboard; false when nothing is selected.
+    bool copySelection();
+    // Pastes the clipboard's text as if typed.
+    void pasteClipboard();
+    // The menu shown for a right click at `position` (in this view's coordinates).
+    QMenu* contextMenu(QPoint position);
+
+    // The font size of every terminal, in points.
+    static int fontSize();
+    static void setFontSizeForAll(int points);
+    static constexpr int defaultFontSize = 13;
+
   private:
+    void loadDocument();
+
     QWebEngineView* view_;
     XtermCoordinator* coordinator_;
 };

@@ -13,6 +13,7 @@ packages=(
   qt6-svg-dev desktop-file-utils appstream dpkg-dev lintian x11-utils
   apache2 openssl
   libsodium-dev python3 dbus-daemon
+  fonts-noto-color-emoji fonts-dejavu-core
 )
 
 missing=()

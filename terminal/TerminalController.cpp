@@ -100,10 +100,12 @@ void TerminalController::start() {
         setStatus(text(isReplacementSession_ ? "Reconnecting replacement…" : "Reconnecting…"));
     }
     ++startsInFlight_;
+    const auto size = lastSize_.value_or(std::pair{120, 36});
     try {
         runDetached([self = QPointer<TerminalController>(this), client = client_,
-                     cwd = requestedCwd_, candidate, allowReconnect = allowReconnect_, mayCreate] {
-            auto outcome = attach(*client, cwd, candidate, allowReconnect, mayCreate);
+                     cwd = requestedCwd_, candidate, allowReconnect = allowReconnect_, mayCreate,
+                     size] {
+            auto outcome = attach(*client, cwd, candidate, allowReconnect, mayCreate, size);
             postToMainThread([self, outcome = std::move(outcome), candidate, mayCreate] {
                 if (!self) return;
                 self->finish(outcome, candidate, mayCreate);
@@ -126,7 +128,8 @@ void TerminalController::start() {
 
 TerminalController::AttachOutcome TerminalController::attach(
     const NodeClientTransport& client, const std::string& cwd,
-    const std::optional<std::string>& candidate, bool allowReconnect, bool mayCreate) {
+    const std::optional<std::string>& candidate, bool allowReconnect, bool mayCreate,
+    std::pair<int, int> size) {
     using Kind = AttachOutcome::Kind;
     AttachOutcome outcome;
     try {
@@ -155,8 +158,9 @@ TerminalController::AttachOutcome TerminalController::attach(
         }
         if (!mayCreate) return {Kind::SavedSessionUnavailable, {}, false, {}};
         const auto created =
-            client.request("create_session",
-                           {{"cwd", cwd}, {"cols", std::int64_t{120}}, {"rows", std::int64_t{36}}});
+            client.request("create_session", {{"cwd", cwd},
+                                              {"cols", std::int64_t{size.first}},
+                                              {"rows", std::int64_t{size.second}}});
         const auto id = created["session_id"].stringValue();
         if (!id) throw NodeClientError::invalidResponse();
         outcome.kind = Kind::Attached;
@@ -224,7 +228,14 @@ bool TerminalController::attachResult(const std::string& id, bool exited,
     }
     setStatus(text(next));
     isStartingReplacement_ = false;
-    if (output && !output->empty()) receiveReplay(*output);
+    if (output && !output->empty()) {
+        receiveReplay(*output);
+    } else if (!reattached && rendererHistoryBytes_ > 0) {
+        // A new shell below what the lost one left on screen.
+        receive(base64::encode(replacementSeparator));
+    }
+    // The session learns the renderer's size even if it changed during the start.
+    if (!exited && lastSize_) terminalSurfaceDidResize(lastSize_->first, lastSize_->second);
     if (!exited) startPolling();
     if (onSessionReady) onSessionReady(id);
     return true;
@@ -367,6 +378,7 @@ void TerminalController::terminalSurfaceDidReceiveInput(const QString& input) {
 }
 
 void TerminalController::terminalSurfaceDidResize(int columns, int rows) {
+    lastSize_ = std::pair{columns, rows};
     if (!sessionID_) return;
     inputQueue_.enqueue([client = client_, id = *sessionID_, columns, rows] {
         try {
@@ -377,6 +389,33 @@ void TerminalController::terminalSurfaceDidResize(int columns, int rows) {
         }
     });
 }
+
+void TerminalController::terminalSurfaceDidChangeTitle(const QString& title) {
+    if (title_ == title) return;
+    title_ = title;
+    emit titleChanged();
+}
+
+void TerminalController::terminalSurfaceDidRingBell() {
+    emit bellRang();
+}
+
+void TerminalController::terminalSurfaceDidFindMatches(int count, int index) {
+    searchMatchCount_ = count;
+    searchMatchIndex_ = index;
+    emit searchMatchesChanged();
+}
+
+void TerminalController::terminalSurfaceDidReload() {
+    setStatus(text("Terminal display crashed · repainted from history"));
+}
+
+// Leaves the alternate screen and every mode a full-screen program may have
+// set, then draws a dim rule, so a replacement shell starts on a clean line
+// below the old screen instead of over it.
+const std::string TerminalController::replacementSeparator =
+    "\x1b[?1047l\x1b[?1000l\x1b[?1002l\x1b[?1003l\x1b[?1006l\x1b[?1004l\x1b[?2004l"
+    "\x1b[?25h\x1b[<99u\x1b[0m\r\n\x1b[2m\u2500\u2500 new session \u2500\u2500\x1b[0m\r\n";
 
 // Polls one session until the token is cancelled, the node fails or the shell
 // exits. Holds the controller only weakly: every delivery re-checks it on the

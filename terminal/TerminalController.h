@@ -21,6 +21,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "NodeClient.h"
@@ -54,6 +55,8 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     Q_PROPERTY(bool isConnected READ isConnected NOTIFY isConnectedChanged)
     Q_PROPERTY(
         bool isReplacementSession READ isReplacementSession NOTIFY isReplacementSessionChanged)
+    // The title a program gave the terminal; empty when none.
+    Q_PROPERTY(QString title READ title NOTIFY titleChanged)
 
   public:
     static constexpr std::int64_t maximumHistoryBytes = 4194304;
@@ -78,6 +81,10 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     QString sessionIDText() const;
     bool isConnected() const { return isConnected_; }
     bool isReplacementSession() const { return isReplacementSession_; }
+    QString title() const { return title_; }
+    // The last search's matches and the selected one (-1 when none is).
+    int searchMatchCount() const { return searchMatchCount_; }
+    int searchMatchIndex() const { return searchMatchIndex_; }
 
     const std::string& requestedCwd() const { return requestedCwd_; }
     const std::optional<std::string>& reconnectCandidate() const { return reconnectCandidate_; }
@@ -113,6 +120,13 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
 
     void terminalSurfaceDidReceiveInput(const QString& text) override;
     void terminalSurfaceDidResize(int columns, int rows) override;
+    void terminalSurfaceDidChangeTitle(const QString& title) override;
+    void terminalSurfaceDidRingBell() override;
+    void terminalSurfaceDidFindMatches(int count, int index) override;
+    void terminalSurfaceDidReload() override;
+
+    // The bytes written between an old session's screen and a replacement's output.
+    static const std::string replacementSeparator;
 
     // Output path, on the main thread.
     // Starts a poll loop for the attached session, replacing any running one.
@@ -135,6 +149,9 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     void sessionIDChanged();
     void isConnectedChanged();
     void isReplacementSessionChanged();
+    void titleChanged();
+    void bellRang();
+    void searchMatchesChanged();
 
   private:
     struct AttachOutcome;
@@ -144,9 +161,10 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     };
 
     // The blocking part of a start, on a detached thread.
+    // A new session gets `size` (columns, rows), the renderer's when known.
     static AttachOutcome attach(const NodeClientTransport& client, const std::string& cwd,
                                 const std::optional<std::string>& candidate, bool allowReconnect,
-                                bool mayCreate);
+                                bool mayCreate, std::pair<int, int> size);
     // The poll loop of one session, on a thread of its own.
     static void pollLoop(QPointer<TerminalController> controller,
                          std::shared_ptr<const NodeClientTransport> client, std::string sessionID,
@@ -185,6 +203,11 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     std::optional<std::string> sessionID_;
     bool isConnected_ = false;
     bool isReplacementSession_;
+    QString title_;
+    int searchMatchCount_ = 0;
+    int searchMatchIndex_ = -1;
+    // The renderer's last reported size, columns and rows.
+    std::optional<std::pair<int, int>> lastSize_;
 
     QPointer<TerminalSurface> surface_;
     std::optional<std::string> reconnectCandidate_;

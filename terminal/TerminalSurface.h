@@ -26,6 +26,8 @@ class TerminalSurface : public QObject {
     virtual void resignFocus() = 0;
     // Finds the next match of `text`, or the previous one with `backwards`.
     virtual void search(const QString& text, bool backwards) = 0;
+    // Removes the highlight of the last search.
+    virtual void clearSearch() {}
 };
 
 class TerminalSurfaceDelegate {
@@ -36,6 +38,17 @@ class TerminalSurfaceDelegate {
     virtual void terminalSurfaceDidReceiveInput(const QString& text) = 0;
     // The renderer now has this many columns and rows.
     virtual void terminalSurfaceDidResize(int columns, int rows) = 0;
+    // A program set the terminal's title (OSC 0 or 2).
+    virtual void terminalSurfaceDidChangeTitle(const QString& title) { (void)title; }
+    // A program rang the bell in live output.
+    virtual void terminalSurfaceDidRingBell() {}
+    // The last search found `count` matches; `index` is the selected one, or -1.
+    virtual void terminalSurfaceDidFindMatches(int count, int index) {
+        (void)count;
+        (void)index;
+    }
+    // The renderer was lost and has been rebuilt from the history.
+    virtual void terminalSurfaceDidReload() {}
 };
 
 }  // namespace hl

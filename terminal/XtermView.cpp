@@ -22,23 +22,134 @@ constexpr std::string_view terminalCreation = R"js(const terminal = new Terminal
   cursorBlink: true,
   allowProposedApi: false,
   scrollback: 10000,
-  fontFamily: 'SFMono-Regular, Menlo, monospace',
+  fontFamily: "SFMono-Regular, Menlo, 'DejaVu Sans Mono', monospace, 'Noto Color Emoji'",
   fontSize: 13,
   macOptionIsMeta: )js";
 
 constexpr std::string_view addonsAndMessages = R"js(
+const host = window.webkit.messageHandlers;
+// Output written as history or a replay is shown, never answered: the answers
+// to the queries in it (device attributes, cursor position, colours) would
+// reach the shell as keystrokes. What the user does meanwhile still counts.
+let replayWritesInFlight = 0;
+let hostIsPasting = false;
+let compositionEndedAt = -Infinity;
+function isUserAct() {
+  return hostIsPasting || window.event !== undefined ||
+    performance.now() - compositionEndedAt < 100;
+}
+let hoveredLink = '';
+function hoverLink(uri) {
+  if (hoveredLink === uri) return;
+  hoveredLink = uri;
+  host.link.postMessage(uri);
+}
+const linkCallbacks = {
+  hover: (event, uri) => hoverLink(uri),
+  leave: () => hoverLink(''),
+};
 const fitAddon = new FitAddon.FitAddon();
 const searchAddon = new SearchAddon.SearchAddon();
 terminal.loadAddon(fitAddon);
 terminal.loadAddon(searchAddon);
 terminal.loadAddon(new WebLinksAddon.WebLinksAddon((event, uri) => {
-  window.webkit.messageHandlers.openLink.postMessage(uri);
-}));
+  host.openLink.postMessage(uri);
+}, linkCallbacks));
+// Links a program embeds in its output (OSC 8) leave the same way as plain ones.
+terminal.options.linkHandler = {
+  activate: (event, uri) => host.openLink.postMessage(uri),
+  ...linkCallbacks,
+};
+window.alert = () => {};
+window.confirm = () => false;
+window.prompt = () => null;
 terminal.open(document.getElementById('terminal'));
 if (terminal.element) terminal.element.setAttribute('aria-label', 'Terminal output');
 if (terminal.textarea) terminal.textarea.setAttribute('aria-label', 'Terminal input');
-terminal.onData(data => window.webkit.messageHandlers.input.postMessage(data));
-terminal.onResize(size => window.webkit.messageHandlers.resize.postMessage(size));
+terminal.textarea?.addEventListener('compositionend', () => {
+  compositionEndedAt = performance.now();
+}, true);
+terminal.onData(data => {
+  if (replayWritesInFlight > 0 && !isUserAct()) return;
+  host.input.postMessage(data);
+});
+terminal.onResize(size => host.resize.postMessage(size));
+terminal.onTitleChange(title => host.title.postMessage(title));
+terminal.onBell(() => {
+  if (replayWritesInFlight === 0) host.bell.postMessage('');
+});
+// The selection is offered to the host, which holds it as the primary selection.
+let selectionIsScheduled = false;
+let offeredSelection = '';
+terminal.onSelectionChange(() => {
+  if (selectionIsScheduled) return;
+  selectionIsScheduled = true;
+  setTimeout(() => {
+    selectionIsScheduled = false;
+    const selection = terminal.getSelection();
+    if (selection === offeredSelection) return;
+    offeredSelection = selection;
+    host.selection.postMessage(selection);
+  }, 0);
+});
+// A middle click pastes the primary selection, unless a program follows the
+// mouse (then Shift+middle click does).
+terminal.element?.addEventListener('mousedown', event => {
+  if (event.button !== 1) return;
+  if (terminal.modes.mouseTrackingMode !== 'none' && !event.shiftKey) return;
+  event.preventDefault();
+  event.stopPropagation();
+  host.pastePrimary.postMessage('');
+}, true);
+for (const type of ['mouseup', 'auxclick']) {
+  terminal.element?.addEventListener(type, event => {
+    if (event.button !== 1) return;
+    if (terminal.modes.mouseTrackingMode !== 'none' && !event.shiftKey) return;
+    event.preventDefault();
+    event.stopPropagation();
+  }, true);
+}
+// Matches of a search in the whole buffer, case-insensitive as the search
+// addon's default, as the cell {row, column} where each starts; wrapped rows
+// are one line, and a character may be wider or narrower than its text.
+function searchMatches(value) {
+  const needle = value.toLowerCase();
+  const buffer = terminal.buffer.active;
+  const matches = [];
+  if (!needle) return matches;
+  const cell = buffer.getNullCell();
+  let row = 0;
+  while (row < buffer.length) {
+    let text = '';
+    const cells = [];
+    do {
+      const line = buffer.getLine(row);
+      for (let column = 0; column < line.length; column += 1) {
+        line.getCell(column, cell);
+        if (cell.getWidth() === 0) continue;
+        const chars = cell.getChars() || ' ';
+        text += chars;
+        for (let unit = 0; unit < chars.length; unit += 1) cells.push({ row, column });
+      }
+      row += 1;
+    } while (row < buffer.length && buffer.getLine(row).isWrapped);
+    const haystack = text.toLowerCase();
+    for (let at = haystack.indexOf(needle); at >= 0; at = haystack.indexOf(needle, at + 1)) {
+      if (cells[at]) matches.push(cells[at]);
+    }
+  }
+  return matches;
+}
+function reportSearch(value) {
+  const matches = searchMatches(value);
+  const selected = terminal.getSelectionPosition();
+  let index = -1;
+  if (selected) {
+    index = matches.findIndex(match =>
+      match.row === selected.start.y && match.column === selected.start.x);
+  }
+  host.searchResults.postMessage({ count: matches.length, index });
+}
 )js";
 
 constexpr std::string_view bridge = R"js(const kittyDisambiguateEscapeCodes = 1;
@@ -110,8 +221,13 @@ fitAddon.fit();
 window.harborlattice = {
   writeBase64(value, replace) {
     const bytes = Uint8Array.from(atob(value), character => character.charCodeAt(0));
-    if (replace) resetTerminalForReplay();
-    terminal.write(bytes);
+    if (!replace) {
+      terminal.write(bytes);
+      return;
+    }
+    resetTerminalForReplay();
+    replayWritesInFlight += 1;
+    terminal.write(bytes, () => { replayWritesInFlight -= 1; });
   },
   focus() {
     terminal.focus();
@@ -120,7 +236,30 @@ window.harborlattice = {
     terminal.blur();
   },
   search(value, backwards) {
-    return backwards ? searchAddon.findPrevious(value) : searchAddon.findNext(value);
+    const found = backwards ? searchAddon.findPrevious(value) : searchAddon.findNext(value);
+    reportSearch(value);
+    return found;
+  },
+  clearSearch() {
+    searchAddon.clearDecorations();
+    terminal.clearSelection();
+  },
+  // Text from the host's clipboard, as if typed, in brackets when the program asked.
+  paste(text) {
+    hostIsPasting = true;
+    try {
+      terminal.paste(text);
+    } finally {
+      hostIsPasting = false;
+    }
+  },
+  selectAll() {
+    terminal.selectAll();
+  },
+  setFontSize(size) {
+    if (terminal.options.fontSize === size) return;
+    terminal.options.fontSize = size;
+    fitAddon.fit();
   },
 };
 window.webkit.messageHandlers.ready.postMessage('');

@@ -1,7 +1,10 @@
 // The terminal document: one HTML text with xterm.js, its addons, its style
 // sheet and this system's script inline, so the web view loads nothing else.
-// The script defines `window.harborlattice` (writeBase64, focus, blur, search)
-// for the host and posts "input", "resize", "openLink" and "ready" to it.
+// The script defines `window.harborlattice` (writeBase64, focus, blur, search,
+// clearSearch, paste, selectAll, setFontSize) for the host and posts "input",
+// "resize", "openLink" and "ready" to it, and besides them "title", "bell",
+// "selection", "pastePrimary", "link" (the link under the pointer) and
+// "searchResults". Output written as history or a replay is never answered.
 #pragma once
 
 #include <array>

@@ -476,17 +476,33 @@ TEST_F(ControllerTest, InputIsDroppedBeforeASessionAndSentInOrderAfter) {
         c.terminalSurfaceDidReceiveInput(ch);
     c.terminalSurfaceDidResize(100, 30);
     // Input and resizes share one ordered queue: once the last has arrived, so has all before.
-    ASSERT_TRUE(spinUntil([&] { return node->count("resize") >= 1; }));
-    EXPECT_EQ(node->count("resize"), 1);
+    // The size reported during the start reached the session as soon as it was there.
+    ASSERT_TRUE(spinUntil([&] { return node->count("resize") >= 2; }));
+    EXPECT_EQ(node->count("resize"), 2);
     std::string received;
     for (const auto& request : node->requests("input")) {
         EXPECT_EQ(textOf(request, "session_id"), "new1");
         received += hl::test::unb64(textOf(request, "input_base64"));
     }
     EXPECT_EQ(received, typed);
-    const auto resize = node->requests("resize").at(0);
+    const auto early = node->requests("resize").at(0);
+    EXPECT_EQ(hl::test::numberOf(early, "cols"), 80);
+    EXPECT_EQ(hl::test::numberOf(early, "rows"), 24);
+    const auto resize = node->requests("resize").at(1);
     EXPECT_EQ(hl::test::numberOf(resize, "cols"), 100);
     EXPECT_EQ(hl::test::numberOf(resize, "rows"), 30);
+}
+
+TEST_F(ControllerTest, ANewSessionStartsAtTheSizeTheRendererReported) {
+    createGives("new1");
+    auto& c = make({});
+    c.terminalSurfaceDidResize(91, 27);
+    c.start();
+    ASSERT_TRUE(reaches("Connected"));
+    const auto creates = node->requests("create_session");
+    ASSERT_EQ(creates.size(), 1u);
+    EXPECT_EQ(hl::test::numberOf(creates[0], "cols"), 91);
+    EXPECT_EQ(hl::test::numberOf(creates[0], "rows"), 27);
 }
 
 TEST_F(ControllerTest, InputWakesAnIdlePollLoop) {

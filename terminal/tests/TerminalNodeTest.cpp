@@ -127,6 +127,8 @@ TEST_F(RealNodeTest, NodeStartedAgainAfterItDiedGetsAValidatedReplacement) {
     c.start();
     ASSERT_TRUE(spinUntil([&] { return c.status() == "Connected"; }));
     const auto lost = *c.sessionID();
+    type(c, "echo before-$((1+1))\r");
+    ASSERT_TRUE(shows(surface, "before-2")) << surface.shown;
 
     node.kill();
     ASSERT_TRUE(spinUntil(
@@ -142,8 +144,12 @@ TEST_F(RealNodeTest, NodeStartedAgainAfterItDiedGetsAValidatedReplacement) {
     EXPECT_NE(ready[1], lost);
     EXPECT_EQ(c.sessionID(), ready[1]);
 
+    // The new shell's output starts below a rule, not over the old screen.
+    const auto rule = surface.shown.find("\u2500\u2500 new session \u2500\u2500");
+    ASSERT_NE(rule, std::string::npos) << surface.shown;
     type(c, "echo $((6*7))\r");
     EXPECT_TRUE(shows(surface, "42")) << surface.shown;
+    EXPECT_GT(surface.shown.rfind("42"), rule);
     c.close();
     // The supervisor's check reads the environment: it must be over before it changes back.
     EXPECT_TRUE(spinUntil([] { return !hl::NodeSupervisor::shared().launchInFlight(); }));

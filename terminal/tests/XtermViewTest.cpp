@@ -61,10 +61,12 @@ TEST(XtermViewTest, TheThemeListsItsFourMembersThenThePaletteInOrder) {
 TEST(XtermViewTest, TheScriptRunsItsStepsInOrderAndPostsReadyLast) {
     const std::string script = XtermView::documentScript();
     const auto options = positionsInOrder(
-        script, {"new Terminal({", "cursorBlink: true,", "allowProposedApi: false,",
-                 "scrollback: 10000,", "fontFamily: 'SFMono-Regular, Menlo, monospace',",
-                 "fontSize: 13,", "macOptionIsMeta: true,", "screenReaderMode: false,",
-                 "theme: " + hl::XtermConfiguration::theme(), "});"});
+        script,
+        {"new Terminal({", "cursorBlink: true,", "allowProposedApi: false,", "scrollback: 10000,",
+         "fontFamily: \"SFMono-Regular, Menlo, 'DejaVu Sans Mono', monospace, 'Noto Color "
+         "Emoji'\",",
+         "fontSize: 13,", "macOptionIsMeta: true,", "screenReaderMode: false,",
+         "theme: " + hl::XtermConfiguration::theme(), "});"});
     EXPECT_EQ(std::count(options.begin(), options.end(), std::string::npos), 0) << script;
 
     const auto steps = positionsInOrder(

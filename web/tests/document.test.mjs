@@ -15,6 +15,9 @@ const shiftEnter = `${ESC}[13;2u`;
 const shiftEnterRepeat = `${ESC}[13;2:2u`;
 const shiftEnterRelease = `${ESC}[13;2:3u`;
 
+const queries = `${ESC}[c${ESC}[>c${ESC}[6n${ESC}[?6n${ESC}[5n${ESC}]11;?\x07${ESC}]10;?\x07` +
+  `${ESC}[?2004$p${ESC}P$qm${ESC}\\`;
+
 // The packaged copy only: a source checkout must not stand in for it.
 function composedDocument() {
   assert.ok(dumpPath, 'TERMINAL_DOCUMENT_DUMP names the terminal_document_dump executable');
@@ -29,7 +32,8 @@ function recordPosts() {
   const posts = [];
   window.recordedPosts = posts;
   window.webkit = { messageHandlers: {} };
-  for (const name of ['input', 'resize', 'openLink', 'ready']) {
+  for (const name of ['input', 'resize', 'openLink', 'ready', 'title', 'bell', 'selection',
+    'pastePrimary', 'link', 'searchResults']) {
     window.webkit.messageHandlers[name] = {
       postMessage(body) {
         const post = { name, body: structuredClone(body) };
@@ -55,6 +59,7 @@ let context;
 let page;
 let requests;
 let pageErrors;
+let dialogs;
 
 before(async () => {
   documentUrl = `data:text/html;charset=utf-8;base64,${composedDocument().toString('base64')}`;
@@ -74,6 +79,11 @@ beforeEach(async () => {
   page = await context.newPage();
   requests = [];
   pageErrors = [];
+  dialogs = [];
+  page.on('dialog', async (dialog) => {
+    dialogs.push(dialog.message());
+    await dialog.dismiss();
+  });
   page.on('request', (request) => requests.push(request.url()));
   page.on('pageerror', (error) => pageErrors.push(error.message));
   await page.addInitScript(recordPosts);
@@ -83,6 +93,8 @@ beforeEach(async () => {
 
 afterEach(async () => {
   await context.close();
+  // The page never shows a dialog, whatever its content asks for.
+  assert.deepEqual(dialogs, []);
 });
 
 const posts = () => page.evaluate(() => window.recordedPosts);
@@ -154,11 +166,64 @@ describe('writeBase64', () => {
     assert.equal(await line(1), '');
   });
 
-  test('search finds forwards and backwards through the search addon', async () => {
-    await write('alpha needle beta');
+  test('search steps through the matches and reports their count', async () => {
+    await write('alpha needle beta\r\n\u{1F41A}\u{1F41A} Needle two\r\nthird needle');
+    const results = async () => (await posts()).filter((post) => post.name === 'searchResults')
+      .map((post) => post.body);
+    await clearPosts();
+    assert.equal(await page.evaluate(() => window.harborlattice.search('needle', false)), true);
     assert.equal(await page.evaluate(() => window.harborlattice.search('needle', false)), true);
     assert.equal(await page.evaluate(() => window.harborlattice.search('needle', true)), true);
     assert.equal(await page.evaluate(() => window.harborlattice.search('absent', false)), false);
+    const reported = await results();
+    assert.equal(reported.length, 4);
+    assert.deepEqual(reported.map((result) => result.count), [3, 3, 3, 0]);
+    const [first, second, back] = reported.map((result) => result.index);
+    assert.ok(first >= 0 && second === (first + 1) % 3 && back === first, JSON.stringify(reported));
+    assert.equal(reported[3].index, -1);
+    await page.evaluate(() => window.harborlattice.clearSearch());
+    assert.equal(await page.evaluate(() => terminal.hasSelection()), false);
+  });
+});
+
+describe('replays', () => {
+  test('queries in history are answered only when they arrive live', async () => {
+    await clearPosts();
+    await write(`prompt$ ${queries}top${ESC}[?1049h${queries}`, true);
+    await page.waitForTimeout(300);
+    assert.deepEqual(await inputs(), []);
+    // The same queries in live output are answered, as a program expects.
+    await write(`${ESC}[c`);
+    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'input'));
+    assert.match((await inputs()).join(''), /^\x1b\[\?[0-9;]+c$/);
+  });
+
+  test('what the user types while a long replay is written reaches the shell', async () => {
+    await clearPosts();
+    const line = `${'x'.repeat(70)}${ESC}[6n${ESC}[c\r\n`;
+    const history = Buffer.from(line.repeat(20000), 'utf8').toString('base64');
+    // Typed text arrives as an input event of the terminal's text area, here
+    // while the replay is certainly still being parsed.
+    const inFlight = await page.evaluate((history) => {
+      window.harborlattice.writeBase64(history, true);
+      const during = replayWritesInFlight;
+      terminal.textarea.dispatchEvent(new InputEvent('input', { data: 'k', inputType: 'insertText' }));
+      return during;
+    }, history);
+    await page.waitForFunction(() => replayWritesInFlight === 0, null, { timeout: 60000 });
+    assert.equal(inFlight, 1);
+    assert.deepEqual(await inputs(), ['k']);
+  });
+
+  test('a paste from the host while a replay is written reaches the shell', async () => {
+    await clearPosts();
+    const history = Buffer.from(`${queries}\r\n`.repeat(20000), 'utf8').toString('base64');
+    await page.evaluate((history) => {
+      window.harborlattice.writeBase64(history, true);
+      window.harborlattice.paste('pasted');
+    }, history);
+    await page.waitForFunction(() => replayWritesInFlight === 0, null, { timeout: 60000 });
+    assert.deepEqual(await inputs(), ['pasted']);
   });
 });
 
@@ -253,6 +318,47 @@ describe('Shift+Enter', () => {
   });
 });
 
+describe('terminal events', () => {
+  test('titles, the bell of live output, and the selection reach the host', async () => {
+    await clearPosts();
+    await write(`${ESC}]2;build log\x07\x07`, true);
+    await write(`${ESC}]0;vim notes.txt\x07\x07`);
+    await page.evaluate(() => window.harborlattice.selectAll());
+    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'selection'));
+    const all = await posts();
+    assert.deepEqual(all.filter((post) => post.name === 'title').map((post) => post.body),
+      ['build log', 'vim notes.txt']);
+    // The bell in the replay is not rung again; the live one is.
+    assert.equal(all.filter((post) => post.name === 'bell').length, 1);
+    assert.ok(all.find((post) => post.name === 'selection').body.length > 0);
+  });
+
+  test('a middle click asks for the primary selection unless a program follows the mouse', async () => {
+    const box = await page.locator('#terminal .xterm-screen').boundingBox();
+    const middleClick = () => page.mouse.click(box.x + 40, box.y + 10, { button: 'middle' });
+    await clearPosts();
+    await middleClick();
+    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'pastePrimary'));
+    await write(`${ESC}[?1000h${ESC}[?1006h`);
+    await clearPosts();
+    await middleClick();
+    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'input'));
+    const all = await posts();
+    assert.equal(all.filter((post) => post.name === 'pastePrimary').length, 0);
+    assert.match(all.find((post) => post.name === 'input').body, /^\x1b\[<1;/);
+  });
+
+  test('font size changes refit the terminal; pasted text is bracketed when asked', async () => {
+    const before = await page.evaluate(() => terminal.cols);
+    await page.evaluate(() => window.harborlattice.setFontSize(20));
+    assert.ok(await page.evaluate(() => terminal.cols) < before);
+    await write(`${ESC}[?2004h`);
+    await clearPosts();
+    await page.evaluate(() => window.harborlattice.paste('one\ntwo'));
+    assert.deepEqual(await inputs(), [`${ESC}[200~one\rtwo${ESC}[201~`]);
+  });
+});
+
 describe('links', () => {
   test('a clicked link is posted as "openLink" and opened nowhere', async () => {
     const url = 'https://harborlattice.test/docs?topic=links';
@@ -281,5 +387,29 @@ describe('links', () => {
     assert.deepEqual(popups, []);
     assert.equal(page.url(), documentUrl);
     assert.deepEqual(requests.filter((request) => !request.startsWith('data:')), []);
+  });
+
+  test('a link a program embeds (OSC 8) is posted as "openLink", hovered and left', async () => {
+    const url = 'https://harborlattice.test/embedded?x=1';
+    await write(`${ESC}]8;;${url}\x07embedded link${ESC}]8;;\x07 and more`);
+    await clearPosts();
+    const box = await page.locator('#terminal .xterm-screen').boundingBox();
+    const size = await page.evaluate(() => ({ cols: terminal.cols, rows: terminal.rows }));
+    const cell = { width: box.width / size.cols, height: box.height / size.rows };
+    const x = box.x + 3 * cell.width + cell.width / 2;
+    const y = box.y + cell.height / 2;
+    await page.mouse.move(x, y + 1);
+    await page.mouse.move(x, y);
+    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'link'));
+    await page.mouse.click(x, y);
+    await page.waitForFunction(
+      () => window.recordedPosts.some((post) => post.name === 'openLink'), null, { timeout: 5000 });
+    await page.mouse.move(box.x + 30 * cell.width, box.y + 5 * cell.height);
+    await page.waitForFunction(() => window.recordedPosts.filter((post) => post.name === 'link').length >= 2);
+    const all = await posts();
+    assert.deepEqual(all.filter((post) => post.name === 'openLink').map((post) => post.body), [url]);
+    const hovers = all.filter((post) => post.name === 'link').map((post) => post.body);
+    assert.deepEqual([hovers[0], hovers.at(-1)], [url, ''], JSON.stringify(hovers));
+    assert.equal(page.url(), documentUrl);
   });
 });

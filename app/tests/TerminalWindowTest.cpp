@@ -1,0 +1,212 @@
+// One terminal in the real window, against a real node and a real shell:
+// copy and paste through the clipboard and the window's keys, the right-click
+// menu, Find from the keyboard while a new terminal comes up, the font zoom
+// across a restart, and a renderer killed with SIGKILL coming back with its
+// history.
+#include <gtest/gtest.h>
+
+#include <QAction>
+#include <QApplication>
+#include <QClipboard>
+#include <QLabel>
+#include <QLineEdit>
+#include <QMenu>
+#include <QTest>
+#include <QWebEnginePage>
+#include <QWebEngineView>
+
+#include <csignal>
+
+#include "AppTestSupport.h"
+#include "ContentView.h"
+#include "HarborlatticeApp.h"
+#include "MainWindow.h"
+#include "TerminalCommands.h"
+#include "XtermWebView.h"
+
+namespace {
+
+using namespace std::chrono_literals;
+using hl::apptest::saveScreenshot;
+using hl::apptest::spinFor;
+using hl::apptest::spinUntil;
+
+struct RunningApp {
+    RunningApp() : app(std::make_unique<hl::HarborlatticeApp>()), window(*app) {
+        window.show();
+        QApplication::setActiveWindow(&window);
+        app->delegate().scheduleDidFinishLaunching();
+        spinFor(50ms);
+    }
+    hl::WorkspaceStore& workspace() { return app->workspace(); }
+    hl::TerminalCommands& commands() { return *window.terminalCommands(); }
+    hl::TerminalController* selected() {
+        auto* tab = workspace().selectedTab();
+        return tab ? &tab->pane(*tab->selectedPaneID())->controller() : nullptr;
+    }
+    hl::XtermWebView* view(hl::TerminalController* controller) {
+        for (auto* each : window.findChildren<hl::XtermWebView*>()) {
+            if (each->coordinator().controller() == controller) return each;
+        }
+        return nullptr;
+    }
+    // Presses a chord as the window system would deliver it.
+    void press(Qt::Key key, Qt::KeyboardModifiers modifiers) {
+        QTest::keyClick(window.windowHandle(), key, modifiers);
+    }
+
+    std::unique_ptr<hl::HarborlatticeApp> app;
+    hl::MainWindow window;
+};
+
+// The value of a script in the terminal's page; empty when it does not answer.
+QString evaluate(hl::XtermWebView* view, const QString& script) {
+    QString result;
+    bool answered = false;
+    view->webView()->page()->runJavaScript(script, [&](const QVariant& value) {
+        result = value.toString();
+        answered = true;
+    });
+    spinUntil([&] { return answered; }, 10s);
+    return result;
+}
+
+// Every line of the terminal's buffer, scrollback included.
+QString screenText(hl::XtermWebView* view) {
+    return evaluate(view,
+                    "(() => { const b = terminal.buffer.active; let t = '';"
+                    " for (let i = 0; i < b.length; i += 1)"
+                    " t += b.getLine(i).translateToString(true) + '\\n'; return t; })()");
+}
+
+bool screenShows(hl::XtermWebView* view, const QString& text) {
+    return spinUntil([&] { return screenText(view).contains(text); }, 20s);
+}
+
+void type(hl::TerminalController* controller, const QString& text) {
+    controller->terminalSurfaceDidReceiveInput(text);
+}
+
+bool connected(hl::TerminalController* controller) {
+    return spinUntil([&] { return controller->isConnected(); }, 30s);
+}
+
+TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {
+    RunningApp run;
+    run.workspace().createScratchTerminal();
+    auto* first = run.selected();
+    ASSERT_NE(first, nullptr);
+    ASSERT_TRUE(connected(first));
+    auto* view = run.view(first);
+    ASSERT_NE(view, nullptr);
+    ASSERT_TRUE(spinUntil([&] { return view->coordinator().isReady(); }, 30s));
+
+    // The window's title follows the title a program gives the selected terminal.
+    type(first, "printf '\\033]2;build-%s\\007' $((3*3))\r");
+    EXPECT_TRUE(spinUntil([&] {
+        return run.window.windowTitle() == "build-9 — Scratch — Harborlattice";
+    })) << run.window.windowTitle().toStdString();
+
+    // Copy: the selection goes to the clipboard through the window's key.
+    type(first, "echo copy-$((6*7))\r");
+    ASSERT_TRUE(screenShows(view, "copy-42"));
+    run.commands().action("edit.selectAll")->trigger();
+    ASSERT_TRUE(
+        spinUntil([&] { return view->coordinator().selectionText().contains("copy-42"); }, 10s));
+    QGuiApplication::clipboard()->clear();
+    run.press(Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
+    EXPECT_TRUE(QGuiApplication::clipboard()->text().contains("copy-42"));
+
+    // Paste: Shift+Insert types the clipboard into the shell, not a key
+    // sequence; the shell asked for bracketed paste, so Enter runs it.
+    QGuiApplication::clipboard()->setText("echo pasted-$((5+5))");
+    run.press(Qt::Key_Insert, Qt::ShiftModifier);
+    EXPECT_TRUE(screenShows(view, "echo pasted-$((5+5))"));
+    type(first, "\r");
+    EXPECT_TRUE(screenShows(view, "pasted-10"));
+    if (QGuiApplication::clipboard()->supportsSelection()) {
+        EXPECT_TRUE(spinUntil([&] {
+            return QGuiApplication::clipboard()->text(QClipboard::Selection).contains("copy-42");
+        }));
+    }
+
+    // The right-click menu is the terminal's, never the web engine's.
+    QMenu* menu = view->contextMenu({10, 10});
+    QStringList entries;
+    for (auto* action : menu->actions()) {
+        if (!action->isSeparator()) entries << action->text();
+    }
+    EXPECT_EQ(entries, QStringList({"Copy", "Paste", "Select All", "Find…"}));
+    delete menu;
+    EXPECT_EQ(view->webView()->contextMenuPolicy(), Qt::CustomContextMenu);
+
+    // Find from the keyboard; a terminal that comes up meanwhile leaves the field alone.
+    run.press(Qt::Key_F, Qt::ControlModifier | Qt::ShiftModifier);
+    QLineEdit* field = run.commands().findField();
+    ASSERT_NE(field, nullptr);
+    ASSERT_TRUE(spinUntil([&] { return QApplication::focusWidget() == field; }, 5s));
+    run.workspace().split(true);
+    auto* second = run.selected();
+    ASSERT_NE(second, first);
+    QTest::keyClicks(field, "copy-");
+    ASSERT_TRUE(connected(second));
+    auto* secondView = run.view(second);
+    ASSERT_TRUE(spinUntil([&] { return secondView->coordinator().isReady(); }, 30s));
+    spinFor(500ms);
+    QTest::keyClicks(field, "4");
+    EXPECT_EQ(QApplication::focusWidget(), field);
+    EXPECT_EQ(field->text(), "copy-4");
+
+    // Enter searches the selected terminal: the new one has no match.
+    QTest::keyClick(field, Qt::Key_Return);
+    auto* matches = field->findChild<QLabel*>("control.findMatches");
+    ASSERT_NE(matches, nullptr);
+    EXPECT_TRUE(spinUntil([&] { return matches->isVisible() && matches->text() == "No matches"; }));
+    run.workspace().selectAdjacentPane(-1);
+    ASSERT_EQ(run.selected(), first);
+    QTest::keyClick(field, Qt::Key_Return);
+    EXPECT_TRUE(spinUntil([&] { return matches->text() == "1 of 1"; }))
+        << matches->text().toStdString();
+    saveScreenshot(&run.window, "terminal-find");
+    QTest::keyClick(field, Qt::Key_Escape);
+    EXPECT_FALSE(matches->isVisible());
+    EXPECT_TRUE(spinUntil([&] { return view->isAncestorOf(QApplication::focusWidget()); }, 5s));
+
+    // A renderer killed outright is replaced and repainted from the history.
+    const qint64 renderer = view->webView()->page()->renderProcessPid();
+    ASSERT_GT(renderer, 0);
+    ::kill(static_cast<pid_t>(renderer), SIGKILL);
+    EXPECT_TRUE(spinUntil(
+        [&] { return first->status() == "Terminal display crashed · repainted from history"; },
+        20s));
+    ASSERT_TRUE(spinUntil([&] { return view->coordinator().isReady(); }, 30s));
+    EXPECT_TRUE(screenShows(view, "pasted-10"));
+    EXPECT_NE(view->webView()->page()->renderProcessPid(), renderer);
+    type(first, "echo after-$((2*3))\r");
+    EXPECT_TRUE(screenShows(view, "after-6"));
+}
+
+TEST(TerminalWindowTest, FontZoomIsKeptAcrossARestart) {
+    {
+        RunningApp run;
+        run.workspace().createScratchTerminal();
+        auto* view = run.view(run.selected());
+        ASSERT_TRUE(spinUntil([&] { return view->coordinator().isReady(); }, 30s));
+        run.press(Qt::Key_Equal, Qt::ControlModifier);
+        run.press(Qt::Key_Plus, Qt::ControlModifier | Qt::ShiftModifier);
+        EXPECT_EQ(hl::XtermWebView::fontSize(), 15);
+        EXPECT_TRUE(spinUntil([&] { return evaluate(view, "terminal.options.fontSize") == "15"; }));
+    }
+    hl::XtermWebView::setFontSizeForAll(hl::XtermWebView::defaultFontSize);
+    RunningApp again;
+    EXPECT_EQ(hl::XtermWebView::fontSize(), 15);
+    auto* view = again.view(again.selected());
+    ASSERT_NE(view, nullptr);
+    ASSERT_TRUE(spinUntil([&] { return view->coordinator().isReady(); }, 30s));
+    EXPECT_TRUE(spinUntil([&] { return evaluate(view, "terminal.options.fontSize") == "15"; }));
+    again.press(Qt::Key_0, Qt::ControlModifier);
+    EXPECT_EQ(hl::XtermWebView::fontSize(), hl::XtermWebView::defaultFontSize);
+    EXPECT_TRUE(spinUntil([&] { return evaluate(view, "terminal.options.fontSize") == "13"; }));
+}
+
+}  // namespace
