@@ -11,6 +11,7 @@
 #include "Listener.h"
 #include "RuntimePaths.h"
 #include "Server.h"
+#include "Shell.h"
 #include "Signals.h"
 
 int main(int argc, char**) {
@@ -22,7 +23,7 @@ int main(int argc, char**) {
     ignoreHangups();
     keepStandardDescriptors();
     if (!detach()) return 1;
-    raiseDescriptorLimit();
+    const auto userDescriptorLimit = raiseDescriptorLimit();
 
     auto opened = Listener::open(hl::RuntimePaths::socketPath());
     if (std::holds_alternative<Listener::AlreadyServed>(opened)) return 0;
@@ -34,7 +35,8 @@ int main(int argc, char**) {
     }
     // The node holds no directory busy.
     if (::chdir("/") != 0) return 1;
-    Server server(std::move(std::get<Listener>(opened)));
+    // The password database is read once, here, never by the loop.
+    Server server(std::move(std::get<Listener>(opened)), readShellSetup(userDescriptorLimit));
     server.run();
     return 0;
 }

@@ -175,9 +175,11 @@ NodeResponse decodeNodeReply(const std::string& reply) {
     return response;
 }
 
-UnixSocketClient::UnixSocketClient() : socketPath_(RuntimePaths::socketPath()) {}
+UnixSocketClient::UnixSocketClient()
+    : socketPath_(RuntimePaths::socketPath()), timeout_(receiveTimeout) {}
 
-UnixSocketClient::UnixSocketClient(std::string socketPath) : socketPath_(std::move(socketPath)) {}
+UnixSocketClient::UnixSocketClient(std::string socketPath, std::chrono::milliseconds timeout)
+    : socketPath_(std::move(socketPath)), timeout_(timeout) {}
 
 NodeResponse UnixSocketClient::request(const std::string& op, const NodeRequestData& data) const {
 #ifdef SOCK_CLOEXEC
@@ -206,8 +208,8 @@ NodeResponse UnixSocketClient::request(const std::string& op, const NodeRequestD
     }
     // A socket that another user serves could read every keystroke: no node of ours.
     if (!peerIsOwner(fd.get())) throw NodeClientError::connection();
-    setTimeout(fd.get(), SO_SNDTIMEO, receiveTimeout);
-    setTimeout(fd.get(), SO_RCVTIMEO, receiveTimeout);
+    setTimeout(fd.get(), SO_SNDTIMEO, timeout_);
+    setTimeout(fd.get(), SO_RCVTIMEO, timeout_);
 
     const std::string message = encodeRequest(op, data);
 #ifdef MSG_NOSIGNAL

@@ -91,7 +91,8 @@ class UnixSocketClient final : public NodeClientTransport {
   public:
     // Connects to RuntimePaths::socketPath(), read now.
     UnixSocketClient();
-    explicit UnixSocketClient(std::string socketPath);
+    explicit UnixSocketClient(std::string socketPath,
+                              std::chrono::milliseconds timeout = receiveTimeout);
 
     const std::string& socketPath() const { return socketPath_; }
     NodeResponse request(const std::string& op, const NodeRequestData& data = {}) const override;
@@ -107,6 +108,7 @@ class UnixSocketClient final : public NodeClientTransport {
 
   private:
     std::string socketPath_;
+    std::chrono::milliseconds timeout_;
 };
 
 // Deepest nesting of arrays converted from a reply's data; deeper is invalid.

@@ -1,9 +1,12 @@
-// Real shells in real pseudo-terminals, held by a real node: echo, large and
-// slow output without loss, the end of a shell, many sessions, concurrent
-// clients of one session, and the end of every process of a closed session.
+// Real shells in real pseudo-terminals, held by a real node: echo and terminal
+// modes, large and slow output without loss, a shell that nobody polls, the end
+// of a shell, many sessions, concurrent clients of one session, and the end of
+// every process of a closed session.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <thread>
@@ -61,6 +64,44 @@ TEST(NodeSessionTest, EchoesTypedInputAndAppliesTheTerminalSize) {
               2);
     EXPECT_EQ(session, shell);
     EXPECT_NE(terminal, 0);
+
+    // The modes of a real terminal, UTF-8 erasing included, and the user's own
+    // open-file limit rather than the node's raised one.
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    node.type(id, "stty -a; printf 'L%s\\n' $(ulimit -n)\n");
+    const auto modes = node.pollUntil(id,
+                                      [](const PollResult& r) {
+                                          return std::regex_search(r.output, std::regex("L[0-9]+"));
+                                      })
+                           .output;
+    EXPECT_TRUE(std::regex_search(modes, std::regex("[^-]iutf8"))) << modes;
+    EXPECT_NE(modes.find("erase = ^?"), std::string::npos) << modes;
+    for (const std::string mode : {"icanon", "echo", "isig", "icrnl", "onlcr", "iexten"})
+        EXPECT_TRUE(std::regex_search(modes, std::regex("[\\s;]" + mode + "[\\s;]"))) << mode;
+    EXPECT_EQ(numberAfter(modes, "L"), static_cast<pid_t>(limit.rlim_cur));
+    EXPECT_TRUE(node.closeSession(id));
+}
+
+TEST(NodeSessionTest, AShellNobodyPollsRunsOnAndKeepsTheTailForARepaint) {
+    NodeHarness node;
+    const auto id = node.createSession();
+    // Far more than pending holds; with nobody polling the writer must not stall.
+    node.type(id, "head -c 60000000 /dev/zero | tr '\\0' x; printf 'D%s\\n' one > finished\n");
+    const std::string finished = node.folder() + "/finished";
+    const auto deadline = std::chrono::steady_clock::now() + 90s;
+    while (!std::filesystem::exists(finished) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(200ms);
+    ASSERT_TRUE(std::filesystem::exists(finished)) << "the shell stalled without a reader";
+
+    // A repaint finds the newest output; the next poll resumes flow control.
+    const auto replay = node.client().request(
+        "replay_session", {{"session_id", id}, {"expected_cwd", node.folder()}});
+    const auto tail = base64::decode(replay["output_base64"].stringValue().value_or(""));
+    ASSERT_TRUE(tail.has_value());
+    EXPECT_EQ(tail->size(), Session::tailLimit);
+    node.type(id, "printf 'A%s\\n' gain\n");
+    EXPECT_NE(node.pollUntilContains(id, "Again").output.find("Again"), std::string::npos);
     EXPECT_TRUE(node.closeSession(id));
 }
 
