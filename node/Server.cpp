@@ -50,8 +50,8 @@ void killThroughPidfd(int pidfd) {
 
 }  // namespace
 
-Server::Server(Listener listener, ShellSetup shell)
-    : listener_(std::move(listener)), shell_(std::move(shell)) {}
+Server::Server(Listener listener, ShellSetup shell, RequestHook hook)
+    : listener_(std::move(listener)), shell_(std::move(shell)), hook_(std::move(hook)) {}
 
 void Server::run() {
     while (!stopping_) {
@@ -215,6 +215,7 @@ void Server::respond(Connection& client, const ParseWorker::Parsed& parsed, Cloc
                 client.drop();
                 return;
             }
+            if (hook_) hook_(request);
             reply = handle(request, client.ticket(), now);
         }
     } catch (const std::exception& error) {

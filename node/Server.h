@@ -14,6 +14,7 @@
 
 #include <chrono>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <optional>
@@ -42,7 +43,11 @@ class Server {
     // Longest wait for a shell's child to enter its directory and run the shell.
     static constexpr std::chrono::seconds startTimeout{10};
 
-    Server(Listener listener, ShellSetup shell);
+    // Called with each request before it is handled; a test build of the node
+    // uses it to make requests fail. The production node has none.
+    using RequestHook = std::function<void(const Request&)>;
+
+    Server(Listener listener, ShellSetup shell, RequestHook hook = {});
 
     // Serves until SIGTERM or SIGINT, then hangs up every session and waits out
     // the grace of every pending kill.
@@ -109,6 +114,7 @@ class Server {
 
     Listener listener_;
     ShellSetup shell_;
+    RequestHook hook_;
     SignalPipe signals_;
     ParseWorker parser_;
     std::map<std::string, std::unique_ptr<Session>> sessions_;

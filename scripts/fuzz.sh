@@ -9,8 +9,12 @@
 set -euo pipefail
 cd "$(dirname "$0")/.."
 seconds="${1:-20}"
-cmake --preset fuzz >/dev/null
-cmake --build --preset fuzz >/dev/null
+mkdir -p target
+if ! { cmake --preset fuzz && cmake --build --preset fuzz; } >target/fuzz-build.log 2>&1; then
+  tail -30 target/fuzz-build.log >&2
+  echo "fuzz: building the fuzz preset failed (log: target/fuzz-build.log)" >&2
+  exit 1
+fi
 
 found=0
 shopt -s nullglob

@@ -92,6 +92,18 @@ TEST(NodeProtocolTest, FramesRequestsOverTheSocketAndKeepsServingAfterBadOnes) {
     node.closeSession(id);
 }
 
+TEST(NodeProtocolTest, ARequestThatThrowsFailsAloneAndTheNodeGoesOn) {
+    NodeHarness node(HL_FAULTY_NODE_EXECUTABLE);
+    const auto id = node.createSession();
+    EXPECT_EQ(daemonError(node, "resize", {{"session_id", id}, {"cols", 13}, {"rows", 24}}),
+              "request failed: std::bad_alloc");
+    EXPECT_EQ(daemonError(node, "resize", {{"session_id", id}, {"cols", 14}, {"rows", 24}}),
+              "accepted");
+    node.type(id, "echo $((40+2))\n");
+    EXPECT_NE(node.pollUntilContains(id, "42").output.find("42"), std::string::npos);
+    node.closeSession(id);
+}
+
 TEST(NodeProtocolTest, ACreateSessionThatCannotEnterItsDirectoryFailsWithTheReason) {
     NodeHarness node;
     const std::string file = node.folder() + "/plain-file";
