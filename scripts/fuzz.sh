@@ -30,8 +30,8 @@ for binary in "${targets[@]}"; do
   work="target/fuzz/corpus/$name"
   artifacts="target/fuzz/findings/$name"
   rm -rf "$artifacts"
-  mkdir -p "$work" "$artifacts"
-  log="target/fuzz/$name.log"
+  mkdir -p "$work" "$artifacts" target/fuzz/logs
+  log="target/fuzz/logs/$name.log"
   corpora=("$work")
   [ -d "$seeds" ] && corpora+=("$seeds")
   options=()
