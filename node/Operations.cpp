@@ -82,7 +82,7 @@ std::string Server::replaySession(const Request& request, Clock::time_point now)
     if (!session) return failureReply(unknownSession);
     if (!sameDirectory(session->directory(), request.expectedCwd))
         return failureReply("session cwd mismatch");
-    session->markPolled(now);
+    session->markReplayed(now);
     if (session->wantsOutput(now)) session->readOutput(Session::tailLimit, now);
     const std::string output = session->replay(outputAllowance());
     // The pane's own text, so that its exact comparison holds.

@@ -32,6 +32,15 @@ const std::string& Session::directory() {
     return directory_;
 }
 
+void Session::markPolled(Clock::time_point now) {
+    if (missed_ > 0 && !attended(now)) {
+        pending_.release();
+        pending_.append(tail_.back(std::min(missed_, tailLimit)));
+    }
+    missed_ = 0;
+    lastPoll_ = now;
+}
+
 std::optional<Session::Clock::time_point> Session::flowDeadline(Clock::time_point now) const {
     if (!master_ || pending_.space() > 0 || !attended(now)) return std::nullopt;
     return lastPoll_ + unattendedAfter;
@@ -40,7 +49,10 @@ std::optional<Session::Clock::time_point> Session::flowDeadline(Clock::time_poin
 void Session::readOutput(std::size_t budget, Clock::time_point now) {
     const bool flowControl = attended(now);
     // Unattended, nobody will poll what pending holds: the tail is enough.
-    if (!flowControl && !pending_.empty()) pending_.release();
+    if (!flowControl && !pending_.empty()) {
+        missed_ += pending_.size();
+        pending_.release();
+    }
     char chunk[readChunk];
     bool readSome = false;
     while (master_ && budget > 0 && (!flowControl || pending_.space() > 0)) {
@@ -49,7 +61,10 @@ void Session::readOutput(std::size_t budget, Clock::time_point now) {
         const ssize_t n = ::read(master_.get(), chunk, want);
         if (n > 0) {
             const std::string_view bytes(chunk, static_cast<std::size_t>(n));
-            if (flowControl) pending_.append(bytes);
+            if (flowControl)
+                pending_.append(bytes);
+            else
+                missed_ += bytes.size();
             tail_.append(bytes);
             budget -= static_cast<std::size_t>(n);
             readSome = true;

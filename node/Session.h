@@ -7,7 +7,9 @@
 // polls come (the last one less than unattendedAfter ago): then the terminal is
 // read only while pending has room, so a slow client holds the shell back as a
 // real terminal would, and nothing is lost. Unattended, the terminal is read at
-// full speed into the tail alone, so a shell never stops for want of a reader.
+// full speed into the tail alone, so a shell never stops for want of a reader;
+// the *missed* output is handed to the next poll from the tail, as far as the
+// tail reaches.
 // A session has *exited* once its shell has been reaped and every byte the
 // shell wrote has been delivered. Its *directory* is where its shell is now (as
 // last seen while the shell ran).
@@ -64,8 +66,14 @@ class Session {
     bool attended(Clock::time_point now) const { return now - lastPoll_ < unattendedAfter; }
     // When an attended session held back by a full pending becomes unattended.
     std::optional<Clock::time_point> flowDeadline(Clock::time_point now) const;
-    // Records a poll or replay: flow control resumes.
-    void markPolled(Clock::time_point now) { lastPoll_ = now; }
+    // Records a poll: flow control resumes, and what was read unattended (as
+    // much of it as the tail still holds) becomes pending again.
+    void markPolled(Clock::time_point now);
+    // Records a replay, which shows the tail itself.
+    void markReplayed(Clock::time_point now) {
+        lastPoll_ = now;
+        missed_ = 0;
+    }
 
     // Reads what the terminal has, at most budget bytes (and, attended, what
     // pending has room for).
@@ -99,6 +107,7 @@ class Session {
     UniqueFd pidfd_;
     Clock::time_point lastPoll_;
     unsigned long long reapedAt_ = 0;
+    std::size_t missed_ = 0;
     RingBuffer pending_{pendingLimit};
     RingBuffer tail_{tailLimit};
     std::string input_;

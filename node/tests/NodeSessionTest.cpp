@@ -94,7 +94,11 @@ TEST(NodeSessionTest, AShellNobodyPollsRunsOnAndKeepsTheTailForARepaint) {
         std::this_thread::sleep_for(200ms);
     ASSERT_TRUE(std::filesystem::exists(finished)) << "the shell stalled without a reader";
 
-    // A repaint finds the newest output; the next poll resumes flow control.
+    // The next poll gets what it missed, as far as the tail reaches; a repaint
+    // finds the newest output too, and flow control is back.
+    const auto missed = node.poll(id).output.size();  // and perhaps the next prompt
+    EXPECT_GE(missed, Session::tailLimit);
+    EXPECT_LE(missed, Session::tailLimit + 4096);
     const auto replay = node.client().request(
         "replay_session", {{"session_id", id}, {"expected_cwd", node.folder()}});
     const auto tail = base64::decode(replay["output_base64"].stringValue().value_or(""));
@@ -232,11 +236,13 @@ TEST(NodeSessionTest, ServesConcurrentPollsAndInputsOnOneSession) {
     NodeHarness node;
     const auto id = node.createSession();
     constexpr int writers = 4, linesEach = 25;
-    std::atomic<bool> done{false};
-    std::string polled;
+    std::atomic<bool> done{false}, finished{false};
+    std::string polled;  // the poller's own until it has been joined
     std::thread poller([&] {
-        while (!done)
+        while (!done) {
             polled += node.poll(id).output;
+            if (polled.find("FINISHED") != std::string::npos) finished = true;
+        }
     });
     std::thread pollerTwo([&] {
         // A second poller only competes; what it takes is not lost, it is counted below.
@@ -258,7 +264,7 @@ TEST(NodeSessionTest, ServesConcurrentPollsAndInputsOnOneSession) {
     const auto deadline = std::chrono::steady_clock::now() + 30s;
     while (std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(20ms);
-        if (polled.find("FINISHED") != std::string::npos) break;  // only the poller writes it
+        if (finished) break;
     }
     done = true;
     poller.join();
