@@ -20,53 +20,60 @@ constexpr int sendFlags = 0;
 #endif
 }  // namespace
 
-Connection::Connection(UniqueFd fd, Clock::time_point now)
-    : fd_(std::move(fd)), lastActivity_(now) {}
+Connection::Connection(UniqueFd fd, std::uint64_t ticket, Clock::time_point now)
+    : fd_(std::move(fd)), ticket_(ticket), started_(now) {}
 
-std::optional<std::string> Connection::readRequest(Clock::time_point now) {
-    while (state_ == State::Reading) {
-        const std::size_t scanned = in_.size();
-        in_.resize(scanned + readChunk);
-        const ssize_t n = ::read(fd_.get(), in_.data() + scanned, readChunk);
-        in_.resize(scanned + (n > 0 ? static_cast<std::size_t>(n) : 0));
+std::optional<std::string> Connection::readRequest(std::size_t budget, std::size_t allowance) {
+    char chunk[readChunk];
+    while (state_ == State::Reading && budget > 0) {
+        const ssize_t n = ::read(fd_.get(), chunk, std::min(readChunk, budget));
         if (n < 0) {
             if (errno == EINTR) continue;
             if (errno != EAGAIN && errno != EWOULDBLOCK) drop();
             return std::nullopt;
         }
-        lastActivity_ = now;
-        if (n == 0) return std::move(in_);  // end of file: the client's half-close
-        const auto lineFeed = in_.find('\n', scanned);
-        if (lineFeed != std::string::npos) {
-            in_.resize(lineFeed);
+        if (n == 0) {  // end of file: the client's half-close
+            state_ = State::Waiting;
             return std::move(in_);
         }
-        if (in_.size() >= maximumRequestBytes) {
+        budget -= static_cast<std::size_t>(n);
+        const std::string_view bytes(chunk, static_cast<std::size_t>(n));
+        const auto lineFeed = bytes.find('\n');
+        const std::size_t kept = lineFeed == std::string_view::npos ? bytes.size() : lineFeed;
+        if (in_.size() + kept >= maximumRequestBytes) {
             oversized_ = true;
-            in_.clear();
-            in_.shrink_to_fit();
+            in_ = std::string();
+            state_ = State::Waiting;
             return std::string();
+        }
+        if (in_.size() + kept > allowance) {
+            drop();  // the node's memory for clients is spent
+            return std::nullopt;
+        }
+        in_.append(bytes.substr(0, kept));
+        if (lineFeed != std::string_view::npos) {
+            state_ = State::Waiting;
+            return std::move(in_);
         }
     }
     return std::nullopt;
 }
 
-void Connection::sendReply(std::string reply, Clock::time_point now) {
-    in_.clear();
-    in_.shrink_to_fit();
+void Connection::sendReply(std::string reply) {
+    if (state_ == State::Done) return;
+    in_ = std::string();
     out_ = std::move(reply);
     written_ = 0;
     state_ = State::Writing;
-    writeReply(now);
+    writeReply();
 }
 
-void Connection::writeReply(Clock::time_point now) {
+void Connection::writeReply() {
     while (state_ == State::Writing && written_ < out_.size()) {
         const ssize_t n =
             ::send(fd_.get(), out_.data() + written_, out_.size() - written_, sendFlags);
         if (n > 0) {
             written_ += static_cast<std::size_t>(n);
-            lastActivity_ = now;
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
@@ -80,8 +87,8 @@ void Connection::writeReply(Clock::time_point now) {
 void Connection::drop() {
     state_ = State::Done;
     fd_.reset();
-    in_.clear();
-    out_.clear();
+    in_ = std::string();
+    out_ = std::string();
 }
 
 }  // namespace hl::node

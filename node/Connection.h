@@ -3,9 +3,13 @@
 // A connection reads one request (up to a line feed or end of file), receives
 // one reply and writes it out; then it is done. All input and output is
 // non-blocking, so a slow or silent client only ever costs its own descriptor.
+// A request whose handling cannot be finished at once (a shell that is still
+// starting, a large request being parsed) leaves the connection *waiting*.
+// Buffers are allocated only for what arrives, and given back when it is done.
 #pragma once
 
 #include <chrono>
+#include <cstdint>
 #include <optional>
 #include <string>
 
@@ -16,33 +20,39 @@ namespace hl::node {
 class Connection {
   public:
     using Clock = std::chrono::steady_clock;
-    // A client that neither sends nor takes anything for this long is dropped.
-    static constexpr std::chrono::seconds idleTimeout{30};
+    // A client is dropped this long after it connected, whatever it has done.
+    static constexpr std::chrono::seconds lifetimeLimit{30};
 
-    enum class State { Reading, Writing, Done };
+    enum class State { Reading, Waiting, Writing, Done };
 
-    Connection(UniqueFd fd, Clock::time_point now);
+    Connection(UniqueFd fd, std::uint64_t ticket, Clock::time_point now);
 
     int fd() const { return fd_.get(); }
+    // The number that names this connection to work finished later.
+    std::uint64_t ticket() const { return ticket_; }
     State state() const { return state_; }
-    Clock::time_point deadline() const { return lastActivity_ + idleTimeout; }
+    Clock::time_point deadline() const { return started_ + lifetimeLimit; }
+    // Bytes held for this connection now.
+    std::size_t memory() const { return in_.capacity() + out_.capacity(); }
 
-    // Reads what the client has sent; returns the request text once it is
-    // complete, or a reply of its own when the request is too large.
-    std::optional<std::string> readRequest(Clock::time_point now);
+    // Reads at most budget bytes of what the client has sent, dropping the
+    // client when its request would pass allowance bytes; returns the request
+    // text once it is complete (the connection then waits for its reply).
+    std::optional<std::string> readRequest(std::size_t budget, std::size_t allowance);
     // Whether the request was refused for its size (the text returned is then empty).
     bool oversized() const { return oversized_; }
     // Starts writing the reply, as much as the socket takes now.
-    void sendReply(std::string reply, Clock::time_point now);
+    void sendReply(std::string reply);
     // Writes more of the reply.
-    void writeReply(Clock::time_point now);
+    void writeReply();
     // Drops the connection without a reply.
     void drop();
 
   private:
     UniqueFd fd_;
+    std::uint64_t ticket_;
     State state_ = State::Reading;
-    Clock::time_point lastActivity_;
+    Clock::time_point started_;
     std::string in_;
     std::string out_;
     std::size_t written_ = 0;

@@ -30,15 +30,17 @@ void keepStandardDescriptors() {
     }
 }
 
-void raiseDescriptorLimit() {
+std::optional<rlimit> raiseDescriptorLimit() {
     rlimit limit{};
-    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return;
+    if (::getrlimit(RLIMIT_NOFILE, &limit) != 0) return std::nullopt;
+    const rlimit original = limit;
     const rlim_t wanted = 65536;
     rlim_t target = limit.rlim_max == RLIM_INFINITY ? wanted : std::min(limit.rlim_max, wanted);
     if (target > limit.rlim_cur) {
         limit.rlim_cur = target;
         ::setrlimit(RLIMIT_NOFILE, &limit);
     }
+    return original;
 }
 
 }  // namespace hl::node

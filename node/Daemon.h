@@ -2,6 +2,10 @@
 // outlives it.
 #pragma once
 
+#include <sys/resource.h>
+
+#include <optional>
+
 namespace hl::node {
 
 // Leaves the starter's session: setsid() in place when possible (the pid stays
@@ -14,7 +18,7 @@ bool detach();
 void keepStandardDescriptors();
 
 // Raises the soft limit of open descriptors to the hard limit (capped), for
-// many sessions and clients.
-void raiseDescriptorLimit();
+// many sessions and clients; returns the limit as it was, for the shells.
+std::optional<rlimit> raiseDescriptorLimit();
 
 }  // namespace hl::node

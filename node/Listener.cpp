@@ -1,8 +1,9 @@
 // Listener: folder rights, start-up lock, stale socket replacement, peer checks.
 //
-// The folder is created 0700 when missing; an existing folder is narrowed to
-// 0700 only if this user owns it and it has no sticky bit (a shared folder such
-// as /tmp is left alone). The socket itself is created 0600.
+// The folder and any missing parents are created 0700; an existing folder's mode
+// is left as it is (it is not the node's to change). The socket itself is
+// created 0600. A socket that answers is taken as served only when its peer is
+// this user; another user's listener at the path is a failure.
 #include "Listener.h"
 
 #include <fcntl.h>
@@ -14,6 +15,10 @@
 
 #include <cerrno>
 #include <cstring>
+
+#ifndef SOCK_CLOEXEC
+#define SOCK_CLOEXEC 0  // set by makeNonBlocking where the flag is missing
+#endif
 
 namespace hl::node {
 
@@ -29,17 +34,12 @@ void makeNonBlocking(int fd) {
     ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) | O_NONBLOCK);
 }
 
-// Creates the folder and any missing parents with mode 0700, or narrows an
-// existing folder of this user's to 0700.
+// Creates the folder and any missing parents with mode 0700; an existing
+// folder is only checked to be one.
 std::optional<std::string> prepareFolder(const std::string& folder) {
     struct stat info;
     if (::stat(folder.c_str(), &info) == 0) {
         if (!S_ISDIR(info.st_mode)) return "socket folder is not a directory: " + folder;
-        const bool ours = info.st_uid == ::geteuid();
-        const bool shared = (info.st_mode & S_ISVTX) != 0;
-        if (ours && !shared && (info.st_mode & 077) != 0 && ::chmod(folder.c_str(), 0700) != 0) {
-            return errorText("cannot restrict socket folder " + folder);
-        }
         return std::nullopt;
     }
     if (errno != ENOENT) return errorText("cannot inspect socket folder " + folder);
@@ -47,7 +47,8 @@ std::optional<std::string> prepareFolder(const std::string& folder) {
     if (slash != std::string::npos && slash > 0) {
         if (auto error = prepareFolder(folder.substr(0, slash))) return error;
     }
-    if (::mkdir(folder.c_str(), 0700) != 0 && errno != EEXIST) {
+    if (::mkdir(folder.c_str(), 0700) != 0) {
+        if (errno == EEXIST) return std::nullopt;  // made meanwhile by someone else
         return errorText("cannot create socket folder " + folder);
     }
     ::chmod(folder.c_str(), 0700);
@@ -62,11 +63,15 @@ bool fillAddress(const std::string& path, sockaddr_un& address) {
     return true;
 }
 
-// Whether something accepts connections on the path.
-bool somebodyAnswers(const sockaddr_un& address) {
-    UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM, 0));
-    return probe &&
-           ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) == 0;
+enum class Answer { Nobody, Owner, OtherUser };
+
+// Who, if anyone, accepts connections on the path.
+Answer whoAnswers(const sockaddr_un& address) {
+    UniqueFd probe(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    if (!probe ||
+        ::connect(probe.get(), reinterpret_cast<const sockaddr*>(&address), sizeof address) != 0)
+        return Answer::Nobody;
+    return peerIsOwner(probe.get()) ? Answer::Owner : Answer::OtherUser;
 }
 
 }  // namespace
@@ -96,7 +101,14 @@ std::variant<Listener, Listener::AlreadyServed, Listener::Failure> Listener::ope
     }
 
     // A node that does not know the lock may still be serving the path.
-    if (somebodyAnswers(address)) return AlreadyServed{};
+    switch (whoAnswers(address)) {
+        case Answer::Owner:
+            return AlreadyServed{};
+        case Answer::OtherUser:
+            return Failure{"another user serves " + path};
+        case Answer::Nobody:
+            break;
+    }
     struct stat existing;
     if (::lstat(path.c_str(), &existing) == 0) {
         if (!S_ISSOCK(existing.st_mode)) return Failure{"not a socket, left in place: " + path};
@@ -104,7 +116,7 @@ std::variant<Listener, Listener::AlreadyServed, Listener::Failure> Listener::ope
             return Failure{errorText("cannot remove stale socket " + path)};
     }
 
-    listener.socket_.reset(::socket(AF_UNIX, SOCK_STREAM, 0));
+    listener.socket_.reset(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
     if (!listener.socket_) return Failure{errorText("cannot create socket")};
     makeNonBlocking(listener.socket_.get());
     const mode_t previousMask = ::umask(0177);

@@ -1,4 +1,7 @@
 // Operations: what the node does for each request of its protocol.
+#include <signal.h>
+#include <sys/stat.h>
+
 #include <cstdio>
 #include <random>
 
@@ -26,22 +29,32 @@ std::string newSessionId() {
     return text;
 }
 
+// Whether two paths name the same directory: the same text, or the same file
+// (as when one of them goes through a symbolic link).
+bool sameDirectory(const std::string& a, const std::string& b) {
+    if (a == b) return true;
+    struct stat first, second;
+    return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
 const char* const unknownSession = "unknown session";
 
 }  // namespace
 
-std::string Server::handle(const Request& request, Clock::time_point now) {
+std::optional<std::string> Server::handle(const Request& request, std::uint64_t ticket,
+                                          Clock::time_point now) {
     switch (request.operation) {
         case Operation::Health:
             return successReply(json::object());
         case Operation::ListSessions:
             return listSessions();
         case Operation::ReplaySession:
-            return replaySession(request);
+            return replaySession(request, now);
         case Operation::CreateSession:
-            return createSession(request);
+            return createSession(request, ticket, now);
         case Operation::Poll:
-            return pollSession(request);
+            return pollSession(request, now);
         case Operation::Input:
             return inputSession(request);
         case Operation::Resize:
@@ -64,33 +77,68 @@ std::string Server::listSessions() const {
     return successReply({{"session_ids", std::move(ids)}});
 }
 
-std::string Server::replaySession(const Request& request) {
+std::string Server::replaySession(const Request& request, Clock::time_point now) {
     Session* session = findSession(request.sessionId);
     if (!session) return failureReply(unknownSession);
-    if (session->cwd() != request.expectedCwd) return failureReply("session cwd mismatch");
-    if (session->wantsOutput()) session->readOutput(Session::tailLimit);
-    const std::string output = session->replay(maximumOutputPerReply);
-    return successReply({{"cwd", session->cwd()}, {"exited", session->exited()}}, output);
+    if (!sameDirectory(session->directory(), request.expectedCwd))
+        return failureReply("session cwd mismatch");
+    session->markReplayed(now);
+    if (session->wantsOutput(now)) session->readOutput(Session::tailLimit, now);
+    const std::string output = session->replay(outputAllowance());
+    // The pane's own text, so that its exact comparison holds.
+    return successReply({{"cwd", request.expectedCwd}, {"exited", session->exited()}}, output);
 }
 
-std::string Server::createSession(const Request& request) {
-    auto started = spawnShell(request.cwd, request.cols, request.rows);
+std::optional<std::string> Server::createSession(const Request& request, std::uint64_t ticket,
+                                                 Clock::time_point now) {
+    auto started = spawnShell(shell_, request.cwd, request.cols, request.rows);
     if (auto* reason = std::get_if<std::string>(&started)) return failureReply(*reason);
-    auto& shell = std::get<ShellProcess>(started);
-    std::string id = newSessionId();
-    while (sessions_.contains(id))
-        id = newSessionId();
-    sessions_.emplace(
-        id, std::make_unique<Session>(id, request.cwd, shell.pid, std::move(shell.master)));
-    return successReply({{"session_id", id}});
+    pendingStarts_.push_back(
+        {std::move(std::get<ShellProcess>(started)), request.cwd, ticket, now + startTimeout});
+    return std::nullopt;  // answered once the child reports (finishStart)
 }
 
-std::string Server::pollSession(const Request& request) {
+void Server::finishStart(PendingStart& start, std::optional<std::string> failure,
+                         Clock::time_point now) {
+    start.shell.report.reset();
+    Connection* client = findClient(start.ticket);
+    if (!failure && (!client || client->state() != Connection::State::Waiting))
+        failure = "the client has gone";
+    std::string reply;
+    if (!failure) {
+        try {
+            std::string id = newSessionId();
+            while (sessions_.contains(id))
+                id = newSessionId();
+            auto session = std::make_unique<Session>(id, start.cwd, start.shell.pid,
+                                                     std::move(start.shell.master),
+                                                     std::move(start.shell.pidfd), now);
+            if (start.reaped) session->shellEnded(now);
+            sessions_.emplace(id, std::move(session));
+            reply = successReply({{"session_id", id}});
+        } catch (const std::exception& error) {
+            failure = std::string("request failed: ") + error.what();
+        }
+    }
+    if (failure) {
+        // A shell that runs but cannot be handed out is ended with its session.
+        if (!start.reaped) {
+            signalSession(start.shell.pid, SIGKILL, processClockNow());
+        }
+        reply = failureReply(*failure);
+    }
+    if (client && client->state() == Connection::State::Waiting)
+        client->sendReply(std::move(reply));
+}
+
+std::string Server::pollSession(const Request& request, Clock::time_point now) {
     Session* session = findSession(request.sessionId);
     if (!session) return failureReply(unknownSession);
+    session->markPolled(now);
+    const std::size_t allowance = outputAllowance();
     // Whatever reached the terminal since this turn's wait goes out now too.
-    if (session->wantsOutput()) session->readOutput(maximumOutputPerReply);
-    const std::string output = session->takeOutput(maximumOutputPerReply);
+    if (session->wantsOutput(now)) session->readOutput(allowance, now);
+    const std::string output = session->takeOutput(allowance);
     return successReply({{"exited", session->exited()}}, output);
 }
 

@@ -40,7 +40,7 @@ struct RequestError {
 };
 
 // Largest request accepted, line feed included.
-inline constexpr std::size_t maximumRequestBytes = 16 * 1024 * 1024;
+inline constexpr std::size_t maximumRequestBytes = 4 * 1024 * 1024;
 // Deepest nesting of arrays and objects accepted in a request.
 inline constexpr int maximumRequestDepth = 32;
 // Largest terminal dimension accepted, in cells.

@@ -1,18 +1,27 @@
 // Server: the event loop. Each turn builds the poll(2) set from the state of
-// every session and client, waits for the soonest deadline, then serves signals,
-// terminals, clients and new connections in that order (terminals before
-// clients, so that a poll answered in this turn sees what just arrived).
+// every session, client and pending start, waits for the soonest deadline, then
+// serves signals, terminals, clients, parsed requests, shell starts and new
+// connections in that order (terminals before clients, so that a poll answered
+// in this turn sees what just arrived). No single failure ends the loop: a poll
+// error is retried, and an exception ends only the request it came from.
 #include "Server.h"
 
 #include <poll.h>
 #include <signal.h>
 #include <sys/wait.h>
 
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+#if defined(__linux__)
+#include <sys/syscall.h>
+#include <unistd.h>
+#endif
+
 #include <algorithm>
 #include <cerrno>
 
 #include "Reply.h"
-#include "Shell.h"
 
 namespace hl::node {
 
@@ -21,102 +30,151 @@ namespace {
 // Terminal bytes read from one session per turn, so that one flood cannot starve
 // the others.
 constexpr std::size_t readBudgetPerTurn = 1024 * 1024;
+// Request bytes read from one client per turn.
+constexpr std::size_t clientBudgetPerTurn = 256 * 1024;
+// Clients accepted per turn.
+constexpr int acceptsPerTurn = 64;
 // How long accepting pauses when the node runs out of descriptors.
 constexpr std::chrono::milliseconds acceptPause{100};
+// How long the loop rests after a failed poll(2) before it tries again.
+constexpr int pollRetryMilliseconds = 10;
+
+// Sends SIGKILL through a pidfd; harmless once the process has been reaped.
+void killThroughPidfd(int pidfd) {
+#if defined(__linux__) && defined(SYS_pidfd_send_signal)
+    if (pidfd >= 0) ::syscall(SYS_pidfd_send_signal, pidfd, SIGKILL, nullptr, 0);
+#else
+    (void)pidfd;
+#endif
+}
 
 }  // namespace
 
-Server::Server(Listener listener) : listener_(std::move(listener)) {}
+Server::Server(Listener listener, ShellSetup shell, RequestHook hook)
+    : listener_(std::move(listener)), shell_(std::move(shell)), hook_(std::move(hook)) {}
 
 void Server::run() {
-    enum class Kind { Signals, Listener, Session, Client };
+    while (!stopping_) {
+        try {
+            turn();
+        } catch (...) {
+            // Whatever failed is forgotten with its turn; the node goes on.
+        }
+    }
+    shutDown();
+}
+
+void Server::turn() {
+    enum class Kind { Signals, Parser, Listener, Session, Client, Start };
     struct Target {
         Kind kind;
         void* object;
+        std::size_t index;
     };
     std::vector<pollfd> fds;
     std::vector<Target> targets;
-
-    while (!stopping_) {
-        auto now = Clock::now();
-        fds.clear();
-        targets.clear();
-        auto watch = [&](int fd, short events, Kind kind, void* object) {
-            fds.push_back({fd, events, 0});
-            targets.push_back({kind, object});
-        };
-        watch(signals_.fd(), POLLIN, Kind::Signals, nullptr);
-        for (auto& [id, session] : sessions_) {
-            const short events = static_cast<short>((session->wantsOutput() ? POLLIN : 0) |
-                                                    (session->wantsToWrite() ? POLLOUT : 0));
-            if (events) watch(session->masterFd(), events, Kind::Session, session.get());
-        }
-        for (auto& client : clients_) {
-            const bool reading = client->state() == Connection::State::Reading;
-            watch(client->fd(), reading ? POLLIN : POLLOUT, Kind::Client, client.get());
-        }
-        if (now >= acceptPausedUntil_ && clients_.size() < maximumClients) {
-            watch(listener_.fd(), POLLIN, Kind::Listener, nullptr);
-        }
-
-        if (::poll(fds.data(), fds.size(), pollTimeout(now)) < 0 && errno != EINTR) break;
-        now = Clock::now();
-
-        for (std::size_t i = 0; i < fds.size(); ++i) {
-            const short revents = fds[i].revents;
-            if (revents == 0) continue;
-            const Target& target = targets[i];
-            switch (target.kind) {
-                case Kind::Signals: {
-                    const auto arrived = signals_.drain();
-                    if (arrived.child) reapChildren();
-                    if (arrived.stop) stopping_ = true;
-                    break;
-                }
-                case Kind::Session: {
-                    auto* session = static_cast<Session*>(target.object);
-                    if (revents & POLLOUT) session->writeInput();
-                    if (revents & (POLLIN | POLLHUP | POLLERR))
-                        session->readOutput(readBudgetPerTurn);
-                    break;
-                }
-                case Kind::Client: {
-                    auto* client = static_cast<Connection*>(target.object);
-                    if (client->state() == Connection::State::Reading) {
-                        readClient(*client, now);
-                    } else if (client->state() == Connection::State::Writing) {
-                        client->writeReply(now);
-                    }
-                    break;
-                }
-                case Kind::Listener:
-                    acceptClients(now);
-                    break;
-            }
-        }
-        expireDeadlines(now);
-        std::erase_if(clients_, [](const auto& client) {
-            return client->state() == Connection::State::Done;
-        });
+    auto now = Clock::now();
+    auto watch = [&](int fd, short events, Kind kind, void* object, std::size_t index = 0) {
+        fds.push_back({fd, events, 0});
+        targets.push_back({kind, object, index});
+    };
+    watch(signals_.fd(), POLLIN, Kind::Signals, nullptr);
+    for (auto& [id, session] : sessions_) {
+        const short events = static_cast<short>((session->wantsOutput(now) ? POLLIN : 0) |
+                                                (session->wantsToWrite() ? POLLOUT : 0));
+        if (events) watch(session->masterFd(), events, Kind::Session, session.get());
     }
+    for (auto& client : clients_) {
+        if (client->state() == Connection::State::Reading)
+            watch(client->fd(), POLLIN, Kind::Client, client.get());
+        else if (client->state() == Connection::State::Writing)
+            watch(client->fd(), POLLOUT, Kind::Client, client.get());
+    }
+    watch(parser_.fd(), POLLIN, Kind::Parser, nullptr);
+    for (std::size_t i = 0; i < pendingStarts_.size(); ++i)
+        watch(pendingStarts_[i].shell.report.get(), POLLIN, Kind::Start, nullptr, i);
+    // The listener is always watched: a full node makes room for a new client.
+    if (now >= acceptPausedUntil_) watch(listener_.fd(), POLLIN, Kind::Listener, nullptr);
 
-    const auto now = Clock::now();
-    for (const auto& [id, session] : sessions_)
-        hangUpSession(*session, now);
-    listener_.removeSocket();
+    if (::poll(fds.data(), fds.size(), pollTimeout(now)) < 0) {
+        if (errno != EINTR) ::poll(nullptr, 0, pollRetryMilliseconds);
+        return;
+    }
+    now = Clock::now();
+    memoryInUse_ = clientMemory();
+
+    for (std::size_t i = 0; i < fds.size(); ++i) {
+        const short revents = fds[i].revents;
+        if (revents == 0) continue;
+        const Target& target = targets[i];
+        switch (target.kind) {
+            case Kind::Signals: {
+                const auto arrived = signals_.drain();
+                if (arrived.child) reapChildren(now);
+                if (arrived.stop) stopping_ = true;
+                break;
+            }
+            case Kind::Session: {
+                auto* session = static_cast<Session*>(target.object);
+                if (revents & POLLOUT) session->writeInput();
+                if (revents & (POLLIN | POLLHUP | POLLERR))
+                    session->readOutput(readBudgetPerTurn, now);
+                break;
+            }
+            case Kind::Client: {
+                auto* client = static_cast<Connection*>(target.object);
+                if (client->state() == Connection::State::Reading) {
+                    readClient(*client, now);
+                } else if (client->state() == Connection::State::Writing) {
+                    client->writeReply();
+                }
+                break;
+            }
+            case Kind::Parser:
+                takeParsed(now);
+                break;
+            case Kind::Start: {
+                auto& start = pendingStarts_[target.index];
+                finishStart(start, readStartReport(start.shell.report.get(), start.cwd), now);
+                break;
+            }
+            case Kind::Listener:
+                acceptClients(now);
+                break;
+        }
+    }
+    expireDeadlines(now);
+    std::erase_if(pendingStarts_, [](const PendingStart& start) { return !start.shell.report; });
+    std::erase_if(clients_,
+                  [](const auto& client) { return client->state() == Connection::State::Done; });
+    trimMemory();
 }
 
 void Server::acceptClients(Clock::time_point now) {
-    while (clients_.size() < maximumClients) {
-        auto accepted = listener_.accept();
-        if (!accepted) {
+    for (int accepted = 0; accepted < acceptsPerTurn; ++accepted) {
+        auto fd = listener_.accept();
+        if (!fd) {
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
                 acceptPausedUntil_ = now + acceptPause;
             }
             return;
         }
-        if (!*accepted) continue;  // another user: closed without a reply
-        auto client = std::make_unique<Connection>(std::move(*accepted), now);
+        if (!*fd) continue;  // another user: closed without a reply
+        if (clients_.size() >= maximumClients) {
+            // The oldest client that is still sending gives up its place.
+            auto oldest = std::min_element(
+                clients_.begin(), clients_.end(), [](const auto& a, const auto& b) {
+                    const bool aReading = a->state() == Connection::State::Reading;
+                    const bool bReading = b->state() == Connection::State::Reading;
+                    if (aReading != bReading) return aReading;
+                    return a->deadline() < b->deadline();
+                });
+            if (oldest != clients_.end()) {
+                (*oldest)->drop();
+                clients_.erase(oldest);
+            }
+        }
+        auto client = std::make_unique<Connection>(std::move(*fd), nextTicket_++, now);
         // Most clients have written their request before the accept.
         readClient(*client, now);
         if (client->state() != Connection::State::Done) clients_.push_back(std::move(client));
@@ -124,31 +182,70 @@ void Server::acceptClients(Clock::time_point now) {
 }
 
 void Server::readClient(Connection& client, Clock::time_point now) {
-    auto text = client.readRequest(now);
+    const std::size_t before = client.memory();
+    const std::size_t others = memoryInUse_ > before ? memoryInUse_ - before : 0;
+    const std::size_t allowance = clientMemoryLimit > others ? clientMemoryLimit - others : 0;
+    auto text = client.readRequest(clientBudgetPerTurn, allowance);
+    memoryInUse_ = others + client.memory();
     if (!text) return;
-    std::string reply;
     if (client.oversized()) {
-        reply = failureReply("request is too large (the limit is " +
-                             std::to_string(maximumRequestBytes) + " bytes)");
+        client.sendReply(failureReply("request is too large (the limit is " +
+                                      std::to_string(maximumRequestBytes) + " bytes)"));
     } else if (text->empty()) {
-        reply = failureReply("empty request");
+        client.sendReply(failureReply("empty request"));
+    } else if (text->size() > ParseWorker::inlineLimit) {
+        memoryInUse_ += text->size();
+        parser_.submit(client.ticket(), std::move(*text));
     } else {
-        auto parsed = parseRequest(*text);
-        if (auto* error = std::get_if<RequestError>(&parsed)) {
-            reply = failureReply(error->text);
-        } else {
-            reply = handle(std::get<Request>(parsed), now);
-        }
+        respond(client, parseRequest(*text), now);
     }
-    client.sendReply(std::move(reply), now);
 }
 
-void Server::reapChildren() {
+void Server::respond(Connection& client, const ParseWorker::Parsed& parsed, Clock::time_point now) {
+    std::optional<std::string> reply;
+    try {
+        if (const auto* error = std::get_if<RequestError>(&parsed)) {
+            reply = failureReply(error->text);
+        } else {
+            const auto& request = std::get<Request>(parsed);
+            const bool carriesOutput = request.operation == Operation::Poll ||
+                                       request.operation == Operation::ReplaySession;
+            // Output is taken only when its reply can be held.
+            if (carriesOutput && outputAllowance() == 0) {
+                client.drop();
+                return;
+            }
+            if (hook_) hook_(request);
+            reply = handle(request, client.ticket(), now);
+        }
+    } catch (const std::exception& error) {
+        reply = failureReply(std::string("request failed: ") + error.what());
+    } catch (...) {
+        reply = failureReply("request failed");
+    }
+    if (reply) {
+        client.sendReply(std::move(*reply));
+        memoryInUse_ += client.memory();
+    }
+}
+
+void Server::takeParsed(Clock::time_point now) {
+    for (auto& result : parser_.takeResults()) {
+        Connection* client = findClient(result.ticket);
+        if (client && client->state() == Connection::State::Waiting)
+            respond(*client, result.parsed, now);
+    }
+}
+
+void Server::reapChildren(Clock::time_point now) {
     int status = 0;
     pid_t pid;
     while ((pid = ::waitpid(-1, &status, WNOHANG)) > 0) {
         for (auto& [id, session] : sessions_) {
-            if (session->shellPid() == pid) session->shellEnded();
+            if (session->shellPid() == pid) session->shellEnded(now);
+        }
+        for (auto& start : pendingStarts_) {
+            if (start.shell.pid == pid) start.reaped = true;
         }
     }
 }
@@ -157,13 +254,18 @@ void Server::expireDeadlines(Clock::time_point now) {
     for (auto& client : clients_) {
         if (client->state() != Connection::State::Done && now >= client->deadline()) client->drop();
     }
+    for (auto& start : pendingStarts_) {
+        if (start.shell.report && now >= start.due) {
+            finishStart(start,
+                        "cwd cannot be entered: " + start.cwd + " (no answer within " +
+                            std::to_string(startTimeout.count()) + " s)",
+                        now);
+        }
+    }
     std::erase_if(pendingKills_, [&](const PendingKill& kill) {
         if (now < kill.due) return false;
-        // A new shell that happens to have the same pid is not the old session.
-        const bool reused = std::any_of(sessions_.begin(), sessions_.end(), [&](const auto& entry) {
-            return entry.second->shellPid() == kill.leader;
-        });
-        if (!reused) signalSession(kill.leader, SIGKILL);
+        killThroughPidfd(kill.pidfd.get());
+        signalSession(kill.leader, SIGKILL, kill.startedBy);
         return true;
     });
 }
@@ -177,6 +279,11 @@ int Server::pollTimeout(Clock::time_point now) const {
         consider(client->deadline());
     for (const auto& kill : pendingKills_)
         consider(kill.due);
+    for (const auto& start : pendingStarts_)
+        consider(start.due);
+    for (const auto& [id, session] : sessions_) {
+        if (auto due = session->flowDeadline(now)) consider(*due);
+    }
     if (acceptPausedUntil_ > now) consider(acceptPausedUntil_);
     if (!soonest) return -1;
     if (*soonest <= now) return 0;
@@ -184,11 +291,68 @@ int Server::pollTimeout(Clock::time_point now) const {
     return static_cast<int>(std::min<std::int64_t>(wait.count(), 60'000));
 }
 
-void Server::hangUpSession(const Session& session, Clock::time_point now) {
+void Server::hangUpSession(Session& session, Clock::time_point now) {
+    // A shell reaped long ago may have had its pid reused: only processes that
+    // existed when it ended (or now, if it runs) belong to the session.
+    const unsigned long long startedBy =
+        session.reapedAt() ? session.reapedAt() : processClockNow();
     // SIGCONT wakes stopped jobs so that they see the hang-up.
-    signalSession(session.shellPid(), SIGHUP);
-    signalSession(session.shellPid(), SIGCONT);
-    pendingKills_.push_back({session.shellPid(), now + killGrace});
+    signalSession(session.shellPid(), SIGHUP, startedBy);
+    signalSession(session.shellPid(), SIGCONT, startedBy);
+    pendingKills_.push_back({session.shellPid(), startedBy, session.takePidfd(), now + killGrace});
+}
+
+void Server::shutDown() {
+    auto now = Clock::now();
+    listener_.removeSocket();
+    clients_.clear();
+    for (auto& start : pendingStarts_)
+        ::kill(start.shell.pid, SIGKILL);
+    pendingStarts_.clear();
+    for (auto& [id, session] : sessions_)
+        hangUpSession(*session, now);
+    sessions_.clear();
+    while (!pendingKills_.empty()) {
+        pollfd waiting{signals_.fd(), POLLIN, 0};
+        ::poll(&waiting, 1, pollTimeout(now));
+        signals_.drain();
+        reapChildren(now);
+        now = Clock::now();
+        expireDeadlines(now);
+    }
+}
+
+std::size_t Server::clientMemory() const {
+    std::size_t total = parser_.bytesHeld();
+    for (const auto& client : clients_)
+        total += client->memory();
+    return total;
+}
+
+std::size_t Server::outputAllowance() const {
+    // Base64 makes four bytes of three; some room stays for the envelope.
+    constexpr std::size_t envelope = 4096;
+    const std::size_t free =
+        clientMemoryLimit > memoryInUse_ ? clientMemoryLimit - memoryInUse_ : 0;
+    if (free < 2 * envelope) return 0;
+    return std::min(maximumOutputPerReply, (free - envelope) / 4 * 3);
+}
+
+void Server::trimMemory() {
+    memoryPeak_ = std::max(memoryPeak_, memoryInUse_);
+#if defined(__GLIBC__)
+    if (memoryPeak_ > 8 * 1024 * 1024 && clientMemory() < 1024 * 1024) {
+        ::malloc_trim(0);
+        memoryPeak_ = 0;
+    }
+#endif
+}
+
+Connection* Server::findClient(std::uint64_t ticket) const {
+    for (const auto& client : clients_) {
+        if (client->ticket() == ticket) return client.get();
+    }
+    return nullptr;
 }
 
 }  // namespace hl::node

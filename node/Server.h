@@ -1,23 +1,32 @@
 // Server: the node's one event loop over its socket, its clients, its shells'
-// terminals, the signal pipe and a handful of deadlines.
+// terminals, the signal pipe, the parse worker and a handful of deadlines.
 //
-// Words used here: a *client* is one Connection; a *session* is one Session,
-// known by the id that create_session handed out; a *pending kill* is a closed
-// session whose processes get SIGKILL if they are still there after a grace.
+// Words used here: a *client* is one Connection, named by its ticket; a
+// *session* is one Session, known by the id that create_session handed out; a
+// *pending start* is a shell forked for create_session whose child has not yet
+// reported that it runs; a *pending kill* is a closed session whose processes
+// get SIGKILL if they are still there after a grace. *Client memory* is what
+// all connections and queued request texts hold together; it is capped, and a
+// client that would pass the cap is dropped.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
+#include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <vector>
 
 #include "Connection.h"
 #include "Listener.h"
+#include "ParseWorker.h"
 #include "Request.h"
 #include "Session.h"
+#include "Shell.h"
 #include "Signals.h"
 
 namespace hl::node {
@@ -27,49 +36,94 @@ class Server {
     using Clock = std::chrono::steady_clock;
     // Time that the processes of a closed session get between SIGHUP and SIGKILL.
     static constexpr std::chrono::milliseconds killGrace{1500};
-    // Most clients served at once; more wait in the socket's backlog.
-    static constexpr std::size_t maximumClients = 4096;
+    // Most clients held at once; a new client past it takes the place of the oldest.
+    static constexpr std::size_t maximumClients = 1024;
+    // Most bytes that all clients' requests and replies may hold together.
+    static constexpr std::size_t clientMemoryLimit = 64 * 1024 * 1024;
+    // Longest wait for a shell's child to enter its directory and run the shell.
+    static constexpr std::chrono::seconds startTimeout{10};
 
-    explicit Server(Listener listener);
+    // Called with each request before it is handled; a test build of the node
+    // uses it to make requests fail. The production node has none.
+    using RequestHook = std::function<void(const Request&)>;
 
-    // Serves until SIGTERM or SIGINT, then hangs up every session.
+    Server(Listener listener, ShellSetup shell, RequestHook hook = {});
+
+    // Serves until SIGTERM or SIGINT, then hangs up every session and waits out
+    // the grace of every pending kill.
     void run();
 
   private:
     struct PendingKill {
         pid_t leader;
+        unsigned long long startedBy;  // processes started later are not the session's
+        UniqueFd pidfd;
         Clock::time_point due;
     };
+    struct PendingStart {
+        ShellProcess shell;
+        std::string cwd;
+        std::uint64_t ticket;
+        Clock::time_point due;
+        bool reaped = false;
+    };
 
+    // One turn of the loop: wait, then serve what is ready.
+    void turn();
     // Accepts waiting clients and serves those whose request is already there.
     void acceptClients(Clock::time_point now);
     // Reads from a client and answers once its request is complete.
     void readClient(Connection& client, Clock::time_point now);
+    // Answers a parsed request (or leaves the client waiting for a shell start).
+    void respond(Connection& client, const ParseWorker::Parsed& parsed, Clock::time_point now);
+    // Serves the parse worker's results.
+    void takeParsed(Clock::time_point now);
+    // Completes a pending start once its child has reported or timed out.
+    void finishStart(PendingStart& start, std::optional<std::string> failure,
+                     Clock::time_point now);
     // Reaps every child that has ended.
-    void reapChildren();
-    // Drops silent clients and kills what outlived its grace.
+    void reapChildren(Clock::time_point now);
+    // Drops clients past their time, fails late starts, kills what outlived its grace.
     void expireDeadlines(Clock::time_point now);
     // The soonest deadline, as a timeout for poll(2) in milliseconds (-1: none).
     int pollTimeout(Clock::time_point now) const;
     // Sends SIGHUP to every group of the session and arranges the SIGKILL.
-    void hangUpSession(const Session& session, Clock::time_point now);
+    void hangUpSession(Session& session, Clock::time_point now);
+    // Hangs up every session and waits until every pending kill is sent.
+    void shutDown();
+    // Bytes that the clients and queued requests hold now.
+    std::size_t clientMemory() const;
+    // Terminal bytes that one reply may carry within the client memory left.
+    std::size_t outputAllowance() const;
+    // Gives freed memory back to the system after a burst.
+    void trimMemory();
+    Connection* findClient(std::uint64_t ticket) const;
 
-    // The reply to one request (Operations.cpp).
-    std::string handle(const Request& request, Clock::time_point now);
+    // The reply to one request (Operations.cpp); absent when it comes later.
+    std::optional<std::string> handle(const Request& request, std::uint64_t ticket,
+                                      Clock::time_point now);
     std::string listSessions() const;
-    std::string replaySession(const Request& request);
-    std::string createSession(const Request& request);
-    std::string pollSession(const Request& request);
+    std::string replaySession(const Request& request, Clock::time_point now);
+    std::optional<std::string> createSession(const Request& request, std::uint64_t ticket,
+                                             Clock::time_point now);
+    std::string pollSession(const Request& request, Clock::time_point now);
     std::string inputSession(const Request& request);
     std::string resizeSession(const Request& request);
     std::string closeSession(const Request& request, Clock::time_point now);
     Session* findSession(const std::string& id) const;
 
     Listener listener_;
+    ShellSetup shell_;
+    RequestHook hook_;
     SignalPipe signals_;
+    ParseWorker parser_;
     std::map<std::string, std::unique_ptr<Session>> sessions_;
     std::vector<std::unique_ptr<Connection>> clients_;
+    std::vector<PendingStart> pendingStarts_;
     std::vector<PendingKill> pendingKills_;
+    std::uint64_t nextTicket_ = 1;
+    std::size_t memoryInUse_ = 0;
+    std::size_t memoryPeak_ = 0;
     Clock::time_point acceptPausedUntil_{};
     bool stopping_ = false;
 };

@@ -7,6 +7,8 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "Shell.h"
+
 namespace hl::node {
 
 namespace {
@@ -14,30 +16,71 @@ namespace {
 constexpr std::size_t readChunk = 64 * 1024;
 }  // namespace
 
-Session::Session(std::string id, std::string cwd, pid_t shellPid, UniqueFd master)
-    : id_(std::move(id)), cwd_(std::move(cwd)), shellPid_(shellPid), master_(std::move(master)) {}
+Session::Session(std::string id, std::string cwd, pid_t shellPid, UniqueFd master, UniqueFd pidfd,
+                 Clock::time_point now)
+    : id_(std::move(id)),
+      directory_(std::move(cwd)),
+      shellPid_(shellPid),
+      master_(std::move(master)),
+      pidfd_(std::move(pidfd)),
+      lastPoll_(now) {}
 
-void Session::readOutput(std::size_t budget) {
+const std::string& Session::directory() {
+    if (!shellReaped_) {
+        if (auto now = processDirectory(shellPid_)) directory_ = std::move(*now);
+    }
+    return directory_;
+}
+
+void Session::markPolled(Clock::time_point now) {
+    if (missed_ > 0 && !attended(now)) {
+        pending_.release();
+        pending_.append(tail_.back(std::min(missed_, tailLimit)));
+    }
+    missed_ = 0;
+    lastPoll_ = now;
+}
+
+std::optional<Session::Clock::time_point> Session::flowDeadline(Clock::time_point now) const {
+    if (!master_ || pending_.space() > 0 || !attended(now)) return std::nullopt;
+    return lastPoll_ + unattendedAfter;
+}
+
+void Session::readOutput(std::size_t budget, Clock::time_point now) {
+    const bool flowControl = attended(now);
+    // Unattended, nobody will poll what pending holds: the tail is enough.
+    if (!flowControl && !pending_.empty()) {
+        missed_ += pending_.size();
+        pending_.release();
+    }
     char chunk[readChunk];
-    while (master_ && budget > 0 && pending_.space() > 0) {
-        const std::size_t want = std::min({readChunk, budget, pending_.space()});
+    bool readSome = false;
+    while (master_ && budget > 0 && (!flowControl || pending_.space() > 0)) {
+        const std::size_t want =
+            std::min({readChunk, budget, flowControl ? pending_.space() : readChunk});
         const ssize_t n = ::read(master_.get(), chunk, want);
         if (n > 0) {
             const std::string_view bytes(chunk, static_cast<std::size_t>(n));
-            pending_.append(bytes);
+            if (flowControl)
+                pending_.append(bytes);
+            else
+                missed_ += bytes.size();
             tail_.append(bytes);
             budget -= static_cast<std::size_t>(n);
+            readSome = true;
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
         if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
             // Nothing more now; after the shell's end that means all is drained.
             if (shellReaped_) drainedAfterExit_ = true;
-            return;
+            break;
         }
         // End of file (EIO on Linux once no process holds the terminal).
         hangUp();
     }
+    // Output usually follows a change of directory (the next prompt).
+    if (readSome) directory();
 }
 
 void Session::writeInput() {
@@ -84,9 +127,10 @@ std::string Session::replay(std::size_t count) {
     return tail_.back(count);
 }
 
-void Session::shellEnded() {
+void Session::shellEnded(Clock::time_point now) {
+    reapedAt_ = processClockNow();
     shellReaped_ = true;
-    readOutput(pending_.space());
+    readOutput(pending_.space(), now);
 }
 
 bool Session::exited() const {

@@ -2,39 +2,8 @@
 // outlive the application. Started with no arguments; listens on
 // $HARBORLATTICE_SOCKET or on node.sock in the support directory, and exits at
 // once (status 0) when another node already serves that socket. It keeps no log.
-#include <unistd.h>
-
-#include <cstdio>
-#include <variant>
-
-#include "Daemon.h"
-#include "Listener.h"
-#include "RuntimePaths.h"
-#include "Server.h"
-#include "Signals.h"
+#include "NodeMain.h"
 
 int main(int argc, char**) {
-    using namespace hl::node;
-    if (argc > 1) {
-        std::fputs("usage: harborlattice-node (no arguments)\n", stderr);
-        return 2;
-    }
-    ignoreHangups();
-    keepStandardDescriptors();
-    if (!detach()) return 1;
-    raiseDescriptorLimit();
-
-    auto opened = Listener::open(hl::RuntimePaths::socketPath());
-    if (std::holds_alternative<Listener::AlreadyServed>(opened)) return 0;
-    if (auto* failure = std::get_if<Listener::Failure>(&opened)) {
-        // Seen only by someone who started the node by hand; the application
-        // gives it the null device.
-        std::fprintf(stderr, "harborlattice-node: %s\n", failure->reason.c_str());
-        return 1;
-    }
-    // The node holds no directory busy.
-    if (::chdir("/") != 0) return 1;
-    Server server(std::move(std::get<Listener>(opened)));
-    server.run();
-    return 0;
+    return hl::node::nodeMain(argc, {});
 }

@@ -1,11 +1,15 @@
-// UnixSocketClient: connect, one write, half-close, read to a line feed or end
-// of file (capped), then decode by the protocol's rules.
+// UnixSocketClient: connect, check the peer, one write, half-close, read to a
+// line feed or end of file (capped, with a receive time-out), then decode by the
+// protocol's rules.
 #include "NodeClient.h"
 
+#include <fcntl.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <nlohmann/json.hpp>
 
@@ -94,25 +98,50 @@ const char* NodeClientError::what() const noexcept {
 
 namespace {
 
-// Converts one reply member: text, then number or bool, then array; all else is null.
-JSONValue convert(const nlohmann::json& value) {
+// Converts one reply member: text, then number or bool, then array; all else is
+// null. Arrays nested deeper than maximumReplyDepth make the reply invalid.
+JSONValue convert(const nlohmann::json& value, int depth = 1) {
     if (value.is_string()) return JSONValue::string(value.get<std::string>());
     if (value.is_boolean()) return JSONValue::boolean(value.get<bool>());
     if (value.is_number()) return JSONValue::number(value.get<double>());
     if (value.is_array()) {
+        if (depth > maximumReplyDepth) throw NodeClientError::invalidResponse();
         std::vector<JSONValue> items;
         items.reserve(value.size());
         for (const auto& item : value)
-            items.push_back(convert(item));
+            items.push_back(convert(item, depth + 1));
         return JSONValue::array(std::move(items));
     }
     return JSONValue::null();
 }
 
+// Whether the peer of a connected socket runs as this process's user.
+bool peerIsOwner(int fd) {
+#if defined(SO_PEERCRED)
+    ucred credentials{};
+    socklen_t length = sizeof credentials;
+    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return false;
+    return credentials.uid == ::geteuid();
+#else
+    uid_t uid = 0;
+    gid_t gid = 0;
+    if (::getpeereid(fd, &uid, &gid) != 0) return false;
+    return uid == ::geteuid();
+#endif
+}
+
+// Sets one of the socket's time-outs.
+void setTimeout(int fd, int option, std::chrono::milliseconds timeout) {
+    timeval value{};
+    value.tv_sec = static_cast<time_t>(timeout.count() / 1000);
+    value.tv_usec = static_cast<suseconds_t>((timeout.count() % 1000) * 1000);
+    ::setsockopt(fd, SOL_SOCKET, option, &value, sizeof value);
+}
+
 std::string encodeRequest(const std::string& op, const NodeRequestData& data) {
     nlohmann::json members = nlohmann::json::object();
-    for (const auto& [key, value] : data) {
-        std::visit([&](const auto& v) { members[key] = v; }, value);
+    for (const auto& entry : data) {
+        std::visit([&](const auto& v) { members[entry.first] = v; }, entry.second);
     }
     nlohmann::json envelope = {{"version", 1}, {"op", op}, {"data", std::move(members)}};
     return envelope.dump() + "\n";
@@ -121,7 +150,13 @@ std::string encodeRequest(const std::string& op, const NodeRequestData& data) {
 }  // namespace
 
 NodeResponse decodeNodeReply(const std::string& reply) {
-    const auto top = nlohmann::json::parse(reply);  // the parser's own error passes up
+    nlohmann::json top;
+    try {
+        top = nlohmann::json::parse(reply);  // the parser's own error passes up
+    } catch (const nlohmann::json::out_of_range&) {
+        // Valid JSON that the parser cannot hold, such as the number 1e400.
+        throw NodeClientError::invalidResponse();
+    }
     if (!top.is_object()) throw NodeClientError::invalidResponse();
     auto ok = top.find("ok");
     if (ok == top.end() || !ok->is_boolean()) throw NodeClientError::invalidResponse();
@@ -140,12 +175,19 @@ NodeResponse decodeNodeReply(const std::string& reply) {
     return response;
 }
 
-UnixSocketClient::UnixSocketClient() : socketPath_(RuntimePaths::socketPath()) {}
+UnixSocketClient::UnixSocketClient()
+    : socketPath_(RuntimePaths::socketPath()), timeout_(receiveTimeout) {}
 
-UnixSocketClient::UnixSocketClient(std::string socketPath) : socketPath_(std::move(socketPath)) {}
+UnixSocketClient::UnixSocketClient(std::string socketPath, std::chrono::milliseconds timeout)
+    : socketPath_(std::move(socketPath)), timeout_(timeout) {}
 
 NodeResponse UnixSocketClient::request(const std::string& op, const NodeRequestData& data) const {
+#ifdef SOCK_CLOEXEC
+    UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+#else
     UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM, 0));
+    if (fd) ::fcntl(fd.get(), F_SETFD, FD_CLOEXEC);
+#endif
     if (!fd) throw NodeClientError::connection();
 #ifdef SO_NOSIGPIPE
     int one = 1;
@@ -164,6 +206,10 @@ NodeResponse UnixSocketClient::request(const std::string& op, const NodeRequestD
     if (::connect(fd.get(), reinterpret_cast<const sockaddr*>(&address), length) != 0) {
         throw NodeClientError::connection();
     }
+    // A socket that another user serves could read every keystroke: no node of ours.
+    if (!peerIsOwner(fd.get())) throw NodeClientError::connection();
+    setTimeout(fd.get(), SO_SNDTIMEO, timeout_);
+    setTimeout(fd.get(), SO_RCVTIMEO, timeout_);
 
     const std::string message = encodeRequest(op, data);
 #ifdef MSG_NOSIGNAL
@@ -180,6 +226,9 @@ NodeResponse UnixSocketClient::request(const std::string& op, const NodeRequestD
     std::string buffer(65536, '\0');
     while (accumulator.size() <= maximumReplyBytes) {
         const ssize_t n = ::read(fd.get(), buffer.data(), buffer.size());
+        if (n < 0 && errno == EINTR) continue;
+        // A node that does not answer in time is as good as none.
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) throw NodeClientError::connection();
         if (n < 0) throw NodeClientError::invalidResponse();
         if (n == 0) break;
         accumulator.append(buffer.data(), static_cast<std::size_t>(n));

@@ -6,6 +6,7 @@
 // nested inside a reply's data are deliberately flattened to null).
 #pragma once
 
+#include <chrono>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -90,7 +91,8 @@ class UnixSocketClient final : public NodeClientTransport {
   public:
     // Connects to RuntimePaths::socketPath(), read now.
     UnixSocketClient();
-    explicit UnixSocketClient(std::string socketPath);
+    explicit UnixSocketClient(std::string socketPath,
+                              std::chrono::milliseconds timeout = receiveTimeout);
 
     const std::string& socketPath() const { return socketPath_; }
     NodeResponse request(const std::string& op, const NodeRequestData& data = {}) const override;
@@ -99,10 +101,18 @@ class UnixSocketClient final : public NodeClientTransport {
     static constexpr std::size_t maximumPathBytes = 104;
     // Reading stops once more than this many reply bytes have arrived.
     static constexpr std::size_t maximumReplyBytes = 8 * 1024 * 1024;
+    // A node that takes longer than this to take a request or to answer it is
+    // reported as unavailable (the node answers every request within its own
+    // limits, the slowest being a shell start of at most 10 s).
+    static constexpr std::chrono::milliseconds receiveTimeout{15'000};
 
   private:
     std::string socketPath_;
+    std::chrono::milliseconds timeout_;
 };
+
+// Deepest nesting of arrays converted from a reply's data; deeper is invalid.
+inline constexpr int maximumReplyDepth = 16;
 
 // Decodes one complete reply text by the protocol's rules (exposed for tests and
 // for other transports).

@@ -1,12 +1,15 @@
-// NodeSupervisor: health check, then a detached launch of the node.
+// NodeSupervisor: health check, then a detached launch of the node through
+// posix_spawn.
 #include "NodeSupervisor.h"
 
 #include <fcntl.h>
 #include <signal.h>
+#include <spawn.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 #include <thread>
 #include <vector>
@@ -62,42 +65,57 @@ std::vector<std::string> childEnvironment() {
 
 bool launchDetached(const fs::path& executable, const fs::path& workingDirectory,
                     const std::vector<std::string>& environment) {
-    // Everything the children need is prepared here: after fork only
-    // async-signal-safe calls are made.
     std::vector<char*> envp;
     for (const auto& entry : environment)
         envp.push_back(const_cast<char*>(entry.c_str()));
     envp.push_back(nullptr);
     const std::string program = executable.string();
-    const std::string directory = workingDirectory.string();
     char* argv[] = {const_cast<char*>(program.c_str()), nullptr};
 
-    const pid_t intermediate = ::fork();
-    if (intermediate < 0) return false;
-    if (intermediate == 0) {
-        // The intermediate child forks the node and exits, so the node is
-        // adopted by init and never becomes our zombie; the node leads a
-        // session of its own, away from our terminal and process group.
-        const pid_t node = ::fork();
-        if (node != 0) ::_exit(node < 0 ? 1 : 0);
-        ::setsid();
-        sigset_t none;
-        sigemptyset(&none);
-        ::sigprocmask(SIG_SETMASK, &none, nullptr);
-        const int null = ::open("/dev/null", O_RDWR);
-        if (null < 0) ::_exit(127);
-        ::dup2(null, 0);
-        ::dup2(null, 1);
-        ::dup2(null, 2);
-        if (null > 2) ::close(null);
-        if (::chdir(directory.c_str()) != 0) ::_exit(127);
-        ::execve(program.c_str(), argv, envp.data());
-        ::_exit(127);
+    // posix_spawn is safe in a process with threads (no code of ours runs in
+    // the child); the child leads a session of its own, with stdio on the null
+    // device, an empty signal mask, default dispositions and no other descriptor.
+    posix_spawn_file_actions_t actions;
+    posix_spawnattr_t attributes;
+    if (::posix_spawn_file_actions_init(&actions) != 0) return false;
+    if (::posix_spawnattr_init(&attributes) != 0) {
+        ::posix_spawn_file_actions_destroy(&actions);
+        return false;
     }
-    int status = 0;
-    while (::waitpid(intermediate, &status, 0) < 0 && errno == EINTR) {
+    bool ready = true;
+    for (int fd = 0; fd < 3; ++fd) {
+        ready =
+            ready && ::posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0) == 0;
     }
-    return WIFEXITED(status) && WEXITSTATUS(status) == 0;
+    ready = ready && ::posix_spawn_file_actions_addclosefrom_np(&actions, 3) == 0;
+    ready =
+        ready && ::posix_spawn_file_actions_addchdir_np(&actions, workingDirectory.c_str()) == 0;
+    sigset_t none, all;
+    sigemptyset(&none);
+    sigfillset(&all);
+    sigdelset(&all, SIGKILL);
+    sigdelset(&all, SIGSTOP);
+    ready = ready && ::posix_spawnattr_setsigmask(&attributes, &none) == 0 &&
+            ::posix_spawnattr_setsigdefault(&attributes, &all) == 0 &&
+            ::posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSID | POSIX_SPAWN_SETSIGMASK |
+                                                        POSIX_SPAWN_SETSIGDEF) == 0;
+    pid_t pid = -1;
+    const bool started = ready && ::posix_spawn(&pid, program.c_str(), &actions, &attributes, argv,
+                                                envp.data()) == 0;
+    ::posix_spawn_file_actions_destroy(&actions);
+    ::posix_spawnattr_destroy(&attributes);
+    if (!started) return false;
+    // The node outlives the application; while both run, a thread of its own
+    // waits for it, so that it never lingers as a zombie.
+    try {
+        std::thread([pid] {
+            int status = 0;
+            while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
+            }
+        }).detach();
+    } catch (const std::system_error&) {
+    }
+    return true;
 }
 
 NodeSupervisor& NodeSupervisor::shared() {
@@ -149,17 +167,24 @@ void NodeSupervisor::check() {
 }
 
 std::optional<fs::path> NodeSupervisor::nodeExecutable() const {
+    // Relative paths are taken from the application's directory here, and made
+    // absolute before the node starts in the home directory.
+    auto absolute = [](const fs::path& path) {
+        std::error_code error;
+        fs::path result = fs::absolute(path, error);
+        return error ? path : result.lexically_normal();
+    };
     std::vector<fs::path> candidates;
     if (const char* explicitPath = std::getenv("HARBORLATTICE_NODE_EXECUTABLE")) {
-        candidates.emplace_back(explicitPath);
+        candidates.push_back(absolute(explicitPath));
     }
     if (auto directory = executableDirectory())
         candidates.push_back(*directory / "harborlattice-node");
     if (const char* root = std::getenv("HARBORLATTICE_ROOT")) {
-        candidates.push_back(fs::path(root) / "target" / "debug" / "harborlattice-node");
+        candidates.push_back(absolute(fs::path(root) / "target" / "debug" / "harborlattice-node"));
     }
     for (const auto& candidate : candidates) {
-        if (isExecutableFile(candidate)) return candidate;
+        if (candidate.is_absolute() && isExecutableFile(candidate)) return candidate;
     }
     return std::nullopt;
 }

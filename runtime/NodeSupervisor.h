@@ -38,9 +38,10 @@ class NodeSupervisor {
     bool launchInFlight_ = false;
 };
 
-// Starts `executable` with no arguments, detached from this process: its own
-// session, the home directory as working directory, stdio on /dev/null, and
-// the given environment. Returns false when it could not be started.
+// Starts `executable` (an absolute path) with no arguments, detached from this
+// process: its own session, the given working directory, stdio on /dev/null, no
+// other descriptor, and the given environment. Returns false when it could not
+// be started.
 bool launchDetached(const std::filesystem::path& executable,
                     const std::filesystem::path& workingDirectory,
                     const std::vector<std::string>& environment);

@@ -14,6 +14,7 @@ packages=(
   apache2 openssl
   libsodium-dev python3 dbus-daemon
   fonts-noto-color-emoji fonts-dejavu-core
+  clang libclang-rt-14-dev
 )
 
 missing=()

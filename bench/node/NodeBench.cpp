@@ -2,7 +2,7 @@
 // with tmux, measured side by side in one run. Not a test: run it by hand on a
 // release build and read the ratios.
 //
-//   node_bench [flood|idle|memory|echo|all] [--seconds N] [--megabytes N]
+//   node_bench [flood|idle|memory|echo|faults|unattended|all] [--seconds N] [--megabytes N]
 //
 // flood   bytes per second that a client polling like the application (poll; if
 //         the reply was full poll again at once, else wait 50 ms) receives from
@@ -13,6 +13,8 @@
 //         180 ms, beside a tmux server holding 50 idle panes.
 // memory  resident memory per additional idle session, against tmux per pane.
 // echo    time from an input request to its echo in a poll, over 1000 keys.
+// faults  health latency and memory under misbehaving clients (FaultRuns.cpp).
+// unattended  a shell printing N MiB that nobody polls (FaultRuns.cpp).
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -37,6 +39,7 @@
 #include <vector>
 
 #include "Base64.h"
+#include "FaultRuns.h"
 #include "NodeHarness.h"
 #include "Reply.h"
 
@@ -420,7 +423,8 @@ int main(int argc, char** argv) {
         } else {
             std::fprintf(
                 stderr,
-                "usage: node_bench [flood|idle|memory|echo|all] [--seconds N] [--megabytes N]\n");
+                "usage: node_bench [flood|idle|memory|echo|faults|unattended|all] [--seconds N] "
+                "[--megabytes N]\n");
             return 2;
         }
     }
@@ -434,6 +438,10 @@ int main(int argc, char** argv) {
     if (which == "idle" || which == "all") idle(folder, seconds);
     if (which == "memory" || which == "all") memory(folder);
     if (which == "echo" || which == "all") echo();
+    if (which == "faults" || which == "all") hl::node::bench::faultRuns();
+    if (which == "unattended" || which == "all")
+        hl::node::bench::unattended(
+            static_cast<unsigned>(std::min<std::size_t>(megabytes * 4, 1024)));
     capture({"rm", "-rf", folder});
     return 0;
 }

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <thread>
 
 #include "NodeHarness.h"
@@ -70,7 +71,7 @@ TEST(NodeDaemonTest, DetachesInPlaceAndLeavesALiveNodeAlone) {
     EXPECT_TRUE(node.closeSession(id));
 }
 
-TEST(NodeDaemonTest, ReplacesTheStaleSocketOfADeadNodeAndCreatesAPrivateFolder) {
+TEST(NodeDaemonTest, ReplacesTheStaleSocketOfADeadNodeAndMakesOnlyItsOwnFoldersPrivate) {
     const std::string base = makeTemporaryFolder();
     const std::string folder = base + "/nested/run";
     const std::string socketPath = folder + "/node.sock";
@@ -86,11 +87,11 @@ TEST(NodeDaemonTest, ReplacesTheStaleSocketOfADeadNodeAndCreatesAPrivateFolder) 
               std::filesystem::file_type::socket);
     EXPECT_THROW(UnixSocketClient(socketPath).request("health"), NodeClientError);
 
-    // An existing folder of ours that others can read is narrowed.
+    // An existing folder is not the node's: its mode stays as it is.
     ASSERT_EQ(::chmod(folder.c_str(), 0755), 0);
     pid_t second = startNode(socketPath);
     EXPECT_TRUE(answers(socketPath));
-    EXPECT_EQ(modeOf(folder), 0700);
+    EXPECT_EQ(modeOf(folder), 0755);
     EXPECT_EQ(modeOf(socketPath), 0600);
     stop(second);
 
@@ -101,6 +102,31 @@ TEST(NodeDaemonTest, ReplacesTheStaleSocketOfADeadNodeAndCreatesAPrivateFolder) 
     EXPECT_EQ(waitForExit(third, 10s), 1);
     EXPECT_EQ(std::filesystem::file_size(socketPath), 8u);
     std::filesystem::remove_all(base);
+}
+
+TEST(NodeDaemonTest, StoppingEndsEveryProcessOfEverySessionAfterTheGrace) {
+    NodeHarness node;
+    const auto id = node.createSession();
+    node.type(id, "(trap '' HUP; exec sleep 1001) & printf 'Q%s\\n' $!\n");
+    const auto out = node.pollUntil(id,
+                                    [](const PollResult& r) {
+                                        return std::regex_search(r.output, std::regex("Q[0-9]+"));
+                                    })
+                         .output;
+    std::smatch match;
+    ASSERT_TRUE(std::regex_search(out, match, std::regex("Q([0-9]+)")));
+    const pid_t stubborn = static_cast<pid_t>(std::stol(match[1]));
+    ASSERT_FALSE(processIsGone(stubborn));
+
+    ::kill(node.pid(), SIGTERM);
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    while (!processIsGone(node.pid()) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(20ms);
+    // The node has sent its late SIGKILL before it left.
+    const auto after = std::chrono::steady_clock::now() + 2s;
+    while (!processIsGone(stubborn) && std::chrono::steady_clock::now() < after)
+        std::this_thread::sleep_for(20ms);
+    EXPECT_TRUE(processIsGone(stubborn));
 }
 
 TEST(NodeDaemonTest, RefusesAnotherUserWithoutAReply) {

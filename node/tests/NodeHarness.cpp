@@ -29,7 +29,7 @@ std::string makeTemporaryFolder() {
     return pattern;
 }
 
-pid_t startNode(const std::string& socketPath) {
+pid_t startNode(const std::string& socketPath, const char* executable) {
     std::vector<std::string> environment;
     for (char** entry = environ; *entry; ++entry) {
         const std::string text = *entry;
@@ -46,14 +46,14 @@ pid_t startNode(const std::string& socketPath) {
     for (auto& entry : environment)
         envp.push_back(entry.data());
     envp.push_back(nullptr);
-    char* argv[] = {const_cast<char*>(HL_NODE_EXECUTABLE), nullptr};
+    char* argv[] = {const_cast<char*>(executable), nullptr};
 
     const pid_t pid = ::fork();
     if (pid == 0) {
         const int null = ::open("/dev/null", O_RDWR);
         for (int fd = 0; fd < 3; ++fd)
             ::dup2(null, fd);
-        ::execve(HL_NODE_EXECUTABLE, argv, envp.data());
+        ::execve(executable, argv, envp.data());
         ::_exit(127);
     }
     if (pid < 0) throw std::runtime_error("fork failed");
@@ -109,8 +109,9 @@ bool processIsGone(pid_t pid) {
            (line[close + 2] == 'Z' || line[close + 2] == 'X');
 }
 
-NodeHarness::NodeHarness() : folder_(makeTemporaryFolder()), socketPath_(folder_ + "/node.sock") {
-    pid_ = startNode(socketPath_);
+NodeHarness::NodeHarness(const char* executable)
+    : folder_(makeTemporaryFolder()), socketPath_(folder_ + "/node.sock") {
+    pid_ = startNode(socketPath_, executable);
     const auto deadline = std::chrono::steady_clock::now() + 10s;
     while (true) {
         try {

@@ -20,7 +20,7 @@ std::string makeTemporaryFolder();
 
 // Starts the node executable with HARBORLATTICE_SOCKET set and stdio on the
 // null device, as the application does; returns its pid.
-pid_t startNode(const std::string& socketPath);
+pid_t startNode(const std::string& socketPath, const char* executable = HL_NODE_EXECUTABLE);
 
 // Waits up to timeout for the process (a child of this one) to end; its exit
 // status, or -1 if it is still running.
@@ -40,7 +40,7 @@ struct PollResult {
 
 class NodeHarness {
   public:
-    NodeHarness();
+    explicit NodeHarness(const char* executable = HL_NODE_EXECUTABLE);
     ~NodeHarness();
     NodeHarness(const NodeHarness&) = delete;
     NodeHarness& operator=(const NodeHarness&) = delete;

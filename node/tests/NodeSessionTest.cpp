@@ -1,9 +1,12 @@
-// Real shells in real pseudo-terminals, held by a real node: echo, large and
-// slow output without loss, the end of a shell, many sessions, concurrent
-// clients of one session, and the end of every process of a closed session.
+// Real shells in real pseudo-terminals, held by a real node: echo and terminal
+// modes, large and slow output without loss, a shell that nobody polls, the end
+// of a shell, many sessions, concurrent clients of one session, and the end of
+// every process of a closed session.
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
+#include <filesystem>
 #include <fstream>
 #include <regex>
 #include <thread>
@@ -61,6 +64,48 @@ TEST(NodeSessionTest, EchoesTypedInputAndAppliesTheTerminalSize) {
               2);
     EXPECT_EQ(session, shell);
     EXPECT_NE(terminal, 0);
+
+    // The modes of a real terminal, UTF-8 erasing included, and the user's own
+    // open-file limit rather than the node's raised one.
+    rlimit limit{};
+    ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
+    node.type(id, "stty -a; printf 'L%s\\n' $(ulimit -n)\n");
+    const auto modes = node.pollUntil(id,
+                                      [](const PollResult& r) {
+                                          return std::regex_search(r.output, std::regex("L[0-9]+"));
+                                      })
+                           .output;
+    EXPECT_TRUE(std::regex_search(modes, std::regex("[^-]iutf8"))) << modes;
+    EXPECT_NE(modes.find("erase = ^?"), std::string::npos) << modes;
+    for (const std::string mode : {"icanon", "echo", "isig", "icrnl", "onlcr", "iexten"})
+        EXPECT_TRUE(std::regex_search(modes, std::regex("[\\s;]" + mode + "[\\s;]"))) << mode;
+    EXPECT_EQ(numberAfter(modes, "L"), static_cast<pid_t>(limit.rlim_cur));
+    EXPECT_TRUE(node.closeSession(id));
+}
+
+TEST(NodeSessionTest, AShellNobodyPollsRunsOnAndKeepsTheTailForARepaint) {
+    NodeHarness node;
+    const auto id = node.createSession();
+    // Far more than pending holds; with nobody polling the writer must not stall.
+    node.type(id, "head -c 60000000 /dev/zero | tr '\\0' x; printf 'D%s\\n' one > finished\n");
+    const std::string finished = node.folder() + "/finished";
+    const auto deadline = std::chrono::steady_clock::now() + 90s;
+    while (!std::filesystem::exists(finished) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(200ms);
+    ASSERT_TRUE(std::filesystem::exists(finished)) << "the shell stalled without a reader";
+
+    // The next poll gets what it missed, as far as the tail reaches; a repaint
+    // finds the newest output too, and flow control is back.
+    const auto missed = node.poll(id).output.size();  // and perhaps the next prompt
+    EXPECT_GE(missed, Session::tailLimit);
+    EXPECT_LE(missed, Session::tailLimit + 4096);
+    const auto replay = node.client().request(
+        "replay_session", {{"session_id", id}, {"expected_cwd", node.folder()}});
+    const auto tail = base64::decode(replay["output_base64"].stringValue().value_or(""));
+    ASSERT_TRUE(tail.has_value());
+    EXPECT_EQ(tail->size(), Session::tailLimit);
+    node.type(id, "printf 'A%s\\n' gain\n");
+    EXPECT_NE(node.pollUntilContains(id, "Again").output.find("Again"), std::string::npos);
     EXPECT_TRUE(node.closeSession(id));
 }
 
@@ -191,11 +236,13 @@ TEST(NodeSessionTest, ServesConcurrentPollsAndInputsOnOneSession) {
     NodeHarness node;
     const auto id = node.createSession();
     constexpr int writers = 4, linesEach = 25;
-    std::atomic<bool> done{false};
-    std::string polled;
+    std::atomic<bool> done{false}, finished{false};
+    std::string polled;  // the poller's own until it has been joined
     std::thread poller([&] {
-        while (!done)
+        while (!done) {
             polled += node.poll(id).output;
+            if (polled.find("FINISHED") != std::string::npos) finished = true;
+        }
     });
     std::thread pollerTwo([&] {
         // A second poller only competes; what it takes is not lost, it is counted below.
@@ -217,7 +264,7 @@ TEST(NodeSessionTest, ServesConcurrentPollsAndInputsOnOneSession) {
     const auto deadline = std::chrono::steady_clock::now() + 30s;
     while (std::chrono::steady_clock::now() < deadline) {
         std::this_thread::sleep_for(20ms);
-        if (polled.find("FINISHED") != std::string::npos) break;  // only the poller writes it
+        if (finished) break;
     }
     done = true;
     poller.join();

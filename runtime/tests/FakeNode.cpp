@@ -1,6 +1,7 @@
 // A stand-in node for the supervisor's tests. Each start appends one line to
-// $FAKE_NODE_LOG: "pid sid cwd stdin-is-null socket", then it answers every
+// $FAKE_NODE_LOG: "program pid sid cwd stdin-is-null socket descriptors", then it answers every
 // connection on $HARBORLATTICE_SOCKET with {"ok":true} for $FAKE_NODE_LIFETIME_MS.
+#include <dirent.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
@@ -24,12 +25,21 @@ int main(int, char** argv) {
     }, null{};
     const bool stdinIsNull = ::fstat(0, &in) == 0 && ::stat("/dev/null", &null) == 0 &&
                              in.st_rdev == null.st_rdev && S_ISCHR(in.st_mode);
+    // Descriptors open at the start (the listing's own is not counted).
+    int descriptors = -1;
+    if (DIR* fds = ::opendir("/proc/self/fd")) {
+        while (dirent* entry = ::readdir(fds)) {
+            if (entry->d_name[0] != '.') ++descriptors;
+        }
+        ::closedir(fds);
+    }
     char cwd[4096] = "?";
     if (::getcwd(cwd, sizeof cwd) == nullptr) std::strcpy(cwd, "?");
     if (FILE* log = std::fopen(logPath, "a")) {
         // argv[0] is the path the node was started by.
-        std::fprintf(log, "%s %d %d %s %d %s\n", argv[0], ::getpid(), ::getsid(0), cwd,
-                     stdinIsNull ? 1 : 0, socketPath != nullptr ? socketPath : "(unset)");
+        std::fprintf(log, "%s %d %d %s %d %s %d\n", argv[0], ::getpid(), ::getsid(0), cwd,
+                     stdinIsNull ? 1 : 0, socketPath != nullptr ? socketPath : "(unset)",
+                     descriptors);
         std::fclose(log);
     }
     if (socketPath == nullptr || std::strlen(socketPath) >= sizeof(sockaddr_un{}.sun_path))

@@ -1,6 +1,16 @@
 // The node client against scripted peers on real Unix sockets: framing, the
-// reading cap, the parse rules and the path-length rule.
+// reading cap, the parse rules, the path-length rule, the receive time-out and
+// the check of who serves the socket.
 #include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <functional>
 
 #include <nlohmann/json.hpp>
 
@@ -8,6 +18,7 @@
 #include "ScriptedPeer.h"
 #include "TestSupport.h"
 
+namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using hl::NodeClientError;
 using hl::UnixSocketClient;
@@ -121,13 +132,14 @@ TEST_F(NodeClientTest, DataMembersConvertToTheFiveCases) {
     }
     EXPECT_EQ(texts, (std::vector<std::string>{"a", "b"}));
     EXPECT_EQ((*ids)[3].arrayValue()->front().boolValue(), false);
-}
 
-TEST_F(NodeClientTest, ErrorTexts) {
-    EXPECT_EQ(NodeClientError::connection().errorDescription(),
-              "The local terminal node is unavailable.");
-    EXPECT_EQ(NodeClientError::invalidResponse().errorDescription(),
-              "The local terminal node returned an invalid response.");
+    // Nesting past the limit is refused rather than followed.
+    const std::string deep =
+        std::string(hl::maximumReplyDepth, '[') + std::string(hl::maximumReplyDepth, ']');
+    EXPECT_EQ(ask({{"{\"ok\":true,\"data\":{\"a\":" + deep + "}}\n"}})["a"].kind(),
+              hl::JSONValue::Kind::Array);
+    EXPECT_EQ(failureFor("{\"ok\":true,\"data\":{\"a\":[" + deep + "]}}\n").kind(),
+              NodeClientError::Kind::InvalidResponse);
 }
 
 TEST_F(NodeClientTest, ReadingStopsPastEightMebibytes) {
@@ -155,6 +167,53 @@ TEST_F(NodeClientTest, NoListenerOrAVanishedPeerIsAConnectionFailureNotASignal) 
     for (int i = 0; i < 20; ++i) {
         EXPECT_ANY_THROW(UnixSocketClient(socket()).request("input", {{"input_base64", big}}));
     }
+}
+
+TEST_F(NodeClientTest, AStalledNodeOrAnotherUsersSocketIsAnUnavailableNode) {
+    auto kindOf = [](const std::function<void()>& request) {
+        try {
+            request();
+        } catch (const NodeClientError& error) {
+            return error.kind();
+        }
+        ADD_FAILURE() << "the request succeeded";
+        return NodeClientError::Kind::Daemon;
+    };
+    {
+        ScriptedPeer stalled(socket(), {{"{\"ok\":true}\n", 1s}});
+        EXPECT_EQ(kindOf([&] { UnixSocketClient(socket(), 300ms).request("health"); }),
+                  NodeClientError::Kind::Connection);
+    }
+
+    if (::geteuid() != 0) GTEST_SKIP() << "serving as another user needs root";
+    fs::permissions(dir_.path(), fs::perms::others_exec, fs::perm_options::add);
+    const auto shared = dir_ / "shared";
+    fs::create_directory(shared);
+    fs::permissions(shared, fs::perms::all | fs::perms::sticky_bit);
+    const std::string path = (shared / "node.sock").string();
+    const pid_t other = ::fork();
+    if (other == 0) {
+        // Another user's listener that answers like a node.
+        if (::setgid(65534) != 0 || ::setuid(65534) != 0) ::_exit(1);
+        const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+        sockaddr_un address{};
+        address.sun_family = AF_UNIX;
+        std::strcpy(address.sun_path, path.c_str());
+        if (::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+            ::listen(listener, 4) != 0)
+            ::_exit(2);
+        while (true) {
+            const int connection = ::accept(listener, nullptr, nullptr);
+            const char reply[] = "{\"ok\":true}\n";
+            [[maybe_unused]] auto sent = ::write(connection, reply, sizeof reply - 1);
+            ::close(connection);
+        }
+    }
+    ASSERT_TRUE(hl::test::waitUntil([&] { return fs::exists(path); }));
+    EXPECT_EQ(kindOf([&] { UnixSocketClient(path).request("health"); }),
+              NodeClientError::Kind::Connection);
+    ::kill(other, SIGKILL);
+    ::waitpid(other, nullptr, 0);
 }
 
 TEST_F(NodeClientTest, SocketPathOf103BytesIsUsedAnd104IsRefused) {

@@ -27,6 +27,7 @@ struct Start {
     std::string cwd;
     bool stdinIsNull = false;
     std::string socket;
+    int descriptors = -1;
 };
 
 class NodeSupervisorTest : public ::testing::Test {
@@ -50,7 +51,7 @@ class NodeSupervisorTest : public ::testing::Test {
             Start s;
             int isNull = 0;
             std::istringstream fields(line);
-            fields >> s.program >> s.pid >> s.sid >> s.cwd >> isNull >> s.socket;
+            fields >> s.program >> s.pid >> s.sid >> s.cwd >> isNull >> s.socket >> s.descriptors;
             s.stdinIsNull = isNull == 1;
             result.push_back(s);
         }
@@ -83,6 +84,7 @@ TEST_F(NodeSupervisorTest, ACrowdOfCallsLaunchesOneDetachedNode) {
     EXPECT_NE(s.sid, ::getsid(0));
     EXPECT_EQ(s.cwd, (dir_ / "home").string());
     EXPECT_TRUE(s.stdinIsNull);
+    EXPECT_EQ(s.descriptors, 3) << "only stdio reaches the node";
     EXPECT_EQ(s.socket, (dir_ / "n.sock").string());
 
     struct stat info {};
@@ -107,13 +109,16 @@ TEST_F(NodeSupervisorTest, AnAnsweringNodeIsUsedAndNothingIsTouched) {
     EXPECT_FALSE(NodeSupervisor::shared().launchInFlight());
 }
 
-TEST_F(NodeSupervisorTest, ExplicitExecutableComesFirstAndFallsThroughWhenNotExecutable) {
+TEST_F(NodeSupervisorTest,
+       ExplicitExecutableComesFirstEvenRelativeAndFallsThroughWhenNotExecutable) {
     ScopedEnv socket("HARBORLATTICE_SOCKET", std::nullopt);
     const fs::path copy = dir_ / "custom-node";
     fs::copy_file(besideTheTest() / "harborlattice-node", copy);
 
     {
-        ScopedEnv executable("HARBORLATTICE_NODE_EXECUTABLE", copy.string());
+        // Relative to the application's directory, though the node starts in the home.
+        ScopedEnv executable("HARBORLATTICE_NODE_EXECUTABLE",
+                             fs::relative(copy, fs::current_path()).string());
         NodeSupervisor::shared().ensureRunning();
         ASSERT_TRUE(waitUntil([&] { return starts().size() == 1; }));
         settle();
