@@ -4,6 +4,7 @@
 #include <QAbstractButton>
 #include <QApplication>
 #include <QDialog>
+#include <QDir>
 #include <QFileDialog>
 #include <QFileInfo>
 #include <QFontDatabase>
@@ -128,6 +129,7 @@ ContentView::ContentView(ProjectCatalog* catalog, WorkspaceStore* workspace, App
             &ContentView::rebuildSidebarList);
     connect(catalog_, &ProjectCatalog::errorMessageChanged, this, &ContentView::refreshErrorRow);
     connect(workspace_, &WorkspaceStore::errorMessageChanged, this, &ContentView::refreshErrorRow);
+    connect(workspace_, &WorkspaceStore::bellMarksChanged, this, &ContentView::rebuildSidebarList);
     connect(workspace_, &WorkspaceStore::tabsChanged, this, [this] {
         rebuildSidebarList();
         refreshDetail();
@@ -345,7 +347,9 @@ QWidget* ContentView::scratchRow() {
     row->addWidget(iconLabel("scribble.variable", button), 0, Qt::AlignTop);
     auto* texts = new QVBoxLayout();
     texts->setSpacing(1);
-    texts->addWidget(new QLabel(QStringLiteral("Scratch"), button));
+    const bool rang = workspace_->workspaceHasUnseenBell(scratchWorkspaceID);
+    texts->addWidget(
+        new QLabel(rang ? QStringLiteral("● Scratch") : QStringLiteral("Scratch"), button));
     auto* subtitle = new QLabel(scratchRowSubtitle(choice), button);
     subtitle->setObjectName("workspace.scratch.subtitle");
     subtitle->setFont(captionFont());
@@ -373,7 +377,8 @@ QWidget* ContentView::projectRow(const ProjectRecord& project) {
     auto* title = new QHBoxLayout();
     title->setSpacing(6);
     title->addWidget(iconLabel("folder", button));
-    auto* name = new QLabel(project.name, button);
+    const bool rang = workspace_->workspaceHasUnseenBell(projectWorkspaceID(project.id));
+    auto* name = new QLabel(rang ? QStringLiteral("● ") + project.name : project.name, button);
     name->setObjectName("project.name");
     title->addWidget(name, 1);
     texts->addLayout(title);
@@ -418,6 +423,7 @@ QWidget* ContentView::projectRow(const ProjectRecord& project) {
 void ContentView::addProject() {
     QFileDialog panel(this, QStringLiteral("Add a project"));
     panel.setFileMode(QFileDialog::Directory);
+    panel.setDirectory(QDir::homePath());
     panel.setOption(QFileDialog::ShowDirsOnly);
     panel.setLabelText(QFileDialog::Accept, QStringLiteral("Add Project"));
     if (panel.exec() != QDialog::Accepted || panel.selectedFiles().isEmpty()) return;
@@ -557,9 +563,15 @@ void ContentView::presentRename(const ProjectRecord& project) {
             dialog->accept();
         }
     });
+    connect(field, &QLineEdit::returnPressed, confirm, [confirm] {
+        if (confirm->isEnabled()) confirm->click();
+    });
     connect(dialog, &QDialog::finished, this, [this] { projectToRename_.reset(); });
     renameDialog_ = dialog;
     dialog->open();
+    // The name is ready to be typed over.
+    field->selectAll();
+    field->setFocus(Qt::OtherFocusReason);
 }
 
 void ContentView::presentRemove(const ProjectRecord& project) {
@@ -573,7 +585,9 @@ void ContentView::presentRemove(const ProjectRecord& project) {
         QStringLiteral("Remove from Harborlattice"));
     cancel->setDefault(true);
     QPalette destructive = confirm->palette();
-    destructive.setColor(QPalette::ButtonText, errorRed);
+    // Red only while it can be pressed; disabled, it greys like any button.
+    destructive.setColor(QPalette::Active, QPalette::ButtonText, errorRed);
+    destructive.setColor(QPalette::Inactive, QPalette::ButtonText, errorRed);
     confirm->setPalette(destructive);
     confirm->setEnabled(allowed);
     connect(confirm, &QPushButton::clicked, dialog, [this, dialog] {

@@ -10,14 +10,15 @@
 #include "ContentView.h"
 #include "StoredDataPrompts.h"
 #include "TerminalCommands.h"
+#include "WindowGeometry.h"
 
 namespace hl {
 
 MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(parent) {
     setObjectName("window");
     setWindowTitle(QStringLiteral("Harborlattice"));
-    setMinimumSize(980, 620);
-    resize(1360, 820);
+    // At a large scale the screen may hold less than the preferred size.
+    new WindowGeometry(this, app.defaults(), QSize(1360, 820), QSize(980, 620));
     content_ = new ContentView(&app.catalog(), &app.workspace(), &app.updater(), this);
     setCentralWidget(content_);
     content_->setStartOver([&app] { return !app.damagedKeys().empty(); },

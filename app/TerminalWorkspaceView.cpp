@@ -172,6 +172,8 @@ TerminalWorkspaceView::TerminalWorkspaceView(WorkspaceStore* workspace, QWidget*
             &TerminalWorkspaceView::rebuildTabStrip);
     connect(workspace_, &WorkspaceStore::activeWorkspaceIDChanged, this,
             &TerminalWorkspaceView::rebuildTabStrip);
+    connect(workspace_, &WorkspaceStore::bellMarksChanged, this,
+            &TerminalWorkspaceView::rebuildTabStrip);
     connect(workspace_, &WorkspaceStore::searchQueryChanged, this,
             &TerminalWorkspaceView::searchQueryChanged);
     rebuildTabStrip();
@@ -232,7 +234,8 @@ QWidget* TerminalWorkspaceView::tabEntry(TerminalTab* tab) {
     select->setFocusPolicy(Qt::NoFocus);
     select->setAccessibleName("Select " + tab->title() + " tab");
     select->setToolButtonStyle(Qt::ToolButtonTextOnly);
-    select->setText(tab->title());
+    // A bell that rang out of view shows as a dot before the title.
+    select->setText(tab->hasUnseenBell() ? QStringLiteral("● ") + tab->title() : tab->title());
     const QUuid id = tab->id();
     connect(select, &QToolButton::clicked, workspace_, [this, id] { workspace_->selectTab(id); });
     row->addWidget(select);

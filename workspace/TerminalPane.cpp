@@ -46,6 +46,12 @@ void TerminalTab::setTitle(const QString& title) {
     emit titleChanged();
 }
 
+void TerminalTab::setHasUnseenBell(bool value) {
+    if (hasUnseenBell_ == value) return;
+    hasUnseenBell_ = value;
+    emit hasUnseenBellChanged();
+}
+
 void TerminalTab::setLayout(const PaneLayout& layout) {
     if (layout_ == layout) return;
     layout_ = layout;

@@ -81,6 +81,9 @@ class TerminalTab : public QObject {
     void setLayout(const PaneLayout& layout);
     const std::optional<QUuid>& selectedPaneID() const { return selectedPaneID_; }
     void setSelectedPaneID(const std::optional<QUuid>& id);
+    // A bell rang in one of its panes while the tab was not in view.
+    bool hasUnseenBell() const { return hasUnseenBell_; }
+    void setHasUnseenBell(bool value);
 
     // The panes in layout order; leaves without a pane are passed over.
     std::vector<TerminalPane*> panes() const;
@@ -92,6 +95,7 @@ class TerminalTab : public QObject {
 
   signals:
     void titleChanged();
+    void hasUnseenBellChanged();
     void layoutChanged();
     void selectedPaneIDChanged();
     void panesChanged();
@@ -103,6 +107,7 @@ class TerminalTab : public QObject {
     std::map<QUuid, std::unique_ptr<TerminalPane>> panesByID_;
     PaneLayout layout_;
     std::optional<QUuid> selectedPaneID_;
+    bool hasUnseenBell_ = false;
 };
 
 // One row of the workspace switcher.

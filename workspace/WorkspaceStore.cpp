@@ -229,6 +229,7 @@ std::unique_ptr<TerminalPane> WorkspaceStore::makePane(const QUuid& id, const Pa
         }
         if (store) store->persist();
     };
+    connect(&pane->controller(), &TerminalController::bellRang, this, [this, id] { bellRang(id); });
     pane->controller().onCloseRequired = [store](const std::string& session) {
         if (!store) return;
         const QString sessionText = QString::fromStdString(session);
@@ -302,6 +303,7 @@ void WorkspaceStore::selectWorkspace(const QString& workspaceID) {
                                  });
     setSelectedTabID(holdsRemembered ? remembered->second : members.front()->id());
     selectedTabs_[workspaceID] = *selectedTabID_;
+    markSelectedTabSeen();
     focusSelectedPane();
     setErrorMessage(std::nullopt);
     persist();
@@ -384,6 +386,7 @@ void WorkspaceStore::selectTab(const QUuid& id) {
     resignFocusedPane();
     setSelectedTabID(id);
     selectedTabs_[*activeWorkspaceID_] = id;
+    markSelectedTabSeen();
     focusSelectedPane();
     persist();
 }

@@ -122,6 +122,8 @@ class WorkspaceStore : public QObject {
     // runs when everything stored was read cleanly and no start is in flight.
     // While starts are in flight it tries again later, a few times.
     void closeUnrecordedSessions(int attemptsRemaining = 10);
+    // True when a tab of the workspace has a bell that was not seen.
+    bool workspaceHasUnseenBell(const QString& workspaceID) const;
     static constexpr std::chrono::milliseconds sweepPause{3000};
 
     // Ids of the panes' sessions that the ledger may retry at this start.
@@ -143,6 +145,8 @@ class WorkspaceStore : public QObject {
 
   signals:
     void tabsChanged();
+    // A tab's unseen bell came or went.
+    void bellMarksChanged();
     void activeWorkspaceIDChanged();
     void selectedTabIDChanged();
     void searchQueryChanged();
@@ -166,6 +170,9 @@ class WorkspaceStore : public QObject {
     // false (with a message) when the ledger cannot keep them.
     bool recordCloses(const std::vector<TerminalPane*>& panes);
     bool startIsInFlight() const;
+    // A bell in a pane marks its tab unless that tab is the one in view.
+    void bellRang(const QUuid& paneID);
+    void markSelectedTabSeen();
     // False when it had to wait for a start in flight.
     bool closeSessionsNothingRecords(const std::set<QString>& nodeSessions);
     void retrySweep(int attemptsRemaining);

@@ -179,6 +179,35 @@ TEST_F(WorkspaceStoreTest, TabsAndWorkspacesSelectAndWrap) {
     EXPECT_FALSE(store->hasWorkspace(alpha.id));
 }
 
+TEST_F(WorkspaceStoreTest, ABellOutOfViewMarksItsTabAndWorkspaceUntilShown) {
+    auto alpha = f.project("alpha");
+    auto beta = f.project("beta");
+    auto store = f.makeStore({alpha, beta});
+    store->openProject(alpha);
+    store->newTerminal();
+    const auto alphaTabs = store->visibleTabs();
+    ASSERT_EQ(alphaTabs.size(), 2u);
+    store->openProject(beta);
+    int marks = 0;
+    QObject::connect(store.get(), &WorkspaceStore::bellMarksChanged, [&] { ++marks; });
+
+    // In view: nothing to mark.
+    emit store->selectedTab()->panes().front()->controller().bellRang();
+    EXPECT_EQ(marks, 0);
+    // Another workspace's tab: it and its workspace are marked, once.
+    emit alphaTabs[0]->panes().front()->controller().bellRang();
+    emit alphaTabs[0]->panes().front()->controller().bellRang();
+    EXPECT_EQ(marks, 1);
+    EXPECT_TRUE(alphaTabs[0]->hasUnseenBell());
+    EXPECT_TRUE(store->workspaceHasUnseenBell(hl::projectWorkspaceID(alpha.id)));
+    EXPECT_FALSE(store->workspaceHasUnseenBell(hl::projectWorkspaceID(beta.id)));
+    // Shown again: the marks go.
+    store->selectWorkspace(hl::projectWorkspaceID(alpha.id));
+    store->selectTab(alphaTabs[0]->id());
+    EXPECT_FALSE(alphaTabs[0]->hasUnseenBell());
+    EXPECT_FALSE(store->workspaceHasUnseenBell(hl::projectWorkspaceID(alpha.id)));
+}
+
 TEST_F(WorkspaceStoreTest, NewTerminalTakesTheDirectoryOfTheFirstPaneAndRenamesApply) {
     auto alpha = f.project("alpha");
     fs::create_directories(alpha.root.toStdString() + "/sub");
