@@ -10,6 +10,7 @@ packages=(
   libsqlite3-dev nlohmann-json3-dev libgtest-dev libgmock-dev
   qt6-base-dev qt6-webengine-dev qt6-webchannel-dev
   xvfb xauth tmux procps chromium
+  openssh-server openssh-client rsync libnss-wrapper
 )
 
 missing=()
