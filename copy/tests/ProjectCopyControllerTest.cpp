@@ -7,6 +7,7 @@
 #include <QDeadlineTimer>
 #include <QDir>
 
+#include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <memory>

@@ -104,17 +104,13 @@ TestSshServer::TestSshServer() {
     if (!isRunning()) return;
 
     const std::string home = (folder_ / "home").string();
-    const std::string passwdLine = userName() + ":x:" + std::to_string(::getuid()) + ":" +
-                                   std::to_string(::getgid()) + ":test:" + home + ":/bin/sh\n";
-    writeText(folder_ / "passwd", passwdLine);
-    writeText(folder_ / "group", "test:x:" + std::to_string(::getgid()) + ":\n");
     std::ofstream config(folder_ / "home/.ssh/config");
     const std::string ssh = (folder_ / "home/.ssh").string();
     auto host = [&](const char* name, int port, const std::string& key, const std::string& extra) {
         config << "Host " << name << "\n  HostName 127.0.0.1\n  Port " << port
                << "\n  IdentityFile " << ssh << "/" << key << "\n  IdentitiesOnly yes\n"
                << "  UserKnownHostsFile " << ssh << "/known_hosts\n"
-               << "  LogLevel ERROR\n"
+               << "  LogLevel ERROR\n  GSSAPIAuthentication no\n"
                << extra;
     };
     host(kOriginHost, port_, "id_test", "");
@@ -178,6 +174,18 @@ bool TestSshServer::prepare() {
         }
     }
     fs::copy_file(folder_ / "home/.ssh/id_test.pub", folder_ / "authorized_keys");
+    // The account database with this user's home and shell replaced: ssh finds
+    // the test home's configuration, and the remote side runs a plain /bin/sh
+    // in it, away from the user's start-up files.
+    std::istringstream accounts(readText("/etc/passwd"));
+    std::string passwd, line;
+    const std::string prefix = userName() + ":";
+    while (std::getline(accounts, line))
+        if (line.rfind(prefix, 0) != 0) passwd += line + "\n";
+    passwd += prefix + "x:" + std::to_string(::getuid()) + ":" + std::to_string(::getgid()) +
+              ":test:" + (folder_ / "home").string() + ":/bin/sh\n";
+    writeText(folder_ / "passwd", passwd);
+    writeText(folder_ / "group", readText("/etc/group"));
     return true;
 }
 
@@ -190,7 +198,7 @@ bool TestSshServer::startServer(int port) {
                           "\nUsePAM no\nStrictModes no\nPermitRootLogin prohibit-password"
                           "\nPubkeyAuthentication yes\nPasswordAuthentication no"
                           "\nKbdInteractiveAuthentication no\nMaxStartups 64:30:128"
-                          "\nLoginGraceTime 120\n");
+                          "\nLoginGraceTime 120\nUseDNS no\n");
     // In a mount namespace of its own, with the origin's projects over this
     // machine's; it ends with the test process if that dies first.
     std::vector<std::string> command = {
@@ -210,13 +218,15 @@ bool TestSshServer::startServer(int port) {
     for (auto& text : command)
         argv.push_back(text.data());
     argv.push_back(nullptr);
-    // sshd itself sees the real account; only its clients see the test home.
     std::vector<std::string> environment;
     for (char** entry = environ; *entry; ++entry) {
         const std::string text = *entry;
         if (text.rfind("LD_PRELOAD=", 0) != 0 && text.rfind("NSS_WRAPPER", 0) != 0)
             environment.push_back(text);
     }
+    environment.push_back("LD_PRELOAD=libnss_wrapper.so");
+    environment.push_back("NSS_WRAPPER_PASSWD=" + (folder_ / "passwd").string());
+    environment.push_back("NSS_WRAPPER_GROUP=" + (folder_ / "group").string());
     std::vector<char*> envp;
     for (auto& text : environment)
         envp.push_back(text.data());
