@@ -77,12 +77,17 @@ QStringList sshArguments(const ProjectCopyOrigin& origin, const QString& command
     return kSshOptions + QStringList{"--", destinationOf(origin), command};
 }
 
+// awk prints the size with printf: mawk, Debian's awk, prints a plain `print` of
+// 2 GiB and more in exponent notation.
 QString preflightCommand(const QString& root) {
     const QString q = shellQuote(root);
     return QStringList{
-        "set -eu",         "test -d " + q,
-        "printf 'bytes='", "/usr/bin/du -sk " + q + " | /usr/bin/awk '{print $1 * 1024}'",
-        "printf 'files='", "/usr/bin/find " + q + " -type f | /usr/bin/wc -l",
+        "set -eu",
+        "test -d " + q,
+        "printf 'bytes='",
+        "/usr/bin/du -sk " + q + " | /usr/bin/awk '{printf \"%.0f\\n\", $1 * 1024}'",
+        "printf 'files='",
+        "/usr/bin/find " + q + " -type f | /usr/bin/wc -l",
     }
         .join("; ");
 }

@@ -23,10 +23,15 @@ TEST(ProjectCopyPlanTest, CommandLinesAreExact) {
               QStringList({"-o", "BatchMode=yes", "-o", "ConnectTimeout=10", "-o",
                            "StrictHostKeyChecking=accept-new", "--", "ada@studio.example.ts.net",
                            "true"}));
-    EXPECT_EQ(
-        Plan::preflightCommand("/a b"),
-        "set -eu; test -d '/a b'; printf 'bytes='; /usr/bin/du -sk '/a b' | /usr/bin/awk "
-        "'{print $1 * 1024}'; printf 'files='; /usr/bin/find '/a b' -type f | /usr/bin/wc -l");
+    EXPECT_EQ(Plan::preflightCommand("/a b").toStdString(),
+              "set -eu; test -d '/a b'; printf 'bytes='; /usr/bin/du -sk '/a b' | /usr/bin/awk "
+              "'{printf \"%.0f\\n\", $1 * 1024}'; printf 'files='; /usr/bin/find '/a b' -type f | "
+              "/usr/bin/wc -l");
+    // A size of 2 GiB and more stays an integer, whatever the origin's awk.
+    QProcess awk;
+    awk.start("/bin/sh", {"-c", "echo 5000000 | /usr/bin/awk '{printf \"%.0f\\n\", $1 * 1024}'"});
+    ASSERT_TRUE(awk.waitForFinished(30000));
+    EXPECT_EQ(awk.readAllStandardOutput(), "5120000000\n");
     const QStringList head = {"-a",
                               "--partial",
                               "--progress",
