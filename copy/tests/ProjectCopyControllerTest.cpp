@@ -254,6 +254,8 @@ TEST_F(ProjectCopyControllerTest, InvalidOriginFailsAtOnce) {
 
 TEST_F(ProjectCopyControllerTest, CancelDuringThePreflightStaysCancelled) {
     start(project("preflight-cancel"));
+    QCoreApplication::processEvents();  // the preflight's ssh starts
+    ASSERT_EQ(controller.phase(), Phase::Preparing);
     controller.cancel();
     processEventsUntil([] { return false; }, 2);
     EXPECT_EQ(controller.phase(), Phase::Cancelled);
