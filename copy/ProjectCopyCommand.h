@@ -32,9 +32,12 @@ class CopyTask {
     std::shared_ptr<StreamingProcess> process_;
 };
 
-// Runs `work` on the main thread, unless the context is gone by then. Safe
-// from any thread.
+// Runs `work` on the main thread, in the order posted, unless the context is
+// gone by then. Safe from any thread once the queue is installed.
 void postToContext(const QPointer<QObject>& context, std::function<void()> work);
+// Installs the queue behind postToContext; call on the main thread, once an
+// application object exists. Later calls do nothing.
+void installCopyMainThreadQueue();
 
 namespace ProjectCopyCommand {
 

@@ -68,7 +68,9 @@ struct ProjectCopyController::Operation {
 
 ProjectCopyController::ProjectCopyController(ProjectRootCheck rootCheck, ProjectCopyTools tools,
                                              QObject* parent)
-    : QObject(parent), rootCheck_(std::move(rootCheck)), tools_(std::move(tools)) {}
+    : QObject(parent), rootCheck_(std::move(rootCheck)), tools_(std::move(tools)) {
+    installCopyMainThreadQueue();
+}
 
 ProjectCopyController::~ProjectCopyController() {
     if (task_) task_->cancel();
