@@ -73,18 +73,18 @@ TEST(StreamingProcessTest, FailedLaunchIsThePlatformsError) {
 TEST(StreamingProcessTest, TerminateEndsTheWholeProcessGroup) {
     test::TempDir dir;
     const QString pidFile = QString::fromStdString(dir / "grandchild");
-    StreamingProcess process("/bin/sh",
-                             {"-c", "sleep 300 & echo $! > '" + pidFile + "'; echo up; wait"});
+    auto process = std::make_unique<StreamingProcess>(
+        "/bin/sh", QStringList{"-c", "sleep 300 & echo $! > '" + pidFile + "'; echo up; wait"});
     Collected collected;
     auto result = collected.exit.get_future();
-    process.run([&](const QByteArray& b) { collected.out.append(b); }, [](const QByteArray&) {},
-                [&](StreamingProcess::Result r) { collected.exit.set_value(r); });
+    process->run([&](const QByteArray& b) { collected.out.append(b); }, [](const QByteArray&) {},
+                 [&](StreamingProcess::Result r) { collected.exit.set_value(r); });
     ASSERT_TRUE(
         test::waitUntil([&] { return collected.out.value() == "up\n"; }, std::chrono::seconds(30)));
     const pid_t grandchild = test::readFile(dir / "grandchild").empty()
                                  ? -1
                                  : std::stoi(test::readFile(dir / "grandchild"));
-    process.terminate();
+    process->terminate();
     ASSERT_EQ(result.wait_for(std::chrono::seconds(30)), std::future_status::ready);
     EXPECT_EQ(std::get<int>(result.get()), SIGTERM);
     ASSERT_GT(grandchild, 0);
