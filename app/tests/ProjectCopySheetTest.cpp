@@ -128,6 +128,21 @@ TEST_F(ProjectCopySheetTest, FailureShowsSelectableAdvice) {
     EXPECT_FALSE(sheet.isVisible());
 }
 
+TEST(ProjectCopyTextsTest, SetUpTextsUseThePlatformsWordForAMachine) {
+    const ProjectCopyOrigin origin{"Studio", "studio", "ada", "/Users/ada/atlas"};
+    EXPECT_EQ(copyFromMenuTitle("Studio"), "Copy from Studio…");
+    EXPECT_EQ(copyFromButtonTitle("Studio"), "Copy from Studio");
+    EXPECT_EQ(setUpProjectMessage("Atlas", origin, CopyTextPlatform::Linux),
+              "Atlas exists on Studio at /Users/ada/atlas. Copy it to the same path on this "
+              "computer?");
+    EXPECT_EQ(setUpProjectMessage("Atlas", origin, CopyTextPlatform::MacOS),
+              "Atlas exists on Studio at /Users/ada/atlas. Copy it to the same path on this Mac?");
+    EXPECT_EQ(setUpProjectMessage("Atlas", std::nullopt, CopyTextPlatform::Linux),
+              "Choose this project's existing folder on this computer.");
+    EXPECT_EQ(setUpProjectMessage("Atlas", std::nullopt, CopyTextPlatform::MacOS),
+              "Choose this project's existing folder on this Mac.");
+}
+
 int main(int argc, char** argv) {
     if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
     QApplication app(argc, argv);
