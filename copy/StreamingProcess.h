@@ -8,6 +8,7 @@
 #include <QStringList>
 
 #include <sys/types.h>
+#include <atomic>
 #include <functional>
 #include <map>
 #include <mutex>
@@ -67,8 +68,10 @@ class StreamingProcess {
     std::map<QString, std::optional<QString>> environmentChanges_;
     std::mutex lifecycleLock_;
     bool cancellationWasRequested_ = false;  // under lifecycleLock_
-    pid_t pid_ = -1;                         // under lifecycleLock_
-    bool exited_ = false;                    // under lifecycleLock_
+    // Changed under lifecycleLock_; atomic as well, since ThreadSanitizer can
+    // mistake a fresh std::mutex at a reused address for a destroyed one.
+    std::atomic<pid_t> pid_ = -1;
+    std::atomic<bool> exited_ = false;
     std::thread reader_;
 };
 
