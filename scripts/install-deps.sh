@@ -15,6 +15,7 @@ packages=(
   libsodium-dev python3 dbus-daemon
   fonts-noto-color-emoji fonts-dejavu-core
   clang libclang-rt-14-dev
+  openssh-server openssh-client rsync libnss-wrapper
 )
 
 missing=()
