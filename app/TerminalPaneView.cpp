@@ -121,6 +121,9 @@ bool TerminalPaneView::eventFilter(QObject* watched, QEvent* event) {
     const QEvent::Type type = event->type();
     if (type != QEvent::MouseButtonPress && type != QEvent::KeyPress) return false;
     auto* widget = qobject_cast<QWidget*>(watched);
+    // A key counts only where the keyboard is: keys sent on to a view that does
+    // not have it (a command forwarded by the window) are not the user's choice.
+    if (type == QEvent::KeyPress && widget != nullptr && !widget->hasFocus()) return false;
     if (!selected_ && widget != nullptr && isAncestorOf(widget) && onSelect_) onSelect_();
     return false;
 }

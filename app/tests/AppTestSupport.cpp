@@ -68,7 +68,11 @@ void prepareTestEnvironment() {
     // The terminal document's assets come from the source checkout: the test
     // executable has no resource folder beside it.
     ::setenv("HARBORLATTICE_ROOT", HL_SOURCE_DIR, 1);
-    qputenv("QT_QPA_PLATFORM", "offscreen");
+    // One offscreen screen large enough for the window's preferred size.
+    const auto screens = baseFolder() / "offscreen.json";
+    std::ofstream(screens) << R"({"screens": [{"name": "test", "x": 0, "y": 0, "width": 1600,
+                                 "height": 1000, "logicalDpi": 96, "dpr": 1}]})";
+    qputenv("QT_QPA_PLATFORM", QByteArray("offscreen:configfile=") + screens.c_str());
 }
 
 void cleanUpTestEnvironment() {
