@@ -11,6 +11,7 @@ packages=(
   qt6-base-dev qt6-webengine-dev qt6-webchannel-dev
   xvfb xauth tmux procps chromium
   qt6-svg-dev desktop-file-utils appstream dpkg-dev lintian x11-utils
+  apache2 openssl
 )
 
 missing=()

@@ -1,0 +1,41 @@
+// A real Apache httpd with mod_dav for the tests, on a loopback port, with a
+// configuration, logs and DAV folder of its own in a temporary folder. As root
+// its workers run as www-data, which owns the DAV folder and the lock database.
+#pragma once
+
+#include <QProcess>
+#include <QString>
+#include <QUrl>
+
+#include <memory>
+
+namespace hl::test {
+
+class ApacheServer {
+  public:
+    // Starts the server and waits until it accepts connections; on failure
+    // `error()` says why and `isRunning()` is false.
+    ApacheServer();
+    ~ApacheServer();
+    ApacheServer(const ApacheServer&) = delete;
+    ApacheServer& operator=(const ApacheServer&) = delete;
+
+    bool isRunning() const { return running_; }
+    const QString& error() const { return error_; }
+    // The URL of `name` in the DAV folder.
+    QUrl url(const QString& name) const;
+    // The file behind `name` in the DAV folder.
+    QString filePath(const QString& name) const;
+
+  private:
+    bool startOnce(quint16 port);
+    void stop();
+
+    QString root_;
+    quint16 port_ = 0;
+    std::unique_ptr<QProcess> process_;
+    bool running_ = false;
+    QString error_;
+};
+
+}  // namespace hl::test

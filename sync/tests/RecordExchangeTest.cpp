@@ -1,0 +1,183 @@
+// The exchange of a candidate snapshot against a scripted fake of the two record
+// operations, and the disabled transport.
+#include <gtest/gtest.h>
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <deque>
+
+#include "SharedSnapshotCodec.h"
+#include "SharedSnapshotTestSupport.h"
+#include "SharedStateTransport.h"
+
+using hl::SharedSnapshot;
+using hl::SharedSnapshotCodec;
+using hl::SharedStateError;
+using namespace hl::test;
+
+namespace {
+
+// A record in memory whose saves can be made to find the tag moved.
+class FakeRecordTransport : public hl::RecordSharedStateTransport {
+  public:
+    std::optional<hl::SharedStateRecord> record;
+    std::deque<std::optional<hl::SharedStateRecord>> movedRecords;  // taken by the failing saves
+    int failingSaves = 0;
+    int reads = 0;
+    int attempts = 0;
+    int openAttempts = 0;
+    std::vector<std::optional<QByteArray>> savedWithTags;
+
+    void store(const SharedSnapshot& snapshot, const QByteArray& tag = "t1") {
+        record = hl::SharedStateRecord{SharedSnapshotCodec::encode(snapshot), tag};
+    }
+    bool isConfigured() const override { return true; }
+    bool accountIsAvailable() override { return true; }
+
+  protected:
+    std::optional<hl::SharedStateRecord> readRecord() override {
+        ++reads;
+        return record;
+    }
+    SaveOutcome writeRecord(const QByteArray& payload,
+                            const std::optional<QByteArray>& expectedTag) override {
+        savedWithTags.push_back(expectedTag);
+        if (failingSaves > 0) {
+            --failingSaves;
+            if (!movedRecords.empty()) {
+                record = movedRecords.front();
+                movedRecords.pop_front();
+            }
+            return SaveOutcome::TagMoved;
+        }
+        record = hl::SharedStateRecord{payload, "t" + QByteArray::number(savedWithTags.size() + 1)};
+        return SaveOutcome::Saved;
+    }
+    void beginAttempt() override {
+        ++attempts;
+        ++openAttempts;
+    }
+    void endAttempt() noexcept override { --openAttempts; }
+};
+
+SharedStateError::Kind errorOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const SharedStateError& error) {
+        return error.kind();
+    }
+    ADD_FAILURE() << "no SharedStateError";
+    return SharedStateError::Kind::NotConfigured;
+}
+
+}  // namespace
+
+TEST(RecordExchangeTest, NoRecordIsCreatedAndAnOlderOneIsOverwrittenWithItsTag) {
+    FakeRecordTransport transport;
+    EXPECT_EQ(transport.fetch(), std::nullopt);
+    const SharedSnapshot first = snapshotAt(1000);
+    EXPECT_EQ(transport.exchange(first), first);
+    EXPECT_EQ(transport.savedWithTags, (std::vector<std::optional<QByteArray>>{std::nullopt}));
+    EXPECT_EQ(transport.fetch(), first);
+
+    transport.store(first, "etag-7");
+    const SharedSnapshot second = snapshotAt(2000);
+    EXPECT_EQ(transport.exchange(second), second);
+    EXPECT_EQ(transport.savedWithTags.back(), QByteArray("etag-7"));
+    EXPECT_EQ(transport.fetch(), second);
+    // The same snapshot again, as after a lost answer, is written once more.
+    EXPECT_EQ(transport.exchange(second), second);
+    EXPECT_EQ(transport.savedWithTags.size(), 3u);
+    EXPECT_EQ(transport.openAttempts, 0);
+}
+
+TEST(RecordExchangeTest, ANewerRecordWinsWithoutAWriteAndTiesGoToTheLowerRevision) {
+    const QUuid low = QUuid::fromString(QStringLiteral("10000000-0000-4000-8000-000000000000"));
+    const QUuid high = QUuid::fromString(QStringLiteral("B0000000-0000-4000-8000-000000000000"));
+    FakeRecordTransport transport;
+    const SharedSnapshot remote = snapshotAt(5000, sampleContent(), low);
+    transport.store(remote);
+    EXPECT_EQ(transport.exchange(snapshotAt(4000)), remote);
+    EXPECT_EQ(transport.exchange(snapshotAt(5000, {}, high)), remote);
+    EXPECT_TRUE(transport.savedWithTags.empty());
+
+    transport.store(snapshotAt(5000, sampleContent(), high));
+    const SharedSnapshot lower = snapshotAt(5000, {}, low);
+    EXPECT_EQ(transport.exchange(lower), lower);
+    EXPECT_EQ(transport.savedWithTags.size(), 1u);
+}
+
+TEST(RecordExchangeTest, AMovedTagStartsTheNextAttemptUpToThree) {
+    const SharedSnapshot candidate = snapshotAt(3000);
+    FakeRecordTransport twice;
+    twice.failingSaves = 2;
+    EXPECT_EQ(twice.exchange(candidate), candidate);
+    EXPECT_EQ(twice.reads, 3);
+    EXPECT_EQ(twice.attempts, 3);
+
+    FakeRecordTransport always;
+    always.failingSaves = 3;
+    EXPECT_EQ(errorOf([&] { always.exchange(candidate); }), SharedStateError::Kind::CloudConflict);
+    EXPECT_EQ(always.reads, 3);
+    EXPECT_EQ(always.openAttempts, 0);
+
+    // The second attempt's read shows a newer snapshot: it wins.
+    FakeRecordTransport overtaken;
+    const SharedSnapshot newer = snapshotAt(9000);
+    overtaken.failingSaves = 1;
+    overtaken.movedRecords.push_back(
+        hl::SharedStateRecord{SharedSnapshotCodec::encode(newer), "t9"});
+    EXPECT_EQ(overtaken.exchange(candidate), newer);
+    EXPECT_EQ(overtaken.savedWithTags.size(), 1u);
+}
+
+TEST(RecordExchangeTest, AnUnreadableRecordIsNeverOverwritten) {
+    QJsonObject later =
+        QJsonDocument::fromJson(SharedSnapshotCodec::encode(snapshotAt(1))).object();
+    later["schemaVersion"] = 2;
+    const std::vector<std::pair<QByteArray, bool>> records{
+        {"", false},
+        {"{\"not\":\"a snapshot\"}", false},
+        {QJsonDocument(later).toJson(QJsonDocument::Compact), true}};
+    for (const auto& [payload, isLaterSchema] : records) {
+        FakeRecordTransport transport;
+        transport.record = hl::SharedStateRecord{payload, "t1"};
+        if (isLaterSchema) {
+            EXPECT_EQ(errorOf([&] { transport.fetch(); }),
+                      SharedStateError::Kind::UnsupportedSchema);
+            EXPECT_EQ(errorOf([&] { transport.exchange(snapshotAt(2)); }),
+                      SharedStateError::Kind::UnsupportedSchema);
+        } else {
+            EXPECT_THROW(transport.fetch(), hl::SharedSnapshotCodecError);
+            EXPECT_THROW(transport.exchange(snapshotAt(2)), hl::SharedSnapshotCodecError);
+        }
+        EXPECT_TRUE(transport.savedWithTags.empty());
+        EXPECT_EQ(transport.record->payload, payload);
+        EXPECT_EQ(transport.openAttempts, 0);
+    }
+}
+
+TEST(RecordExchangeTest, AnInvalidCandidateFailsBeforeAnyRead) {
+    FakeRecordTransport transport;
+    hl::SharedContent content = sampleContent();
+    content.projects[0].name = QString(900'000, u'x');
+    EXPECT_EQ(errorOf([&] { transport.exchange(SharedSnapshot(QUuid::createUuid(), content)); }),
+              SharedStateError::Kind::TooLarge);
+    content = sampleContent();
+    content.workspaces[0].projectID = "nobody";
+    EXPECT_EQ(errorOf([&] { transport.exchange(SharedSnapshot(QUuid::createUuid(), content)); }),
+              SharedStateError::Kind::InvalidWorkspace);
+    EXPECT_EQ(transport.reads, 0);
+}
+
+TEST(RecordExchangeTest, TheDisabledTransportEchoesAnySnapshotAndReachesNothing) {
+    hl::DisabledSharedStateTransport disabled;
+    hl::SharedContent invalid = sampleContent();
+    invalid.workspaces[0].tabs.clear();
+    const SharedSnapshot snapshot(QUuid::createUuid(), invalid);
+    EXPECT_FALSE(disabled.isConfigured());
+    EXPECT_FALSE(disabled.accountIsAvailable());
+    EXPECT_EQ(disabled.fetch(), std::nullopt);
+    EXPECT_EQ(disabled.exchange(snapshot), snapshot);
+}

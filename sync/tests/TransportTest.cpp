@@ -1,0 +1,386 @@
+// The exchange against the real stand-ins of the shared record: a folder, Apache
+// httpd with mod_dav (weak ETags for a second after each write, with LOCK), and a
+// small strong-ETag server without LOCK; their failures as statuses; the folder's
+// change signal; and eight processes exchanging at once without a lost update.
+#include <gtest/gtest.h>
+
+#include <QCoreApplication>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QFile>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QNetworkAccessManager>
+#include <QNetworkReply>
+#include <QProcess>
+#include <QSslCertificate>
+#include <QSslKey>
+#include <QSslServer>
+#include <QTcpServer>
+#include <QTcpSocket>
+#include <QTemporaryDir>
+
+#include <atomic>
+#include <thread>
+
+#include "ApacheServer.h"
+#include "CloudSyncStatus.h"
+#include "FolderSharedStateTransport.h"
+#include "SharedSnapshotCodec.h"
+#include "SharedSnapshotTestSupport.h"
+#include "TinyRecordServer.h"
+#include "WebDavSharedStateTransport.h"
+
+using hl::SharedSnapshot;
+using hl::SharedSnapshotCodec;
+using hl::SharedStateError;
+using namespace hl::test;
+
+namespace {
+
+// Raw access to what a stand-in stores, behind its transport's back.
+struct StandIn {
+    std::unique_ptr<hl::SharedStateTransport> transport;
+    std::function<void(const QByteArray&)> storeRaw;
+    std::function<std::optional<QByteArray>()> readRaw;
+};
+
+QByteArray readFile(const QString& path) {
+    QFile file(path);
+    return file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
+}
+
+void writeFile(const QString& path, const QByteArray& bytes) {
+    QFile file(path);
+    ASSERT_TRUE(file.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    file.write(bytes);
+}
+
+QByteArray laterSchemaPayload() {
+    QJsonObject json = QJsonDocument::fromJson(SharedSnapshotCodec::encode(snapshotAt(1))).object();
+    json["schemaVersion"] = 2;
+    return QJsonDocument(json).toJson(QJsonDocument::Compact);
+}
+
+template <typename Exception>
+void expectUntouched(StandIn& standIn, const std::function<void()>& action) {
+    const auto before = standIn.readRaw();
+    EXPECT_THROW(action(), Exception);
+    EXPECT_EQ(standIn.readRaw(), before);
+}
+
+// The exchange's scenarios, the same for every stand-in.
+void runExchangeScenarios(StandIn& standIn) {
+    hl::SharedStateTransport& transport = *standIn.transport;
+    EXPECT_TRUE(transport.isConfigured());
+    EXPECT_TRUE(transport.accountIsAvailable());
+    EXPECT_EQ(transport.fetch(), std::nullopt);
+    const SharedSnapshot first = snapshotAt(1000);
+    EXPECT_EQ(transport.exchange(first), first);
+    EXPECT_EQ(transport.fetch(), first);
+    // At once after a write, while a weak tag would refuse If-Match.
+    const SharedSnapshot second = snapshotAt(2000);
+    EXPECT_EQ(transport.exchange(second), second);
+    EXPECT_EQ(transport.exchange(second), second) << "the same snapshot again";
+    // A newer record wins without a write.
+    const auto stored = standIn.readRaw();
+    EXPECT_EQ(transport.exchange(snapshotAt(500)), second);
+    EXPECT_EQ(standIn.readRaw(), stored);
+    // Records that cannot be read are never overwritten.
+    standIn.storeRaw(laterSchemaPayload());
+    try {
+        transport.fetch();
+        ADD_FAILURE() << "a later schema was read";
+    } catch (const SharedStateError& error) {
+        EXPECT_EQ(error.kind(), SharedStateError::Kind::UnsupportedSchema);
+    }
+    expectUntouched<SharedStateError>(standIn, [&] { transport.exchange(snapshotAt(3000)); });
+    standIn.storeRaw("{\"schemaVersion\":1,\"content\":");
+    expectUntouched<hl::SharedSnapshotCodecError>(standIn,
+                                                  [&] { transport.exchange(snapshotAt(3000)); });
+}
+
+hl::CloudSyncStatus::Kind statusOfFetch(hl::SharedStateTransport& transport) {
+    try {
+        transport.fetch();
+    } catch (const std::exception& error) {
+        return hl::syncStatusForError(error).kind;
+    }
+    ADD_FAILURE() << "the fetch did not fail";
+    return hl::CloudSyncStatus::Kind::Synced;
+}
+
+// The ETag of a plain GET.
+QByteArray etagOf(const QUrl& url) {
+    QNetworkAccessManager manager;
+    QNetworkReply* reply = manager.get(QNetworkRequest(url));
+    QEventLoop loop;
+    QObject::connect(reply, &QNetworkReply::finished, &loop, &QEventLoop::quit);
+    loop.exec();
+    reply->deleteLater();
+    return reply->rawHeader("ETag");
+}
+
+StandIn folderStandIn(const QString& folder) {
+    const QString record = folder + "/harborlattice-state-v1.record";
+    return {std::make_unique<hl::FolderSharedStateTransport>(folder),
+            [record](const QByteArray& payload) {
+                writeFile(record, "harborlattice-state-v1 41\n" + payload);
+            },
+            [record]() -> std::optional<QByteArray> {
+                if (!QFile::exists(record)) return std::nullopt;
+                return readFile(record);
+            }};
+}
+
+// Starts `count` workers against `url` and gives every line they printed.
+QStringList runWorkers(const QString& url, int count, int exchanges) {
+    std::vector<std::unique_ptr<QProcess>> workers;
+    for (int i = 0; i < count; ++i) {
+        auto worker = std::make_unique<QProcess>();
+        worker->start(HL_EXCHANGE_WORKER, {url, QString::number(i), QString::number(exchanges)});
+        workers.push_back(std::move(worker));
+    }
+    QStringList lines;
+    for (auto& worker : workers) {
+        EXPECT_TRUE(worker->waitForFinished(600'000));
+        lines += QString::fromUtf8(worker->readAllStandardOutput()).split('\n', Qt::SkipEmptyParts);
+        EXPECT_EQ(worker->exitCode(), 0) << worker->readAllStandardError().toStdString();
+    }
+    return lines;
+}
+
+// Eight processes exchange at once; afterwards the record holds the newest of all
+// candidates, and each exchange either won or gave something newer.
+void expectNoLostUpdate(const QString& url, hl::SharedStateTransport& transport) {
+    constexpr int workers = 8;
+    constexpr int exchanges = 12;
+    const QStringList lines = runWorkers(url, workers, exchanges);
+    ASSERT_EQ(lines.size(), workers * exchanges);
+    std::optional<SharedSnapshot> newest;
+    int won = 0;
+    for (const QString& line : lines) {
+        const QStringList fields = line.split(' ');
+        ASSERT_EQ(fields.size(), 5) << line.toStdString();
+        ASSERT_TRUE(fields[0] == "won" || fields[0] == "lost") << line.toStdString();
+        won += fields[0] == "won";
+        const SharedSnapshot candidate =
+            snapshotAt(fields[1].toDouble(), {}, QUuid::fromString(fields[2]));
+        if (!newest || candidate.isNewer(*newest)) newest = candidate;
+    }
+    EXPECT_GT(won, 0);
+    const auto stored = transport.fetch();
+    ASSERT_TRUE(stored.has_value());
+    EXPECT_EQ(stored->revision(), newest->revision());
+}
+
+}  // namespace
+
+TEST(FolderTransportTest, ExchangesAgainstARealFolder) {
+    QTemporaryDir folder;
+    StandIn standIn = folderStandIn(folder.path());
+    runExchangeScenarios(standIn);
+    // A header that cannot be read is an unreadable record, also left alone.
+    writeFile(folder.path() + "/harborlattice-state-v1.record", "garbage");
+    try {
+        standIn.transport->exchange(snapshotAt(9000));
+        ADD_FAILURE() << "an unreadable record was overwritten";
+    } catch (const SharedStateError& error) {
+        EXPECT_EQ(error.kind(), SharedStateError::Kind::InvalidCloudRecord);
+    }
+    EXPECT_EQ(readFile(folder.path() + "/harborlattice-state-v1.record"), "garbage");
+}
+
+TEST(FolderTransportTest, AMissingFolderIsUnavailableNotAnEmptyRecord) {
+    QTemporaryDir parent;
+    hl::FolderSharedStateTransport transport(parent.path() + "/unmounted");
+    EXPECT_FALSE(transport.accountIsAvailable());
+    EXPECT_EQ(statusOfFetch(transport), hl::CloudSyncStatus::Kind::Offline);
+    EXPECT_THROW(transport.exchange(snapshotAt(1)), hl::SharedStateTransportError);
+    EXPECT_FALSE(QFileInfo::exists(parent.path() + "/unmounted"));
+}
+
+TEST(FolderTransportTest, AnotherInstancesPublishedRevisionIsSignalledAtOnce) {
+    QTemporaryDir folder;
+    hl::FolderSharedStateTransport mine(folder.path());
+    hl::FolderSharedStateTransport theirs(folder.path());
+    QObject context;
+    int myChanges = 0;
+    int theirChanges = 0;
+    mine.watchChanges(&context, [&] { ++myChanges; });
+    theirs.watchChanges(&context, [&] { ++theirChanges; });
+    // Saved and published off the main thread, as the sync does.
+    std::atomic<bool> published = false;
+    std::thread saver([&] {
+        mine.publishChange(mine.exchange(snapshotAt(1000)).revision());
+        published = true;
+    });
+    QDeadlineTimer deadline(30'000);
+    while ((theirChanges == 0 || !published) && !deadline.hasExpired()) {
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
+    }
+    saver.join();
+    EXPECT_EQ(theirChanges, 1);
+    QCoreApplication::processEvents(QEventLoop::AllEvents, 200);
+    EXPECT_EQ(myChanges, 0) << "an instance is not told of its own revision";
+    EXPECT_EQ(theirChanges, 1);
+}
+
+TEST(FolderTransportTest, EightProcessesLoseNoUpdate) {
+    QTemporaryDir folder;
+    hl::FolderSharedStateTransport transport(folder.path());
+    expectNoLostUpdate(QUrl::fromLocalFile(folder.path()).toString(), transport);
+}
+
+class ApacheTransportTest : public ::testing::Test {
+  protected:
+    static void SetUpTestSuite() { apache = new ApacheServer; }
+    static void TearDownTestSuite() {
+        delete apache;
+        apache = nullptr;
+    }
+    void SetUp() override { ASSERT_TRUE(apache->isRunning()) << apache->error().toStdString(); }
+    static ApacheServer* apache;
+};
+ApacheServer* ApacheTransportTest::apache = nullptr;
+
+TEST_F(ApacheTransportTest, ExchangesAgainstModDavWithItsWeakTags) {
+    const QString name = "exchange.json";
+    const QString file = apache->filePath(name);
+    StandIn standIn{std::make_unique<hl::WebDavSharedStateTransport>(apache->url(name)),
+                    [file](const QByteArray& payload) { writeFile(file, payload); },
+                    [file]() -> std::optional<QByteArray> {
+                        if (!QFile::exists(file)) return std::nullopt;
+                        return readFile(file);
+                    }};
+    runExchangeScenarios(standIn);
+    // The server under test does mark a fresh write's tag weak.
+    QFile::remove(file);
+    const SharedSnapshot fresh = snapshotAt(8000);
+    standIn.transport->exchange(fresh);
+    EXPECT_TRUE(etagOf(apache->url(name)).startsWith("W/"));
+}
+
+TEST_F(ApacheTransportTest, EightProcessesLoseNoUpdate) {
+    const QUrl url = apache->url("concurrent.json");
+    hl::WebDavSharedStateTransport transport(url);
+    expectNoLostUpdate(url.toString(), transport);
+}
+
+TEST(StrongTagServerTest, ExchangesWithIfMatchAndWaitsOutAWeakTag) {
+    for (const int weakMs : {0, 400}) {
+        TinyRecordServer server({weakMs, true, 0, false});
+        StandIn standIn{std::make_unique<hl::WebDavSharedStateTransport>(server.url()),
+                        [&server](const QByteArray& payload) { server.body = payload; },
+                        [&server] { return server.body; }};
+        runExchangeScenarios(standIn);
+        EXPECT_EQ(server.refusedPuts, 0) << "never sent a tag the server could not match";
+    }
+}
+
+TEST(StrongTagServerTest, AMovedTagIsRefusedAndTheExchangeReadsAgain) {
+    TinyRecordServer server({});
+    hl::WebDavSharedStateTransport transport(server.url());
+    transport.exchange(snapshotAt(1000));
+    // Another writer saves between this read and this write.
+    server.afterNextGet = [&] { server.replace(SharedSnapshotCodec::encode(snapshotAt(1500))); };
+    const SharedSnapshot mine = snapshotAt(2000);
+    EXPECT_EQ(transport.exchange(mine), mine);
+    EXPECT_EQ(server.refusedPuts, 1);
+    EXPECT_EQ(SharedSnapshotCodec::decode(*server.body), mine);
+    // This time the other writer's save is newer: it survives.
+    const SharedSnapshot theirs = snapshotAt(4000);
+    server.afterNextGet = [&] { server.replace(SharedSnapshotCodec::encode(theirs)); };
+    EXPECT_EQ(transport.exchange(snapshotAt(3000)), theirs);
+    EXPECT_EQ(server.refusedPuts, 2);
+    EXPECT_EQ(SharedSnapshotCodec::decode(*server.body), theirs);
+}
+
+TEST(WebDavFailureTest, EachFailureShowsItsStatus) {
+    using Status = hl::CloudSyncStatus::Kind;
+    hl::WebDavSharedStateTransport::Options quick;
+    quick.requestTimeout = std::chrono::milliseconds(800);
+    quick.strongTagWait = std::chrono::milliseconds(300);
+    auto statusAt = [&](const QUrl& url) {
+        hl::WebDavSharedStateTransport transport(url, quick);
+        return statusOfFetch(transport);
+    };
+    quint16 closedPort = 0;
+    {
+        QTcpServer probe;
+        probe.listen(QHostAddress::LocalHost, 0);
+        closedPort = probe.serverPort();
+    }
+    EXPECT_EQ(statusAt(QUrl(QStringLiteral("http://127.0.0.1:%1/x").arg(closedPort))),
+              Status::Offline);
+    EXPECT_EQ(statusAt(QUrl("http://record.invalid/state.json")), Status::Offline);
+    TinyRecordServer silent({0, true, 0, true});
+    EXPECT_EQ(statusAt(silent.url()), Status::Offline);
+    for (const auto& [code, status] :
+         std::vector<std::pair<int, Status>>{{401, Status::CloudPermission},
+                                             {403, Status::CloudPermission},
+                                             {503, Status::Offline},
+                                             {429, Status::Offline},
+                                             {405, Status::CloudSchema},
+                                             {400, Status::CloudSchema},
+                                             {418, Status::SyncFailed}}) {
+        TinyRecordServer server({0, true, code, false});
+        EXPECT_EQ(statusAt(server.url()), status) << code;
+    }
+    TinyRecordServer tagless({0, false, 0, false});
+    tagless.body = SharedSnapshotCodec::encode(snapshotAt(1));
+    EXPECT_EQ(statusAt(tagless.url()), Status::CloudSchema);
+    EXPECT_EQ(statusAt(QUrl("ftp://example.org/state.json")), Status::CloudSchema);
+}
+
+TEST(WebDavFailureTest, AnUntrustedCertificateAndAFailedHandshakeShowTheirStatus) {
+    using Status = hl::CloudSyncStatus::Kind;
+    QTemporaryDir folder;
+    QProcess openssl;
+    openssl.start("openssl", {"req", "-x509", "-newkey", "rsa:2048", "-nodes", "-days", "2",
+                              "-subj", "/CN=127.0.0.1", "-keyout", folder.filePath("key.pem"),
+                              "-out", folder.filePath("cert.pem")});
+    ASSERT_TRUE(openssl.waitForFinished(120'000) && openssl.exitCode() == 0)
+        << "openssl is needed (scripts/install-deps.sh installs it)";
+    QFile key(folder.filePath("key.pem"));
+    QFile certificate(folder.filePath("cert.pem"));
+    ASSERT_TRUE(key.open(QIODevice::ReadOnly) && certificate.open(QIODevice::ReadOnly));
+    QSslConfiguration configuration = QSslConfiguration::defaultConfiguration();
+    configuration.setPrivateKey(QSslKey(&key, QSsl::Rsa));
+    configuration.setLocalCertificate(QSslCertificate(&certificate));
+    QSslServer server;
+    server.setSslConfiguration(configuration);
+    ASSERT_TRUE(server.listen(QHostAddress::LocalHost, 0));
+    hl::WebDavSharedStateTransport selfSigned(
+        QUrl(QStringLiteral("https://127.0.0.1:%1/state.json").arg(server.serverPort())));
+    EXPECT_EQ(statusOfFetch(selfSigned), Status::CloudSigning);
+
+    // A server that answers in plain text.
+    QTcpServer plain;
+    ASSERT_TRUE(plain.listen(QHostAddress::LocalHost, 0));
+    QObject::connect(&plain, &QTcpServer::newConnection, &plain, [&plain] {
+        while (QTcpSocket* socket = plain.nextPendingConnection()) {
+            socket->write("HTTP/1.1 400 Bad Request\r\nConnection: close\r\n\r\n");
+            socket->disconnectFromHost();
+        }
+    });
+    hl::WebDavSharedStateTransport noTls(
+        QUrl(QStringLiteral("https://127.0.0.1:%1/state.json").arg(plain.serverPort())));
+    try {
+        noTls.fetch();
+        ADD_FAILURE() << "a plain-text answer passed for TLS";
+    } catch (const hl::SharedStateTransportError& error) {
+        EXPECT_EQ(error.kind(), hl::SharedStateTransportError::Kind::TlsHandshake) << error.what();
+        EXPECT_EQ(hl::syncStatusForError(error).kind, Status::Offline);
+    }
+}
+
+TEST(TransportChoiceTest, TheSyncUrlNamesTheTransport) {
+    EXPECT_FALSE(hl::makeSharedStateTransport(QString())->isConfigured());
+    EXPECT_NE(dynamic_cast<hl::FolderSharedStateTransport*>(
+                  hl::makeSharedStateTransport("file:///srv/sync").get()),
+              nullptr);
+    EXPECT_NE(dynamic_cast<hl::WebDavSharedStateTransport*>(
+                  hl::makeSharedStateTransport("https://dav.example.org/state.json").get()),
+              nullptr);
+}
