@@ -12,6 +12,7 @@ packages=(
   xvfb xauth tmux procps chromium
   qt6-svg-dev desktop-file-utils appstream dpkg-dev lintian x11-utils
   apache2 openssl
+  openssh-server openssh-client rsync libnss-wrapper
 )
 
 missing=()

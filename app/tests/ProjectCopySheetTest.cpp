@@ -1,0 +1,136 @@
+// The copy sheet in each state of a real copy (a real sshd on loopback), on
+// Qt's offscreen platform; each state is also saved as a picture.
+#include <gtest/gtest.h>
+
+#include <QApplication>
+#include <QDeadlineTimer>
+#include <QDir>
+#include <QLabel>
+#include <QProgressBar>
+#include <QPushButton>
+
+#include <filesystem>
+#include <fstream>
+
+#include "ProjectCopyController.h"
+#include "ProjectCopySheet.h"
+#include "ProjectRecord.h"
+#include "TestSshServer.h"
+
+using namespace hl;
+namespace fs = std::filesystem;
+using Phase = ProjectCopyController::Phase;
+
+namespace {
+
+std::optional<QString> catalogRoot(const QString& name, const QString& rawRoot, const QString& id) {
+    try {
+        return ProjectRecord::create(name, rawRoot, id).root;
+    } catch (const ProjectCatalogError&) {
+        return std::nullopt;
+    }
+}
+
+bool processEventsUntil(const std::function<bool()>& condition, int seconds = 120) {
+    QDeadlineTimer deadline(seconds * 1000);
+    while (!condition()) {
+        if (deadline.hasExpired()) return false;
+        QApplication::processEvents(QEventLoop::AllEvents, 20);
+    }
+    return true;
+}
+
+class ProjectCopySheetTest : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_TRUE(server.isRunning()) << server.failure(); }
+
+    ProjectCopySource project(const std::string& name) {
+        fs::create_directories(server.remoteFolder() / name);
+        return ProjectCopySource{
+            "sheet-" + QString::fromStdString(name), "Atlas",
+            server.origin(QString::fromStdString(server.localFolder() / name))};
+    }
+    QString detailText() { return sheet.findChildren<QLabel*>().at(1)->text(); }
+    QProgressBar* bar() { return sheet.findChild<QProgressBar*>(); }
+    QPushButton* button(const QString& text) {
+        for (auto* candidate : sheet.findChildren<QPushButton*>())
+            if (candidate->text() == text) return candidate;
+        return nullptr;
+    }
+    void save(const char* state) {
+        QDir().mkpath(HL_SCREENSHOT_DIR);
+        sheet.grab().save(QString(HL_SCREENSHOT_DIR) + "/copy-sheet-" + state + ".png");
+    }
+
+    test::TestSshServer server;
+    ProjectCopyController controller{catalogRoot};
+    ProjectCopySheet sheet{&controller};
+    std::function<bool(const QString&)> accept = [](const QString&) { return true; };
+};
+
+}  // namespace
+
+TEST_F(ProjectCopySheetTest, StatesOfACopy) {
+    EXPECT_FALSE(sheet.isVisible());
+    const auto source = project("atlas");
+    for (int i = 0; i < 40; ++i) {
+        std::ofstream out(server.remoteFolder() / "atlas" / ("f" + std::to_string(i)),
+                          std::ios::binary);
+        out << std::string(4 << 20, static_cast<char>('a' + i % 26));
+    }
+    controller.start(source, accept);
+    ASSERT_TRUE(sheet.isVisible());
+    EXPECT_EQ(sheet.findChildren<QLabel*>().at(0)->text(), "Copy Atlas");
+    EXPECT_EQ(detailText(), "Checking Test Origin…");
+    EXPECT_EQ(bar()->maximum(), 0);  // busy
+    EXPECT_TRUE(button("Cancel")->isVisible());
+    EXPECT_FALSE(button("Done")->isVisible());
+    save("preparing");
+    sheet.reject();  // Escape while running changes nothing
+    EXPECT_TRUE(sheet.isVisible());
+
+    ASSERT_TRUE(processEventsUntil([&] { return controller.progress() > 0.05; }));
+    EXPECT_EQ(detailText(), "Copying 40 files…");
+    EXPECT_EQ(bar()->maximum(), 1000);
+    EXPECT_GT(bar()->value(), 0);
+    save("copying");
+    button("Cancel")->click();
+    EXPECT_EQ(detailText(), "Copy cancelled. Partial data was kept for resume.");
+    EXPECT_TRUE(button("Done")->isVisible());
+    EXPECT_TRUE(button("Done")->isDefault());
+    save("cancelled");
+
+    controller.start(source, accept);
+    ASSERT_TRUE(processEventsUntil([&] { return !controller.isRunning(); }));
+    EXPECT_EQ(controller.phase(), Phase::Complete);
+    EXPECT_EQ(bar()->value(), 1000);
+    save("complete");
+    button("Done")->click();
+    EXPECT_FALSE(sheet.isVisible());
+    EXPECT_FALSE(controller.isPresented());
+}
+
+TEST_F(ProjectCopySheetTest, FailureShowsSelectableAdvice) {
+    controller.start(
+        project("denied") =
+            ProjectCopySource{"d", "Denied",
+                              server.origin(QString::fromStdString(server.localFolder() / "denied"),
+                                            "origin-denied")},
+        accept);
+    ASSERT_TRUE(processEventsUntil([&] { return !controller.isRunning(); }));
+    EXPECT_TRUE(detailText().endsWith("ssh-copy-id " + QString::fromStdString(server.userName()) +
+                                      "@origin-denied"));
+    EXPECT_TRUE(sheet.findChildren<QLabel*>().at(1)->textInteractionFlags() &
+                Qt::TextSelectableByMouse);
+    EXPECT_EQ(bar()->value(), 0);
+    save("failed");
+    sheet.reject();  // Escape once it has stopped closes it
+    EXPECT_FALSE(sheet.isVisible());
+}
+
+int main(int argc, char** argv) {
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
+    QApplication app(argc, argv);
+    ::testing::InitGoogleTest(&argc, argv);
+    return RUN_ALL_TESTS();
+}
