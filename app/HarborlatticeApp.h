@@ -15,6 +15,7 @@
 #include <memory>
 
 #include "ApplicationDelegate.h"
+#include "CloudSyncCoordinator.h"
 #include "Preferences.h"
 #include "ProjectCatalog.h"
 #include "RuntimePaths.h"
@@ -37,6 +38,7 @@ class HarborlatticeApp {
     ApplicationDelegate& delegate() const { return *delegate_; }
     ProjectCatalog& catalog() const { return *catalog_; }
     WorkspaceStore& workspace() const { return *workspace_; }
+    CloudSyncCoordinator& sync() const { return *sync_; }
     const std::shared_ptr<Preferences>& defaults() const { return defaults_; }
 
     // Keys whose stored values could not be understood and are kept as they were.
@@ -52,6 +54,8 @@ class HarborlatticeApp {
     std::shared_ptr<Preferences> defaults_;
     std::unique_ptr<ProjectCatalog> catalog_;
     std::unique_ptr<WorkspaceStore> workspace_;
+    // Declared last: it lets go of the stores' hooks before they go.
+    std::unique_ptr<CloudSyncCoordinator> sync_;
 };
 
 }  // namespace hl
