@@ -4,6 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QProcess>
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <csignal>
 
 #include <atomic>
 #include <mutex>
@@ -302,6 +307,50 @@ TEST_F(MemoryRecordTest, AJoiningComputerTakesTheRecordAndKeepsItsOwnStateAsACop
     EXPECT_EQ(own.sync->recoveryCount(), 1);
     EXPECT_TRUE(own.catalog->projects().empty());
     EXPECT_EQ(own.sync->status(), CloudSyncStatus::needsFolder(1));
+}
+
+}  // namespace
+
+namespace {
+
+TEST(KilledCoreTest, AChangeCaughtInTheMiddleOfAnExchangeIsDeliveredByTheNextStart) {
+    hl::test::TempDir dir;
+    const fs::path record = dir / "record";
+    const fs::path root = dir / "alpha";
+    fs::create_directories(record);
+    fs::create_directories(root);
+    const QString prefs = QString::fromStdString((dir / "prefs.sqlite3").string());
+    const QString folder = QString::fromStdString(record.string());
+    // The record's lock is held, so that the exchange waits inside its attempt.
+    const std::string lockPath = (record / "harborlattice-state-v1.lock").string();
+    const int lockFd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(lockFd, 0);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    ASSERT_EQ(::fcntl(lockFd, F_OFD_SETLK, &lock), 0);
+
+    QProcess changing;
+    changing.start(HL_SYNC_CORE_WORKER,
+                   {prefs, folder, "change", QString::fromStdString(root.string())});
+    ASSERT_TRUE(changing.waitForReadyRead(30000)) << changing.readAllStandardError().constData();
+    const QByteArray line = changing.readLine().trimmed();
+    ASSERT_TRUE(line.startsWith("pending ")) << line.constData();
+    hl::test::spinFor(std::chrono::milliseconds(1500));  // past the debounce, into the exchange
+    ::kill(static_cast<pid_t>(changing.processId()), SIGKILL);
+    ASSERT_TRUE(changing.waitForFinished(30000));
+    ::close(lockFd);
+
+    FolderSharedStateTransport reader(folder);
+    EXPECT_EQ(reader.fetch(), std::nullopt) << "nothing reached the record before the kill";
+    QProcess delivering;
+    delivering.start(HL_SYNC_CORE_WORKER, {prefs, folder, "deliver"});
+    ASSERT_TRUE(delivering.waitForFinished(60000));
+    EXPECT_EQ(delivering.readAllStandardOutput().trimmed(), "delivered " + line.mid(8));
+    const auto stored = reader.fetch();
+    ASSERT_TRUE(stored);
+    ASSERT_EQ(stored->content().projects.size(), 1);
+    EXPECT_EQ(stored->content().projects[0].name, "alpha");
 }
 
 }  // namespace
