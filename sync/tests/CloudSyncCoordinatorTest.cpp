@@ -13,9 +13,11 @@
 #include <atomic>
 #include <mutex>
 
+#include "ApacheServer.h"
 #include "CloudSyncCoordinator.h"
 #include "FolderSharedStateTransport.h"
 #include "SharedSnapshotCodec.h"
+#include "WebDavSharedStateTransport.h"
 #include "WorkspaceTestSupport.h"
 
 namespace fs = std::filesystem;
@@ -351,6 +353,39 @@ TEST(KilledCoreTest, AChangeCaughtInTheMiddleOfAnExchangeIsDeliveredByTheNextSta
     ASSERT_TRUE(stored);
     ASSERT_EQ(stored->content().projects.size(), 1);
     EXPECT_EQ(stored->content().projects[0].name, "alpha");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(WebDavRecordTest, TwoCoresConvergeOnARecordOnApache) {
+    hl::test::ApacheServer apache;
+    ASSERT_TRUE(apache.isRunning()) << apache.error().toStdString();
+    const QUrl url = apache.url("cores.json");
+    Core a(std::make_shared<WebDavSharedStateTransport>(url)),
+        b(std::make_shared<WebDavSharedStateTransport>(url));
+    a.settle();
+    b.settle();
+    const auto alpha = a.addProject("alpha");
+    a.settle();
+    b.settle();
+    ASSERT_EQ(b.sync->unmappedProjects().size(), 1);
+    const QString folder = QString::fromStdString((b.f.base / "mine").string());
+    fs::create_directories(folder.toStdString());
+    ASSERT_TRUE(b.sync->mapProject(b.sync->unmappedProjects()[0], folder));
+    b.store->split(false);
+    ASSERT_TRUE(spinUntil([&] { return !b.sync->pending() && !b.sync->isRefreshing(); }));
+    a.settle();
+    ASSERT_EQ(a.store->tabs().size(), 1u);
+    EXPECT_EQ(a.store->tabs()[0]->paneCount(), 2u) << "B's split arrived on A";
+    a.store->removeProject(alpha.id);
+    a.catalog->remove(alpha.id);
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    b.settle();
+    EXPECT_TRUE(b.catalog->projects().empty());
+    EXPECT_TRUE(b.store->tabs().empty());
+    EXPECT_EQ(b.sync->status(), CloudSyncStatus::of(Kind::Synced));
 }
 
 }  // namespace
