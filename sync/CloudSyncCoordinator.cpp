@@ -206,6 +206,12 @@ void CloudSyncCoordinator::refresh(std::function<void()> done) {
             offMainThread([remote, transport = transport_] { *remote = transport->fetch(); },
                           [this, remote](std::exception_ptr error) {
                               if (error) return failRefresh(error);
+                              if (pending_) {
+                                  // A local change came during the fetch: it is
+                                  // delivered (and compared) first, never overwritten.
+                                  endRefresh();
+                                  return;
+                              }
                               if (!*remote) {
                                   publish(localContent(), [this] { endRefresh(); });
                                   return;
@@ -257,6 +263,9 @@ void CloudSyncCoordinator::publish(const SharedContent& content, std::function<v
 void CloudSyncCoordinator::settleWith(const SharedSnapshot& sent, const SharedSnapshot& survivor) {
     if (survivor.revision() == sent.revision()) {
         acceptLocal(survivor);
+    } else if (pending_ && pending_->revision() != sent.revision()) {
+        // A later local change holds the whole state and meets the survivor at
+        // the next exchange; applying the survivor now would overwrite it.
     } else {
         preserveRecovery(sent);
         applyRemote(survivor);
@@ -264,6 +273,13 @@ void CloudSyncCoordinator::settleWith(const SharedSnapshot& sent, const SharedSn
 }
 
 void CloudSyncCoordinator::acceptLocal(const SharedSnapshot& snapshot) {
+    if (pending_ && pending_->revision() != snapshot.revision()) {
+        // A later local change waits: the record took the earlier one.
+        accepted_ = snapshot;
+        storeSnapshot(acceptedKey, accepted_);
+        if (publishChangeSignal_) publishChangeSignal_(snapshot.revision());
+        return;
+    }
     accepted_ = snapshot;
     pending_.reset();
     sharedContent_ = snapshot.content();

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 #include "ApacheServer.h"
 #include "CloudSyncCoordinator.h"
@@ -386,6 +387,52 @@ TEST(WebDavRecordTest, TwoCoresConvergeOnARecordOnApache) {
     EXPECT_TRUE(b.catalog->projects().empty());
     EXPECT_TRUE(b.store->tabs().empty());
     EXPECT_EQ(b.sync->status(), CloudSyncStatus::of(Kind::Synced));
+}
+
+}  // namespace
+
+namespace {
+
+// Holds every read of the record while `held` is set.
+class GatedFolderTransport final : public SharedStateTransport {
+  public:
+    explicit GatedFolderTransport(QString folder) : inner_(std::move(folder)) {}
+    bool isConfigured() const override { return true; }
+    bool accountIsAvailable() override { return inner_.accountIsAvailable(); }
+    std::optional<SharedSnapshot> fetch() override {
+        entered = true;
+        while (held)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return inner_.fetch();
+    }
+    SharedSnapshot exchange(const SharedSnapshot& snapshot) override {
+        return inner_.exchange(snapshot);
+    }
+    std::atomic<bool> held{false}, entered{false};
+
+  private:
+    FolderSharedStateTransport inner_;
+};
+
+TEST_F(FolderRecordTest, AChangeMadeWhileARefreshWaitsIsNeverOverwritten) {
+    auto gated =
+        std::make_shared<GatedFolderTransport>(QString::fromStdString(dir.path().string()));
+    Core a(gated), b(transport());
+    a.settle();
+    b.settle();
+    b.addProject("beta");
+    ASSERT_TRUE(spinUntil([&] { return !b.sync->pending() && !b.sync->isRefreshing(); }));
+    gated->held = true;
+    gated->entered = false;
+    a.sync->refresh();
+    ASSERT_TRUE(spinUntil([&] { return gated->entered.load(); }));
+    const auto alpha = a.addProject("alpha");  // while the fetch waits
+    gated->held = false;
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    ASSERT_EQ(a.catalog->projects().size(), 1u);
+    EXPECT_EQ(a.catalog->projects()[0].id, alpha.id);
+    b.settle();
+    EXPECT_EQ(b.sync->unmappedProjects().size(), 1) << "the later change reached B";
 }
 
 }  // namespace
