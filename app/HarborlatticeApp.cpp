@@ -25,9 +25,20 @@ HarborlatticeApp::HarborlatticeApp(const std::filesystem::path& preferencesFile,
                                "Preferences at " + preferencesFile.string() +
                                    " could not be read; the database did not answer.");
     }
-    // The sync coordinator is attached to both stores here, once there is one.
+    // How other computers reach this one, then the coordinator on both stores;
+    // its first refresh waits for the event loop.
+    const DeviceCopyEndpoint endpoint = DeviceCopyEndpoint::discover();
+    std::shared_ptr<SharedStateTransport> transport = makeSharedStateTransport();
+    std::weak_ptr<SharedStateTransport> signal = transport;
+    auto sync = std::make_unique<CloudSyncCoordinator>(defaults_, transport, endpoint,
+                                                       [signal](const QUuid& revision) {
+                                                           if (auto t = signal.lock())
+                                                               t->publishChange(revision);
+                                                       });
+    sync->attach(catalog.get(), workspace.get(), true);
     catalog_ = std::move(catalog);
     workspace_ = std::move(workspace);
+    sync_ = std::move(sync);
     // Once the node runs and the first starts have settled, shells that nothing
     // records are closed.
     QObject::connect(delegate_.get(), &ApplicationDelegate::didFinishLaunching, workspace_.get(),
@@ -35,6 +46,7 @@ HarborlatticeApp::HarborlatticeApp(const std::filesystem::path& preferencesFile,
                          QTimer::singleShot(WorkspaceStore::sweepPause, store,
                                             [store] { store->closeUnrecordedSessions(); });
                      });
+    ApplicationDelegate::cloudSync = sync_.get();
 }
 
 std::vector<std::string> HarborlatticeApp::damagedKeys() const {

@@ -16,6 +16,7 @@
 
 #include "AppUpdater.h"
 #include "ApplicationDelegate.h"
+#include "CloudSyncCoordinator.h"
 #include "Preferences.h"
 #include "ProjectCatalog.h"
 #include "RuntimePaths.h"
@@ -40,6 +41,7 @@ class HarborlatticeApp {
     WorkspaceStore& workspace() const { return *workspace_; }
     // Built when first asked for, by the window, not at start-up.
     AppUpdater& updater() const;
+    CloudSyncCoordinator& sync() const { return *sync_; }
     const std::shared_ptr<Preferences>& defaults() const { return defaults_; }
 
     // Keys whose stored values could not be understood and are kept as they were.
@@ -56,6 +58,8 @@ class HarborlatticeApp {
     std::unique_ptr<ProjectCatalog> catalog_;
     std::unique_ptr<WorkspaceStore> workspace_;
     mutable std::unique_ptr<AppUpdater> updater_;
+    // Declared last: it lets go of the stores' hooks before they go.
+    std::unique_ptr<CloudSyncCoordinator> sync_;
 };
 
 }  // namespace hl

@@ -1,5 +1,6 @@
 // The window, its menus and its sizes.
 #include "MainWindow.h"
+#include "SyncSidebar.h"
 
 #include <QApplication>
 #include <QKeyEvent>
@@ -23,6 +24,9 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     setCentralWidget(content_);
     content_->setStartOver([&app] { return !app.damagedKeys().empty(); },
                            [&app, this] { offerKeepCopyAndStartOver(app, this); });
+    installSyncSidebar(app.sync(), content_, [&app](const ProjectRecord& record) {
+        if (app.workspace().openProject(record)) app.catalog().select(record.id);
+    });
 
     WorkspaceStore& workspace = app.workspace();
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));

@@ -279,7 +279,7 @@ void ProjectCatalog::clearError() {
     setErrorMessage(std::nullopt);
 }
 
-void ProjectCatalog::applySharedProjects(const std::vector<SharedProjectName>& shared) {
+void ProjectCatalog::applySharedProjects(const QList<SharedProject>& shared) {
     if (!isReadable_) return;
     std::map<QString, QString> names;
     for (const auto& project : shared) {

@@ -15,14 +15,9 @@
 
 #include "Preferences.h"
 #include "ProjectRecord.h"
+#include "SharedSnapshot.h"
 
 namespace hl {
-
-// What the shared document says of one project: its identity and its name.
-struct SharedProjectName {
-    QString id;
-    QString name;
-};
 
 class ProjectCatalog : public QObject {
     Q_OBJECT
@@ -60,7 +55,7 @@ class ProjectCatalog : public QObject {
     void clearSelection();
     void clearError();
     // Takes names from the shared list and drops records it does not hold; never adds.
-    void applySharedProjects(const std::vector<SharedProjectName>& shared);
+    void applySharedProjects(const QList<SharedProject>& shared);
 
     // Projects found in the old workspace format, each with one certain root.
     static std::vector<ProjectRecord> migrateProjects(const std::optional<QByteArray>& legacy);

@@ -222,9 +222,9 @@ std::unique_ptr<TerminalPane> WorkspaceStore::makePane(const QUuid& id, const Pa
             weakPane->setSessionID(sessionText);
         } else if (context.projectID && store) {
             // The pane left the model while its session came up: keep the session.
-            store->suspendedPanes_[id] =
+            store->fileSuspendedPane(
                 SuspendedPane{id, *context.projectID, context.cwd, sessionText,
-                              weakController && weakController->isReplacementSession()};
+                              weakController && weakController->isReplacementSession()});
             store->persistSuspendedPanes();
         }
         if (store) store->persist();

@@ -24,6 +24,7 @@
 #include "ProjectRecord.h"
 #include "SavedWorkspace.h"
 #include "SessionCloseLedger.h"
+#include "SharedSnapshot.h"
 #include "TerminalPane.h"
 
 namespace hl {
@@ -126,6 +127,21 @@ class WorkspaceStore : public QObject {
     bool workspaceHasUnseenBell(const QString& workspaceID) const;
     static constexpr std::chrono::milliseconds sweepPause{3000};
 
+    // The shape of each given project's workspace as other computers see it:
+    // directories relative to the project's root, no sessions. A workspace with a
+    // pane outside its root is left out whole; projects without tabs give none.
+    QList<SharedWorkspace> sharedWorkspaces(const std::vector<ProjectRecord>& mappedProjects) const;
+    // Makes the workspaces of the given projects what the shared list says, keeps
+    // live panes whose directory is unchanged, suspends panes that leave and
+    // reattaches suspended ones that come back. Gives the projects that could not
+    // be applied (a directory missing here), or all of them when nothing may be saved.
+    std::vector<QString> applySharedWorkspaces(const QList<SharedWorkspace>& workspaces,
+                                               const std::vector<ProjectRecord>& mappedProjects);
+    // `path` relative to `root` ("" for the root itself) when it lies within it.
+    static std::optional<QString> relativePath(const QString& path, const QString& root);
+    // The existing directory that `relativePath` names within `root`, links resolved.
+    static std::optional<QString> resolvedPath(const QString& relativePath, const QString& root);
+
     // Ids of the panes' sessions that the ledger may retry at this start.
     const std::set<QString>& retryablePendingCloseIDs() const { return retryablePendingCloseIDs_; }
     const SessionCloseLedger& closeLedger() const { return *closeLedger_; }
@@ -178,6 +194,17 @@ class WorkspaceStore : public QObject {
     void retrySweep(int attemptsRemaining);
     void persistSuspendedPanes();
     void closeSuspendedPanes(const QString& projectID);
+    // Shared exchange.
+    void replaceProjectTabs(const QString& projectID,
+                            std::vector<std::unique_ptr<TerminalTab>> newTabs);
+    std::optional<std::vector<std::unique_ptr<TerminalTab>>> importedTabs(
+        const SharedWorkspace& workspace, const ProjectRecord& project);
+    void normalizeSelectionAfterSharedImport();
+    // Lets the pane's session live on and remembers it for a later return.
+    void suspendPane(std::unique_ptr<TerminalPane> pane);
+    // Enters a suspended session; one that it displaces under the same pane id
+    // could never be reached again and is closed through the ledger.
+    void fileSuspendedPane(const SuspendedPane& pane);
     SavedWorkspace savedWorkspace() const;
     // Lets a pane go once its controller has no start in flight, so that a
     // session that comes up late is still closed or filed, never lost.

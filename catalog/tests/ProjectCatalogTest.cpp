@@ -135,12 +135,12 @@ TEST_F(ProjectCatalogTest, SharedNamesRenameAndDropButNeverAdd) {
     int changes = 0;
     catalog.onChange = [&] { ++changes; };
 
-    catalog.applySharedProjects({{alpha.id, "Alpha"}, {beta.id, "Beta"}});
+    catalog.applySharedProjects({{alpha.id, "Alpha", {}}, {beta.id, "Beta", {}}});
     EXPECT_EQ(changes, 0) << "nothing changed, nothing stored";
-    catalog.applySharedProjects({{alpha.id, "A"}, {alpha.id, "B"}});
+    catalog.applySharedProjects({{alpha.id, "A", {}}, {alpha.id, "B", {}}});
     EXPECT_EQ(changes, 0) << "a repeated identity is ignored whole";
 
-    catalog.applySharedProjects({{alpha.id, "Alpha 2"}, {"elsewhere", "Not here"}});
+    catalog.applySharedProjects({{alpha.id, "Alpha 2", {}}, {"elsewhere", "Not here", {}}});
     ASSERT_EQ(catalog.projects().size(), 1u);
     EXPECT_EQ(catalog.projects()[0], (ProjectRecord{alpha.id, "Alpha 2", alpha.root}));
     EXPECT_EQ(catalog.selectedProjectID(), alpha.id);

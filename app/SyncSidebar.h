@@ -1,0 +1,86 @@
+// The sidebar's sync pieces: the status row with "Restore Previous", the
+// section of shared projects that have no folder here with "Choose Existing
+// Folder…", and the set-up dialog that announces each new one once per run.
+// All decisions are the coordinator's; these views only call it.
+#pragma once
+
+#include <QLabel>
+#include <QMessageBox>
+#include <QPointer>
+#include <QPushButton>
+#include <QVBoxLayout>
+#include <QWidget>
+
+#include <functional>
+#include <optional>
+#include <set>
+
+#include "CloudSyncCoordinator.h"
+#include "PlatformWords.h"
+
+namespace hl {
+
+// The sync texts the user reads, each with its Linux spelling.
+struct SyncTexts {
+    static QString restorePrevious() { return QStringLiteral("Restore Previous"); }
+    static QString restoreHelp(TextPlatform p = runningTextPlatform());
+    static QString fromCloud(TextPlatform p = runningTextPlatform());
+    static QString setUpMenu() { return QStringLiteral("Set Up…"); }
+    static QString chooseExistingFolder() { return QStringLiteral("Choose Existing Folder…"); }
+    static QString later() { return QStringLiteral("Later"); }
+    static QString panelTitle(const QString& name, TextPlatform p = runningTextPlatform());
+    static QString panelMessage(TextPlatform p = runningTextPlatform());
+    static QString panelPrompt() { return QStringLiteral("Use Folder"); }
+    static QString setUpTitle(const std::optional<SharedProject>& project);
+    static QString setUpMessage(const SharedProject& project,
+                                TextPlatform p = runningTextPlatform());
+};
+
+class SyncSidebar : public QObject {
+    Q_OBJECT
+
+  public:
+    // `openProject` opens a newly mapped project's workspace and selects it.
+    // `chooseFolder` asks for a directory (title, message, prompt); empty means
+    // a directory dialog.
+    SyncSidebar(
+        CloudSyncCoordinator* sync, QWidget* sidebar,
+        std::function<void(const ProjectRecord&)> openProject,
+        std::function<std::optional<QString>(const QString&, const QString&, const QString&)>
+            chooseFolder = {});
+
+    QWidget* statusRow() const { return statusRow_; }
+    QWidget* fromCloudSection() const { return section_; }
+    // The set-up dialog while it is shown.
+    QMessageBox* setUpDialog() const { return dialog_; }
+    // Asks for a folder for `project` and maps it; opens its workspace on success.
+    void mapSyncedProject(const SharedProject& project);
+    // Offers the first project not offered before in this run.
+    void announceNewUnmappedProjects(const QList<SharedProject>& projects);
+
+  private:
+    void updateStatus();
+    void rebuildSection();
+    void showSetUp(const SharedProject& project);
+
+    QPointer<CloudSyncCoordinator> sync_;
+    std::function<void(const ProjectRecord&)> openProject_;
+    std::function<std::optional<QString>(const QString&, const QString&, const QString&)>
+        chooseFolder_;
+    QWidget* statusRow_;
+    QLabel* statusIcon_;
+    QLabel* statusText_;
+    QPushButton* restore_;
+    QWidget* section_;
+    QVBoxLayout* rows_;
+    QPointer<QMessageBox> dialog_;
+    std::optional<SharedProject> projectToSetUp_;
+    std::set<QString> announcedUnmappedProjectIDs_;
+};
+
+// Puts the sync pieces into the sidebar that ContentView built ("sidebar"): the
+// section above the error row, the status row below it.
+SyncSidebar* installSyncSidebar(CloudSyncCoordinator& sync, QWidget* window,
+                                std::function<void(const ProjectRecord&)> openProject);
+
+}  // namespace hl

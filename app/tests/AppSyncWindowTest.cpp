@@ -1,0 +1,90 @@
+// Two whole applications in one process, each with its own preferences, sharing
+// one folder record: the status row, the "From Cloud" section and the set-up
+// dialog as the user sees them, driven by the refresh tick alone.
+#include <gtest/gtest.h>
+
+#include <QAbstractButton>
+#include <QLabel>
+
+#include "AppTestSupport.h"
+#include "HarborlatticeApp.h"
+#include "MainWindow.h"
+#include "SyncSidebar.h"
+
+namespace fs = std::filesystem;
+using hl::apptest::find;
+using hl::apptest::spinUntil;
+
+namespace {
+
+struct Instance {
+    explicit Instance(const std::string& name)
+        : app(std::make_unique<hl::HarborlatticeApp>(hl::apptest::baseFolder() / (name + ".db"))),
+          window(*app) {
+        window.show();
+        app->delegate().scheduleDidFinishLaunching();
+    }
+    QString status() {
+        auto* label = find<QLabel>(&window, "sync.status");
+        return label ? label->text() : QString();
+    }
+    std::unique_ptr<hl::HarborlatticeApp> app;
+    hl::MainWindow window;
+};
+
+TEST(SyncWindowTest, AProjectFromTheOtherInstanceIsShownAnnouncedOnceAndSetUp) {
+    const fs::path record = hl::apptest::baseFolder() / "record";
+    fs::create_directories(record);
+    qputenv(hl::syncUrlVariable,
+            QByteArray("file://") + QByteArray::fromStdString(record.string()));
+    Instance a("sync-a"), b("sync-b");
+    qunsetenv(hl::syncUrlVariable);
+    ASSERT_TRUE(spinUntil([&] { return a.status() == "Synced with Cloud"; }))
+        << a.status().toStdString();
+    EXPECT_EQ(find(&a.window, "sync.restorePrevious"), nullptr);
+    EXPECT_EQ(find(&a.window, "sync.fromCloud"), nullptr);
+
+    const fs::path root = hl::apptest::baseFolder() / "alpha";
+    fs::create_directories(root / "src");
+    auto alpha = a.app->catalog().add("alpha", QString::fromStdString(root.string()));
+    ASSERT_TRUE(alpha);
+    ASSERT_TRUE(a.app->workspace().openProject(*alpha));
+
+    ASSERT_TRUE(spinUntil([&] { return b.status() == "1 Cloud project needs local folder setup"; }))
+        << b.status().toStdString();
+    QLabel* header = nullptr;
+    ASSERT_TRUE(
+        spinUntil([&] { return (header = find<QLabel>(&b.window, "sync.fromCloud.header")); }));
+    EXPECT_EQ(header->text(), "From Cloud");
+    auto* dialog = b.window.findChild<QMessageBox*>("sync.setUp");
+    ASSERT_TRUE(
+        spinUntil([&] { return (dialog = b.window.findChild<QMessageBox*>("sync.setUp")); }));
+    EXPECT_EQ(dialog->text(), "Set Up alpha?");
+    const auto endpoint = hl::DeviceCopyEndpoint::discover();
+    EXPECT_EQ(dialog->informativeText(), "alpha exists on " + endpoint.deviceName + " at " +
+                                             alpha->root +
+                                             ". Copy it to the same path on this computer?");
+    hl::apptest::saveScreenshot(&b.window, "sync-set-up");
+    auto* later = dialog->findChild<QAbstractButton*>("sync.setUp.later");
+    ASSERT_NE(later, nullptr);
+    later->click();
+    ASSERT_TRUE(spinUntil([&] { return !b.window.findChild<QMessageBox*>("sync.setUp"); }));
+    hl::apptest::spinFor(std::chrono::milliseconds(1500));
+    EXPECT_EQ(b.window.findChild<QMessageBox*>("sync.setUp"), nullptr) << "announced once";
+    EXPECT_NE(find(&b.window, "sync.fromCloud"), nullptr) << "it waits in the sidebar";
+
+    // A folder is chosen on B: the project and its workspace open there.
+    const fs::path mine = hl::apptest::baseFolder() / "mine";
+    fs::create_directories(mine);
+    auto* pieces = b.window.findChild<hl::SyncSidebar*>();
+    ASSERT_NE(pieces, nullptr);
+    ASSERT_TRUE(b.app->sync().mapProject(b.app->sync().unmappedProjects().front(),
+                                         QString::fromStdString(mine.string())));
+    ASSERT_TRUE(spinUntil([&] { return b.status() == "Synced with Cloud"; }))
+        << b.status().toStdString();
+    EXPECT_EQ(find(&b.window, "sync.fromCloud"), nullptr);
+    ASSERT_EQ(b.app->catalog().projects().size(), 1u);
+    EXPECT_EQ(b.app->workspace().tabs().size(), 1u);
+}
+
+}  // namespace

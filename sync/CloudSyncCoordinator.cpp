@@ -1,0 +1,409 @@
+// CloudSyncCoordinator: the content of this computer as shared, the pending
+// change and its debounce, the refresh that decides between deliver, take and
+// nothing, and the application of a remote snapshot without echo.
+#include "CloudSyncCoordinator.h"
+
+#include <QCollator>
+#include <QThreadPool>
+
+#include <map>
+
+#include "SharedSnapshotCodec.h"
+
+namespace hl {
+
+CloudSyncCoordinator::CloudSyncCoordinator(std::shared_ptr<Preferences> defaults,
+                                           std::shared_ptr<SharedStateTransport> transport,
+                                           std::optional<DeviceCopyEndpoint> deviceEndpoint,
+                                           std::function<void(const QUuid&)> publishChangeSignal,
+                                           std::function<SharedDate()> now, QObject* parent)
+    : QObject(parent),
+      defaults_(std::move(defaults)),
+      transport_(transport ? std::move(transport)
+                           : std::shared_ptr<SharedStateTransport>(makeSharedStateTransport())),
+      deviceEndpoint_(std::move(deviceEndpoint)),
+      publishChangeSignal_(std::move(publishChangeSignal)),
+      now_(now ? std::move(now) : std::function<SharedDate()>(sharedDateNow)) {
+    const auto storedDevice = defaults_->text(deviceKey);
+    const QUuid parsed =
+        storedDevice ? QUuid::fromString(QString::fromStdString(*storedDevice)) : QUuid();
+    if (!parsed.isNull()) {
+        deviceID_ = parsed;
+    } else {
+        deviceID_ = QUuid::createUuid();
+        if (transport_->isConfigured())
+            defaults_->set(deviceKey, sharedUuidText(deviceID_).toStdString());
+    }
+    accepted_ = storedSnapshot(acceptedKey);
+    pending_ = storedSnapshot(pendingKey);
+    if (pending_) {
+        sharedContent_ = pending_->content();
+    } else if (accepted_) {
+        sharedContent_ = accepted_->content();
+    }
+    recoveryCount_ = static_cast<int>(recoverySnapshots().size());
+    status_ = CloudSyncStatus::of(transport_->isConfigured() ? CloudSyncStatus::Kind::Syncing
+                                                             : CloudSyncStatus::Kind::LocalOnly);
+    uploadTimer_.setSingleShot(true);
+    connect(&uploadTimer_, &QTimer::timeout, this, [this] { refresh(); });
+}
+
+CloudSyncCoordinator::~CloudSyncCoordinator() {
+    if (catalog_) catalog_->onChange = nullptr;
+    if (workspace_) workspace_->onChange = nullptr;
+}
+
+std::unique_ptr<CloudSyncCoordinator> CloudSyncCoordinator::disabled(
+    std::shared_ptr<Preferences> defaults) {
+    if (!defaults) std::abort();  // a coordinator always has a place for its values
+    return std::make_unique<CloudSyncCoordinator>(std::move(defaults),
+                                                  std::make_shared<DisabledSharedStateTransport>());
+}
+
+void CloudSyncCoordinator::attach(ProjectCatalog* catalog, WorkspaceStore* workspace, bool start) {
+    catalog_ = catalog;
+    workspace_ = workspace;
+    knownMappedProjectIDs_ = catalogIDs();
+    if (!accepted_ && !pending_) sharedContent_ = localContent();
+    QPointer<CloudSyncCoordinator> self(this);
+    catalog->onChange = [self] {
+        if (self) self->localDidChange();
+    };
+    workspace->onChange = [self] {
+        if (self) self->localDidChange();
+    };
+    updateUnmappedProjects();
+    if (start) {
+        QTimer::singleShot(0, this, [this] { refresh(); });
+    }
+}
+
+std::set<QString> CloudSyncCoordinator::catalogIDs() const {
+    std::set<QString> ids;
+    if (catalog_) {
+        for (const auto& record : catalog_->projects())
+            ids.insert(record.id);
+    }
+    return ids;
+}
+
+// --- Local content -----------------------------------------------------------------
+
+SharedContent CloudSyncCoordinator::localContent() {
+    if (!catalog_ || !workspace_) return sharedContent_;
+    const std::set<QString> local = catalogIDs();
+    std::map<QString, SharedProject> projects;
+    std::map<QString, SharedWorkspace> workspaces;
+    for (const auto& project : sharedContent_.projects)
+        projects.emplace(project.id, project);
+    for (const auto& workspace : sharedContent_.workspaces)
+        workspaces.emplace(workspace.projectID, workspace);
+    for (const QString& id : knownMappedProjectIDs_) {
+        if (local.count(id) != 0) continue;
+        projects.erase(id);  // removed here since the last look
+        workspaces.erase(id);
+    }
+    for (const auto& record : catalog_->projects()) {
+        std::optional<ProjectOrigin> origin;
+        auto shared = projects.find(record.id);
+        if (shared != projects.end() && shared->second.origin) {
+            origin = shared->second.origin;
+        } else if (deviceEndpoint_) {
+            origin = ProjectOrigin{deviceID_, deviceEndpoint_->deviceName, deviceEndpoint_->sshHost,
+                                   deviceEndpoint_->sshUser, record.root};
+        }
+        projects[record.id] = SharedProject{record.id, record.name, origin};
+        workspaces.erase(record.id);
+    }
+    for (const auto& workspace : workspace_->sharedWorkspaces(catalog_->projects()))
+        workspaces[workspace.projectID] = workspace;
+    knownMappedProjectIDs_ = local;
+    SharedContent content;
+    for (auto& [id, project] : projects)
+        content.projects.append(project);
+    for (auto& [id, workspace] : workspaces)
+        content.workspaces.append(workspace);
+    return content.canonicalized();
+}
+
+void CloudSyncCoordinator::localDidChange() {
+    if (applyingRemote_ || !catalog_ || !workspace_) return;
+    const SharedContent content = localContent();
+    if (content == sharedContent_) {
+        updateUnmappedProjects();
+        return;
+    }
+    sharedContent_ = content;
+    pending_ = SharedSnapshot(deviceID_, content, QUuid::createUuid(), now_());
+    storeSnapshot(pendingKey, pending_);
+    updateUnmappedProjects();
+    setStatus(CloudSyncStatus::of(transport_->isConfigured() ? CloudSyncStatus::Kind::Syncing
+                                                             : CloudSyncStatus::Kind::LocalOnly));
+    scheduleUpload(uploadDelay);
+}
+
+void CloudSyncCoordinator::scheduleUpload(std::chrono::milliseconds delay) {
+    uploadTimer_.stop();
+    uploadTimer_.start(delay);
+}
+
+// --- Refresh -----------------------------------------------------------------------
+
+void CloudSyncCoordinator::offMainThread(std::function<void()> work,
+                                         std::function<void(std::exception_ptr)> then) {
+    QPointer<CloudSyncCoordinator> self(this);
+    // The worker keeps the transport alive even if the coordinator goes first.
+    QThreadPool::globalInstance()->start([work = std::move(work), then = std::move(then), self,
+                                          keep = transport_]() mutable {
+        std::exception_ptr error;
+        try {
+            work();
+        } catch (...) {
+            error = std::current_exception();
+        }
+        if (!self) return;
+        QMetaObject::invokeMethod(
+            self.data(), [then = std::move(then), error] { then(error); }, Qt::QueuedConnection);
+    });
+}
+
+void CloudSyncCoordinator::refresh(std::function<void()> done) {
+    if (refreshing_) {
+        if (done) done();
+        return;
+    }
+    if (!transport_->isConfigured()) {
+        setStatus(CloudSyncStatus::of(CloudSyncStatus::Kind::LocalOnly));
+        if (done) done();
+        return;
+    }
+    refreshing_ = true;
+    if (done) refreshWaiters_.push_back(std::move(done));
+    auto available = std::make_shared<bool>(false);
+    offMainThread(
+        [available, transport = transport_] { *available = transport->accountIsAvailable(); },
+        [this, available](std::exception_ptr) {
+            if (!*available) {
+                setStatus(CloudSyncStatus::of(CloudSyncStatus::Kind::CloudUnavailable));
+                endRefresh();
+                return;
+            }
+            auto remote = std::make_shared<std::optional<SharedSnapshot>>();
+            if (const std::optional<SharedSnapshot> sent = pending_) {
+                offMainThread([remote, sent,
+                               transport = transport_] { *remote = transport->exchange(*sent); },
+                              [this, remote, sent](std::exception_ptr error) {
+                                  if (error) return failRefresh(error);
+                                  try {
+                                      settleWith(*sent, **remote);
+                                  } catch (...) {
+                                      return failRefresh(std::current_exception());
+                                  }
+                                  endRefresh();
+                              });
+                return;
+            }
+            offMainThread([remote, transport = transport_] { *remote = transport->fetch(); },
+                          [this, remote](std::exception_ptr error) {
+                              if (error) return failRefresh(error);
+                              if (pending_) {
+                                  // A local change came during the fetch: it is
+                                  // delivered (and compared) first, never overwritten.
+                                  endRefresh();
+                                  return;
+                              }
+                              if (!*remote) {
+                                  publish(localContent(), [this] { endRefresh(); });
+                                  return;
+                              }
+                              const SharedSnapshot& found = **remote;
+                              try {
+                                  if (!accepted_) {
+                                      preserveCurrentLocalContent(found.content());
+                                      applyRemote(found);
+                                  } else if (found.revision() != accepted_->revision() &&
+                                             found.isNewer(*accepted_)) {
+                                      applyRemote(found);
+                                  } else {
+                                      setStatus(settledStatus());
+                                  }
+                              } catch (...) {
+                                  return failRefresh(std::current_exception());
+                              }
+                              endRefresh();
+                          });
+        });
+}
+
+void CloudSyncCoordinator::publish(const SharedContent& content, std::function<void()> finish) {
+    std::optional<SharedSnapshot> snapshot;
+    try {
+        const SharedDate time = now_();
+        snapshot = SharedSnapshot(deviceID_, content.validated(), QUuid::createUuid(), time);
+        pending_ = snapshot;
+        defaults_->set(pendingKey,
+                       PreferenceData{SharedSnapshotCodec::encode(*snapshot).toStdString()});
+    } catch (...) {
+        return failRefresh(std::current_exception());
+    }
+    auto survivor = std::make_shared<std::optional<SharedSnapshot>>();
+    offMainThread([survivor, sent = *snapshot,
+                   transport = transport_] { *survivor = transport->exchange(sent); },
+                  [this, survivor, sent = *snapshot, finish](std::exception_ptr error) {
+                      if (error) return failRefresh(error);
+                      try {
+                          settleWith(sent, **survivor);
+                      } catch (...) {
+                          return failRefresh(std::current_exception());
+                      }
+                      finish();
+                  });
+}
+
+void CloudSyncCoordinator::settleWith(const SharedSnapshot& sent, const SharedSnapshot& survivor) {
+    if (survivor.revision() == sent.revision()) {
+        acceptLocal(survivor);
+    } else if (pending_ && pending_->revision() != sent.revision()) {
+        // A later local change holds the whole state and meets the survivor at
+        // the next exchange; applying the survivor now would overwrite it.
+    } else {
+        preserveRecovery(sent);
+        applyRemote(survivor);
+    }
+}
+
+void CloudSyncCoordinator::acceptLocal(const SharedSnapshot& snapshot) {
+    if (pending_ && pending_->revision() != snapshot.revision()) {
+        // A later local change waits: the record took the earlier one.
+        accepted_ = snapshot;
+        storeSnapshot(acceptedKey, accepted_);
+        if (publishChangeSignal_) publishChangeSignal_(snapshot.revision());
+        return;
+    }
+    accepted_ = snapshot;
+    pending_.reset();
+    sharedContent_ = snapshot.content();
+    storeSnapshot(acceptedKey, accepted_);
+    defaults_->remove(pendingKey);
+    updateUnmappedProjects();
+    setStatus(settledStatus());
+    if (publishChangeSignal_) publishChangeSignal_(snapshot.revision());
+}
+
+void CloudSyncCoordinator::applyRemote(const SharedSnapshot& snapshot) {
+    if (!catalog_ || !workspace_) return;
+    const SharedSnapshot validated = snapshot.validated();
+    std::vector<QString> blocked;
+    {
+        applyingRemote_ = true;
+        struct Reset {
+            bool& flag;
+            ~Reset() { flag = false; }
+        } reset{applyingRemote_};
+        catalog_->applySharedProjects(validated.content().projects);
+        blocked =
+            workspace_->applySharedWorkspaces(validated.content().workspaces, catalog_->projects());
+    }
+    accepted_ = validated;
+    pending_.reset();
+    sharedContent_ = validated.content();
+    knownMappedProjectIDs_ = catalogIDs();
+    const QByteArray bytes = SharedSnapshotCodec::encode(validated);
+    defaults_->set(acceptedKey, PreferenceData{bytes.toStdString()});
+    defaults_->remove(pendingKey);
+    updateUnmappedProjects();
+    setStatus(openStatus(blocked, CloudSyncStatus::of(CloudSyncStatus::Kind::Synced)));
+}
+
+void CloudSyncCoordinator::failRefresh(std::exception_ptr error) {
+    CloudSyncStatus status = CloudSyncStatus::of(CloudSyncStatus::Kind::SyncFailed);
+    try {
+        std::rethrow_exception(error);
+    } catch (const SharedStateError& failure) {
+        const bool rejected = failure.kind() != SharedStateError::Kind::CloudConflict &&
+                              failure.kind() != SharedStateError::Kind::NotConfigured;
+        status = rejected ? CloudSyncStatus::of(CloudSyncStatus::Kind::InvalidRemote)
+                          : syncStatusForError(failure);
+    } catch (const SharedSnapshotCodecError&) {
+        status = CloudSyncStatus::of(CloudSyncStatus::Kind::InvalidRemote);
+    } catch (const std::exception& failure) {
+        status = syncStatusForError(failure);
+    } catch (...) {
+    }
+    setStatus(status);
+    endRefresh();
+}
+
+void CloudSyncCoordinator::endRefresh() {
+    refreshing_ = false;
+    auto waiters = std::move(refreshWaiters_);
+    refreshWaiters_.clear();
+    for (auto& done : waiters)
+        done();
+    emit refreshFinished();
+}
+
+// --- Status and bookkeeping --------------------------------------------------------
+
+void CloudSyncCoordinator::updateUnmappedProjects() {
+    const std::set<QString> mapped = catalogIDs();
+    QList<SharedProject> list;
+    for (const auto& project : sharedContent_.projects) {
+        if (mapped.count(project.id) == 0) list.append(project);
+    }
+    QCollator collator;
+    collator.setNumericMode(true);
+    collator.setCaseSensitivity(Qt::CaseInsensitive);
+    std::stable_sort(list.begin(), list.end(), [&](const SharedProject& a, const SharedProject& b) {
+        return collator.compare(a.name, b.name) < 0;
+    });
+    if (list == unmappedProjects_) return;
+    unmappedProjects_ = list;
+    emit unmappedProjectsChanged();
+}
+
+void CloudSyncCoordinator::setStatus(const CloudSyncStatus& status) {
+    if (status_ == status) return;
+    status_ = status;
+    emit statusChanged();
+}
+
+CloudSyncStatus CloudSyncCoordinator::settledStatus() const {
+    return unmappedProjects_.isEmpty()
+               ? CloudSyncStatus::of(CloudSyncStatus::Kind::Synced)
+               : CloudSyncStatus::needsFolder(static_cast<int>(unmappedProjects_.size()));
+}
+
+CloudSyncStatus CloudSyncCoordinator::openStatus(const std::vector<QString>& blocked,
+                                                 const CloudSyncStatus& whenNoneOpen) const {
+    std::set<QString> open(blocked.begin(), blocked.end());
+    for (const auto& project : unmappedProjects_)
+        open.insert(project.id);
+    return open.empty() ? whenNoneOpen
+                        : CloudSyncStatus::needsFolder(static_cast<int>(open.size()));
+}
+
+void CloudSyncCoordinator::storeSnapshot(const char* key,
+                                         const std::optional<SharedSnapshot>& snapshot) {
+    if (!snapshot) {
+        defaults_->remove(key);
+        return;
+    }
+    try {
+        defaults_->set(key, PreferenceData{SharedSnapshotCodec::encode(*snapshot).toStdString()});
+    } catch (...) {
+        defaults_->remove(key);
+    }
+}
+
+std::optional<SharedSnapshot> CloudSyncCoordinator::storedSnapshot(const char* key) const {
+    const auto bytes = defaults_->data(key);
+    if (!bytes) return std::nullopt;
+    try {
+        return SharedSnapshotCodec::decode(QByteArray::fromStdString(bytes->bytes));
+    } catch (...) {
+        return std::nullopt;  // kept on disk until the next accept overwrites it
+    }
+}
+
+}  // namespace hl

@@ -1,0 +1,438 @@
+// The sync coordinator between complete cores (preferences, catalog, workspace
+// store and coordinator), each its own computer: through a real shared folder,
+// and through an in-memory record for the cases that need a hand on the record.
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QProcess>
+
+#include <fcntl.h>
+#include <unistd.h>
+#include <csignal>
+
+#include <atomic>
+#include <mutex>
+#include <thread>
+
+#include "ApacheServer.h"
+#include "CloudSyncCoordinator.h"
+#include "FolderSharedStateTransport.h"
+#include "SharedSnapshotCodec.h"
+#include "WebDavSharedStateTransport.h"
+#include "WorkspaceTestSupport.h"
+
+namespace fs = std::filesystem;
+using namespace hl;
+using hl::test::spinUntil;
+using hl::test::StoreFixture;
+using Kind = CloudSyncStatus::Kind;
+
+namespace {
+
+// A record in memory with the exchange of the real transports; the test can
+// damage it, take the account away, or count the calls.
+class MemoryRecordTransport final : public RecordSharedStateTransport {
+  public:
+    bool isConfigured() const override { return true; }
+    bool accountIsAvailable() override { return available; }
+    void setPayload(const QByteArray& bytes) {
+        std::lock_guard guard(mutex_);
+        record_ = SharedStateRecord{bytes, QByteArray::number(++generation_)};
+    }
+    QByteArray payload() {
+        std::lock_guard guard(mutex_);
+        return record_ ? record_->payload : QByteArray();
+    }
+    std::atomic<bool> available{true};
+    std::atomic<int> writes{0};
+
+  protected:
+    std::optional<SharedStateRecord> readRecord() override {
+        std::lock_guard guard(mutex_);
+        return record_;
+    }
+    SaveOutcome writeRecord(const QByteArray& payload,
+                            const std::optional<QByteArray>& expectedTag) override {
+        std::lock_guard guard(mutex_);
+        const std::optional<QByteArray> tag =
+            record_ ? std::optional<QByteArray>(record_->tag) : std::nullopt;
+        if (tag != expectedTag) return SaveOutcome::TagMoved;
+        record_ = SharedStateRecord{payload, QByteArray::number(++generation_)};
+        ++writes;
+        return SaveOutcome::Saved;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::optional<SharedStateRecord> record_;
+    int generation_ = 0;
+};
+
+// One computer: its own preferences, folders, catalog, store and coordinator.
+struct Core {
+    explicit Core(std::shared_ptr<SharedStateTransport> transport,
+                  std::function<SharedDate()> now = {})
+        : transport(std::move(transport)), now(std::move(now)) {
+        start();
+    }
+    void start() {
+        catalog = std::make_unique<ProjectCatalog>(f.prefs);
+        store = f.makeStore(catalog->projects());
+        sync = std::make_unique<CloudSyncCoordinator>(
+            f.prefs, transport, DeviceCopyEndpoint{"Studio", "studio.local", "ada"},
+            [](const QUuid&) {}, now);
+        sync->attach(catalog.get(), store.get(), false);
+    }
+    // A start after a quit: the same preferences, new objects.
+    void restart() {
+        sync.reset();
+        store.reset();
+        catalog.reset();
+        start();
+    }
+    // Waits out any refresh under way, then runs one to its end.
+    void settle() {
+        ASSERT_TRUE(spinUntil([&] { return !sync->isRefreshing(); }));
+        bool done = false;
+        sync->refresh([&] { done = true; });
+        ASSERT_TRUE(spinUntil([&] { return done; }));
+    }
+    ProjectRecord addProject(const QString& name) {
+        const QString root = f.project(name).root;
+        fs::remove_all(root.toStdString());
+        fs::create_directories(root.toStdString());
+        auto record = *catalog->add(name, root);
+        store->openProject(record);
+        return record;
+    }
+
+    StoreFixture f;
+    std::shared_ptr<SharedStateTransport> transport;
+    std::function<SharedDate()> now;
+    std::unique_ptr<ProjectCatalog> catalog;
+    std::unique_ptr<WorkspaceStore> store;
+    std::unique_ptr<CloudSyncCoordinator> sync;
+};
+
+QStringList titles(WorkspaceStore& store) {
+    QStringList list;
+    for (auto* tab : store.tabs())
+        list << tab->title();
+    return list;
+}
+
+class FolderRecordTest : public ::testing::Test {
+  protected:
+    hl::test::TempDir dir;
+    std::shared_ptr<SharedStateTransport> transport() {
+        return std::make_shared<FolderSharedStateTransport>(
+            QString::fromStdString(dir.path().string()));
+    }
+};
+
+TEST_F(FolderRecordTest, ProjectsAndTheirShapeTravelAndAFolderIsChosenOnTheOtherSide) {
+    Core a(transport()), b(transport());
+    a.settle();
+    b.settle();
+    const auto alpha = a.addProject("alpha");
+    a.store->split(true);
+    EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::Syncing));
+    ASSERT_TRUE(a.sync->pending());
+    EXPECT_TRUE(a.f.prefs->data(CloudSyncCoordinator::pendingKey)) << "on disk before the wait";
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::Synced));
+
+    b.settle();
+    EXPECT_EQ(b.sync->status(), CloudSyncStatus::needsFolder(1));
+    ASSERT_EQ(b.sync->unmappedProjects().size(), 1);
+    const SharedProject shared = b.sync->unmappedProjects()[0];
+    EXPECT_EQ(shared.origin->deviceName, "Studio");
+    EXPECT_EQ(shared.origin->root, alpha.root);
+    const QString folderB = QString::fromStdString((b.f.base / "mine").string());
+    fs::create_directories(folderB.toStdString());
+    auto mapped = b.sync->mapProject(shared, folderB);
+    ASSERT_TRUE(mapped);
+    EXPECT_FALSE(b.sync->pending()) << "mapping uploads nothing";
+    EXPECT_EQ(b.sync->status(), CloudSyncStatus::of(Kind::Synced));
+    ASSERT_EQ(b.store->tabs().size(), 1u);
+    EXPECT_EQ(b.store->tabs()[0]->paneCount(), 2u);
+    EXPECT_EQ(b.store->tabs()[0]->panes()[0]->context().cwd, mapped->root);
+
+    // Renamed on A, then removed on A.
+    a.catalog->rename(alpha.id, "Alpha");
+    a.store->renameProject(alpha.id, "Alpha");
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    b.settle();
+    EXPECT_EQ(b.catalog->projects()[0].name, "Alpha");
+    EXPECT_EQ(titles(*b.store), QStringList{"Alpha"});
+    EXPECT_EQ(b.catalog->projects()[0].root, mapped->root) << "the folder stays B's own";
+
+    a.store->removeProject(alpha.id);
+    a.catalog->remove(alpha.id);
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    EXPECT_TRUE(a.sync->sharedContent().isEmpty());
+    b.settle();
+    EXPECT_TRUE(b.catalog->projects().empty());
+    EXPECT_TRUE(b.store->tabs().empty());
+}
+
+TEST_F(FolderRecordTest, APendingChangeOutlivesAQuitAndIsDeliveredByTheNextStart) {
+    Core a(transport()), b(transport());
+    a.settle();
+    a.addProject("alpha");
+    a.sync->refresh();  // a refresh that the quit interrupts
+    a.restart();
+    ASSERT_TRUE(a.sync->pending());
+    const QUuid revision = a.sync->pending()->revision();
+    a.settle();
+    EXPECT_FALSE(a.sync->pending());
+    EXPECT_EQ(a.sync->accepted()->revision(), revision);
+    b.settle();
+    EXPECT_EQ(b.sync->unmappedProjects().size(), 1);
+}
+
+class MemoryRecordTest : public ::testing::Test {
+  protected:
+    std::shared_ptr<MemoryRecordTransport> record = std::make_shared<MemoryRecordTransport>();
+    double clockA = 1.0e12, clockB = 1.0e12;
+    std::function<SharedDate()> clock(double& ms) {
+        return [&ms] { return SharedDate(std::chrono::duration<double, std::milli>(ms += 1000)); };
+    }
+};
+
+TEST_F(MemoryRecordTest, TheLaterChangeWinsAndTheLoserKeepsACopyToRestore) {
+    Core a(record, clock(clockA)), b(record, clock(clockB));
+    a.settle();
+    b.settle();
+    a.addProject("alpha");
+    clockB += 60'000;  // B's change is the later one
+    const auto beta = b.addProject("beta");
+    b.settle();
+    a.settle();
+    EXPECT_EQ(a.sync->recoveryCount(), 1);
+    EXPECT_EQ(a.sync->status(), CloudSyncStatus::needsFolder(1)) << "beta has no folder on A";
+    EXPECT_TRUE(a.catalog->projects().empty()) << "A took B's state";
+    EXPECT_TRUE(a.store->tabs().empty());
+
+    clockA += 120'000;  // the restored state is a new change, and the latest
+    ASSERT_TRUE(a.sync->restoreMostRecentRecovery());
+    EXPECT_EQ(a.sync->recoveryCount(), 0);
+    EXPECT_FALSE(a.f.prefs->data(CloudSyncCoordinator::recoveryKey));
+    ASSERT_TRUE(a.sync->pending());
+    EXPECT_EQ(a.sync->pending()->content().projects.size(), 1);
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    b.settle();
+    EXPECT_EQ(b.sync->unmappedProjects().size(), 1) << "alpha came back and waits for a folder";
+    EXPECT_TRUE(b.catalog->projects().empty()) << beta.name.toStdString();
+    EXPECT_FALSE(a.sync->restoreMostRecentRecovery());
+}
+
+TEST_F(MemoryRecordTest, ABurstOfChangesIsOneExchange) {
+    Core a(record);
+    a.settle();
+    const auto alpha = a.addProject("alpha");
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    const int before = record->writes;
+    QUuid lastPending;
+    for (int i = 0; i < 10; ++i) {
+        a.store->renameProject(alpha.id, QString("Alpha %1").arg(i));
+        ASSERT_TRUE(a.sync->pending());
+        EXPECT_NE(a.sync->pending()->revision(), lastPending);
+        lastPending = a.sync->pending()->revision();
+    }
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    EXPECT_EQ(record->writes - before, 1);
+    EXPECT_EQ(a.sync->accepted()->revision(), lastPending);
+    // A session that comes up is saved, but changes nothing shared.
+    auto* pane = a.store->selectedTab()->panes()[0];
+    pane->controller().requestFocus();
+    ASSERT_TRUE(spinUntil([&] { return pane->sessionID().has_value(); }));
+    ASSERT_NE(a.f.stored(WorkspaceStore::storageKey).find(pane->sessionID()->toStdString()),
+              std::string::npos);
+    EXPECT_FALSE(a.sync->pending());
+    EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::Synced));
+}
+
+TEST_F(MemoryRecordTest, DamagedOrForeignRecordsAreNeitherAppliedNorOverwritten) {
+    Core a(record);
+    a.settle();
+    a.addProject("alpha");
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    const QByteArray good = record->payload();
+    QByteArray schema2 = good;
+    schema2.replace("\"schemaVersion\":1", "\"schemaVersion\":2");
+    ASSERT_NE(schema2, good);
+    QByteArray badTab = good;
+    badTab.replace("\"tabs\":[", "\"tabs\":[{\"id\":\"x\"},");
+    const QByteArray tooLarge =
+        "{\"pad\":\"" + QByteArray(SharedSnapshot::maximumEncodedBytes, 'a') + "\"}";
+    for (const QByteArray& damaged :
+         {schema2, badTab, tooLarge, QByteArray("not json"), QByteArray()}) {
+        record->setPayload(damaged);
+        const int writes = record->writes;
+        a.settle();
+        EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::InvalidRemote))
+            << damaged.left(80).constData();
+        a.store->renameProject(a.catalog->projects()[0].id, "Changed " + QString::number(writes));
+        ASSERT_TRUE(a.sync->pending());
+        a.settle();
+        EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::InvalidRemote));
+        EXPECT_EQ(record->payload(), damaged) << "never overwritten";
+        EXPECT_EQ(record->writes, writes);
+        EXPECT_EQ(a.catalog->projects().size(), 1u) << "never applied";
+        EXPECT_TRUE(a.sync->pending()) << "the change waits";
+    }
+    // The account goes away: working locally, the change still waits.
+    record->setPayload(good);
+    record->available = false;
+    a.settle();
+    EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::CloudUnavailable));
+    EXPECT_TRUE(a.sync->pending());
+    record->available = true;
+    a.settle();
+    EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::Synced));
+    EXPECT_FALSE(a.sync->pending());
+}
+
+TEST_F(MemoryRecordTest, AJoiningComputerTakesTheRecordAndKeepsItsOwnStateAsACopy) {
+    Core a(record);
+    a.settle();
+    a.addProject("alpha");
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    Core empty(record), own(record);
+    own.sync.reset();
+    own.addProject("mine");
+    own.sync = std::make_unique<CloudSyncCoordinator>(own.f.prefs, record);
+    own.sync->attach(own.catalog.get(), own.store.get(), false);
+    empty.settle();
+    own.settle();
+    EXPECT_EQ(empty.sync->recoveryCount(), 0) << "nothing to lose";
+    EXPECT_EQ(own.sync->recoveryCount(), 1);
+    EXPECT_TRUE(own.catalog->projects().empty());
+    EXPECT_EQ(own.sync->status(), CloudSyncStatus::needsFolder(1));
+}
+
+}  // namespace
+
+namespace {
+
+TEST(KilledCoreTest, AChangeCaughtInTheMiddleOfAnExchangeIsDeliveredByTheNextStart) {
+    hl::test::TempDir dir;
+    const fs::path record = dir / "record";
+    const fs::path root = dir / "alpha";
+    fs::create_directories(record);
+    fs::create_directories(root);
+    const QString prefs = QString::fromStdString((dir / "prefs.sqlite3").string());
+    const QString folder = QString::fromStdString(record.string());
+    // The record's lock is held, so that the exchange waits inside its attempt.
+    const std::string lockPath = (record / "harborlattice-state-v1.lock").string();
+    const int lockFd = ::open(lockPath.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    ASSERT_GE(lockFd, 0);
+    struct flock lock {};
+    lock.l_type = F_WRLCK;
+    lock.l_whence = SEEK_SET;
+    ASSERT_EQ(::fcntl(lockFd, F_OFD_SETLK, &lock), 0);
+
+    QProcess changing;
+    changing.start(HL_SYNC_CORE_WORKER,
+                   {prefs, folder, "change", QString::fromStdString(root.string())});
+    ASSERT_TRUE(changing.waitForReadyRead(30000)) << changing.readAllStandardError().constData();
+    const QByteArray line = changing.readLine().trimmed();
+    ASSERT_TRUE(line.startsWith("pending ")) << line.constData();
+    hl::test::spinFor(std::chrono::milliseconds(1500));  // past the debounce, into the exchange
+    ::kill(static_cast<pid_t>(changing.processId()), SIGKILL);
+    ASSERT_TRUE(changing.waitForFinished(30000));
+    ::close(lockFd);
+
+    FolderSharedStateTransport reader(folder);
+    EXPECT_EQ(reader.fetch(), std::nullopt) << "nothing reached the record before the kill";
+    QProcess delivering;
+    delivering.start(HL_SYNC_CORE_WORKER, {prefs, folder, "deliver"});
+    ASSERT_TRUE(delivering.waitForFinished(60000));
+    EXPECT_EQ(delivering.readAllStandardOutput().trimmed(), "delivered " + line.mid(8));
+    const auto stored = reader.fetch();
+    ASSERT_TRUE(stored);
+    ASSERT_EQ(stored->content().projects.size(), 1);
+    EXPECT_EQ(stored->content().projects[0].name, "alpha");
+}
+
+}  // namespace
+
+namespace {
+
+TEST(WebDavRecordTest, TwoCoresConvergeOnARecordOnApache) {
+    hl::test::ApacheServer apache;
+    ASSERT_TRUE(apache.isRunning()) << apache.error().toStdString();
+    const QUrl url = apache.url("cores.json");
+    Core a(std::make_shared<WebDavSharedStateTransport>(url)),
+        b(std::make_shared<WebDavSharedStateTransport>(url));
+    a.settle();
+    b.settle();
+    const auto alpha = a.addProject("alpha");
+    a.settle();
+    b.settle();
+    ASSERT_EQ(b.sync->unmappedProjects().size(), 1);
+    const QString folder = QString::fromStdString((b.f.base / "mine").string());
+    fs::create_directories(folder.toStdString());
+    ASSERT_TRUE(b.sync->mapProject(b.sync->unmappedProjects()[0], folder));
+    b.store->split(false);
+    ASSERT_TRUE(spinUntil([&] { return !b.sync->pending() && !b.sync->isRefreshing(); }));
+    a.settle();
+    ASSERT_EQ(a.store->tabs().size(), 1u);
+    EXPECT_EQ(a.store->tabs()[0]->paneCount(), 2u) << "B's split arrived on A";
+    a.store->removeProject(alpha.id);
+    a.catalog->remove(alpha.id);
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    b.settle();
+    EXPECT_TRUE(b.catalog->projects().empty());
+    EXPECT_TRUE(b.store->tabs().empty());
+    EXPECT_EQ(b.sync->status(), CloudSyncStatus::of(Kind::Synced));
+}
+
+}  // namespace
+
+namespace {
+
+// Holds every read of the record while `held` is set.
+class GatedFolderTransport final : public SharedStateTransport {
+  public:
+    explicit GatedFolderTransport(QString folder) : inner_(std::move(folder)) {}
+    bool isConfigured() const override { return true; }
+    bool accountIsAvailable() override { return inner_.accountIsAvailable(); }
+    std::optional<SharedSnapshot> fetch() override {
+        entered = true;
+        while (held)
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        return inner_.fetch();
+    }
+    SharedSnapshot exchange(const SharedSnapshot& snapshot) override {
+        return inner_.exchange(snapshot);
+    }
+    std::atomic<bool> held{false}, entered{false};
+
+  private:
+    FolderSharedStateTransport inner_;
+};
+
+TEST_F(FolderRecordTest, AChangeMadeWhileARefreshWaitsIsNeverOverwritten) {
+    auto gated =
+        std::make_shared<GatedFolderTransport>(QString::fromStdString(dir.path().string()));
+    Core a(gated), b(transport());
+    a.settle();
+    b.settle();
+    b.addProject("beta");
+    ASSERT_TRUE(spinUntil([&] { return !b.sync->pending() && !b.sync->isRefreshing(); }));
+    gated->held = true;
+    gated->entered = false;
+    a.sync->refresh();
+    ASSERT_TRUE(spinUntil([&] { return gated->entered.load(); }));
+    const auto alpha = a.addProject("alpha");  // while the fetch waits
+    gated->held = false;
+    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    ASSERT_EQ(a.catalog->projects().size(), 1u);
+    EXPECT_EQ(a.catalog->projects()[0].id, alpha.id);
+    b.settle();
+    EXPECT_EQ(b.sync->unmappedProjects().size(), 1) << "the later change reached B";
+}
+
+}  // namespace
