@@ -52,8 +52,10 @@ HarborlatticeApp::HarborlatticeApp(const std::filesystem::path& preferencesFile,
 std::vector<std::string> HarborlatticeApp::damagedKeys() const {
     std::vector<std::string> keys;
     if (catalog_->damagedKey()) keys.push_back(*catalog_->damagedKey());
-    for (const auto& key : workspace_->damagedKeys()) {
-        if (std::find(keys.begin(), keys.end(), key) == keys.end()) keys.push_back(key);
+    for (const auto* damaged : {&workspace_->damagedKeys(), &sync_->damagedKeys()}) {
+        for (const auto& key : *damaged) {
+            if (std::find(keys.begin(), keys.end(), key) == keys.end()) keys.push_back(key);
+        }
     }
     return keys;
 }

@@ -24,15 +24,22 @@ CloudSyncCoordinator::CloudSyncCoordinator(std::shared_ptr<Preferences> defaults
       deviceEndpoint_(std::move(deviceEndpoint)),
       publishChangeSignal_(std::move(publishChangeSignal)),
       now_(now ? std::move(now) : std::function<SharedDate()>(sharedDateNow)) {
-    const auto storedDevice = defaults_->text(deviceKey);
+    const PreferenceRead storedDevice = defaults_->read(deviceKey);
+    const auto* deviceText =
+        storedDevice.isPresent() ? std::get_if<std::string>(&*storedDevice.value) : nullptr;
     const QUuid parsed =
-        storedDevice ? QUuid::fromString(QString::fromStdString(*storedDevice)) : QUuid();
+        deviceText ? QUuid::fromString(QString::fromStdString(*deviceText)) : QUuid();
     if (!parsed.isNull()) {
         deviceID_ = parsed;
     } else {
         deviceID_ = QUuid::createUuid();
-        if (transport_->isConfigured())
+        // Only a device id that was never stored is made for good; one that
+        // could not be read stays as it is, and this run uses a passing id.
+        if (!storedDevice.isAbsent()) {
+            damagedKeys_.insert(deviceKey);
+        } else if (transport_->isConfigured()) {
             defaults_->set(deviceKey, sharedUuidText(deviceID_).toStdString());
+        }
     }
     accepted_ = storedSnapshot(acceptedKey);
     pending_ = storedSnapshot(pendingKey);
@@ -41,6 +48,7 @@ CloudSyncCoordinator::CloudSyncCoordinator(std::shared_ptr<Preferences> defaults
     } else if (accepted_) {
         sharedContent_ = accepted_->content();
     }
+    if (!recoveryListIsReadable()) damagedKeys_.insert(recoveryKey);
     recoveryCount_ = static_cast<int>(recoverySnapshots().size());
     status_ = CloudSyncStatus::of(transport_->isConfigured() ? CloudSyncStatus::Kind::Syncing
                                                              : CloudSyncStatus::Kind::LocalOnly);
@@ -240,9 +248,10 @@ void CloudSyncCoordinator::publish(const SharedContent& content, std::function<v
     try {
         const SharedDate time = now_();
         snapshot = SharedSnapshot(deviceID_, content.validated(), QUuid::createUuid(), time);
+        const QByteArray bytes = SharedSnapshotCodec::encode(*snapshot);  // throws when too large
         pending_ = snapshot;
-        defaults_->set(pendingKey,
-                       PreferenceData{SharedSnapshotCodec::encode(*snapshot).toStdString()});
+        if (damagedKeys_.count(pendingKey) == 0)
+            defaults_->set(pendingKey, PreferenceData{bytes.toStdString()});
     } catch (...) {
         return failRefresh(std::current_exception());
     }
@@ -284,7 +293,7 @@ void CloudSyncCoordinator::acceptLocal(const SharedSnapshot& snapshot) {
     pending_.reset();
     sharedContent_ = snapshot.content();
     storeSnapshot(acceptedKey, accepted_);
-    defaults_->remove(pendingKey);
+    storeSnapshot(pendingKey, std::nullopt);
     updateUnmappedProjects();
     setStatus(settledStatus());
     if (publishChangeSignal_) publishChangeSignal_(snapshot.revision());
@@ -308,9 +317,8 @@ void CloudSyncCoordinator::applyRemote(const SharedSnapshot& snapshot) {
     pending_.reset();
     sharedContent_ = validated.content();
     knownMappedProjectIDs_ = catalogIDs();
-    const QByteArray bytes = SharedSnapshotCodec::encode(validated);
-    defaults_->set(acceptedKey, PreferenceData{bytes.toStdString()});
-    defaults_->remove(pendingKey);
+    storeSnapshot(acceptedKey, accepted_);
+    storeSnapshot(pendingKey, std::nullopt);
     updateUnmappedProjects();
     setStatus(openStatus(blocked, CloudSyncStatus::of(CloudSyncStatus::Kind::Synced)));
 }
@@ -385,6 +393,7 @@ CloudSyncStatus CloudSyncCoordinator::openStatus(const std::vector<QString>& blo
 
 void CloudSyncCoordinator::storeSnapshot(const char* key,
                                          const std::optional<SharedSnapshot>& snapshot) {
+    if (damagedKeys_.count(key) != 0) return;  // never written over
     if (!snapshot) {
         defaults_->remove(key);
         return;
@@ -396,13 +405,16 @@ void CloudSyncCoordinator::storeSnapshot(const char* key,
     }
 }
 
-std::optional<SharedSnapshot> CloudSyncCoordinator::storedSnapshot(const char* key) const {
-    const auto bytes = defaults_->data(key);
-    if (!bytes) return std::nullopt;
+std::optional<SharedSnapshot> CloudSyncCoordinator::storedSnapshot(const char* key) {
+    const PreferenceRead stored = defaults_->readData(key);
+    if (stored.isAbsent()) return std::nullopt;
     try {
-        return SharedSnapshotCodec::decode(QByteArray::fromStdString(bytes->bytes));
+        if (stored.isDamaged()) throw SharedSnapshotCodecError("unreadable");
+        return SharedSnapshotCodec::decode(
+            QByteArray::fromStdString(std::get<PreferenceData>(*stored.value).bytes));
     } catch (...) {
-        return std::nullopt;  // kept on disk until the next accept overwrites it
+        damagedKeys_.insert(key);  // kept on disk as it is
+        return std::nullopt;
     }
 }
 

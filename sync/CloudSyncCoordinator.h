@@ -70,6 +70,9 @@ class CloudSyncCoordinator : public QObject {
     const SharedContent& sharedContent() const { return sharedContent_; }
     bool isRefreshing() const { return refreshing_; }
     SharedStateTransport& transport() const { return *transport_; }
+    // Keys whose stored values could not be read at start; they are kept as they
+    // are and never written in this run.
+    const std::set<std::string>& damagedKeys() const { return damagedKeys_; }
 
   signals:
     void statusChanged();
@@ -95,7 +98,8 @@ class CloudSyncCoordinator : public QObject {
                                const CloudSyncStatus& whenNoneOpen) const;
     std::set<QString> catalogIDs() const;
     void storeSnapshot(const char* key, const std::optional<SharedSnapshot>& snapshot);
-    std::optional<SharedSnapshot> storedSnapshot(const char* key) const;
+    std::optional<SharedSnapshot> storedSnapshot(const char* key);
+    bool recoveryListIsReadable() const;
     // Runs `work` on a worker thread and `then` on the main thread with its failure.
     void offMainThread(std::function<void()> work, std::function<void(std::exception_ptr)> then);
     void scheduleUpload(std::chrono::milliseconds delay);
@@ -125,6 +129,7 @@ class CloudSyncCoordinator : public QObject {
     CloudSyncStatus status_;
     QList<SharedProject> unmappedProjects_;
     int recoveryCount_ = 0;
+    std::set<std::string> damagedKeys_;
 };
 
 }  // namespace hl

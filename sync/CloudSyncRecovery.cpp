@@ -32,7 +32,24 @@ SharedSnapshot snapshotFromEntry(QJsonObject object) {
 
 }  // namespace
 
+bool CloudSyncCoordinator::recoveryListIsReadable() const {
+    const PreferenceRead stored = defaults_->readData(recoveryKey);
+    if (stored.isAbsent()) return true;
+    if (stored.isDamaged()) return false;
+    const QJsonDocument document = QJsonDocument::fromJson(
+        QByteArray::fromStdString(std::get<PreferenceData>(*stored.value).bytes));
+    if (!document.isArray()) return false;
+    try {
+        for (const QJsonValue& entry : document.array())
+            snapshotFromEntry(entry.toObject());
+    } catch (...) {
+        return false;
+    }
+    return true;
+}
+
 QList<SharedSnapshot> CloudSyncCoordinator::recoverySnapshots() const {
+    if (damagedKeys_.count(recoveryKey) != 0) return {};
     const auto bytes = defaults_->data(recoveryKey);
     if (!bytes) return {};
     const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(bytes->bytes));
@@ -49,6 +66,7 @@ QList<SharedSnapshot> CloudSyncCoordinator::recoverySnapshots() const {
 }
 
 void CloudSyncCoordinator::persistRecovery(const QList<SharedSnapshot>& list) {
+    if (damagedKeys_.count(recoveryKey) != 0) return;  // an unreadable list stays as it is
     if (list.isEmpty()) {
         defaults_->remove(recoveryKey);
     } else {

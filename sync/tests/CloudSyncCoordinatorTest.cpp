@@ -436,3 +436,28 @@ TEST_F(FolderRecordTest, AChangeMadeWhileARefreshWaitsIsNeverOverwritten) {
 }
 
 }  // namespace
+
+namespace {
+
+TEST(StoredSyncStateTest, UnreadableSyncKeysAreKeptWhileSyncGoesOn) {
+    // Rows this version cannot read: a recovery list of another shape, a device
+    // id stored as data, a pending snapshot that does not decode.
+    auto record = std::make_shared<MemoryRecordTransport>();
+    std::map<std::string, std::string> damaged = {
+        {CloudSyncCoordinator::recoveryKey, "[{\"not\": \"a snapshot\"}]"},
+        {CloudSyncCoordinator::deviceKey, "device id as data"},
+        {CloudSyncCoordinator::pendingKey, "{ half a snapshot"}};
+    Core a(record);
+    for (const auto& [key, bytes] : damaged)
+        a.f.prefs->set(key, hl::PreferenceData{bytes});
+    a.restart();
+    EXPECT_EQ(a.sync->damagedKeys().size(), 3u);
+    a.addProject("alpha");
+    a.settle();
+    EXPECT_EQ(hl::SharedSnapshotCodec::decode(record->payload()).content().projects.size(), 1)
+        << "sync still works";
+    for (const auto& [key, bytes] : damaged)
+        EXPECT_EQ(a.f.prefs->read(key).storedBytes, bytes) << key;
+}
+
+}  // namespace
