@@ -161,22 +161,15 @@ TEST(ContentTextsTest, TheScratchRowCountsItsTabsWithTheRightWord) {
     EXPECT_EQ(hl::scratchRowSubtitle(scratch), "3 tabs · separate from projects");
 }
 
-TEST(ContentTextsTest, DialogMessagesNameTheProjectAndPutRefusalFirst) {
+TEST(ContentTextsTest, DialogMessagesNameTheProject) {
     EXPECT_EQ(hl::removeProjectMessage("alpha", true, true),
               "This closes every terminal in alpha and removes its saved workspace. The folder "
               "and its files will not be changed.");
     EXPECT_EQ(hl::removeProjectMessage("alpha", true, false),
               "This removes alpha from the list. The folder and its files will not be changed.");
-    EXPECT_EQ(hl::removeProjectMessage("alpha", false, true),
-              "Saved workspace data is unreadable and was preserved. Resolve that problem before "
-              "removing alpha.");
     EXPECT_EQ(hl::renameProjectMessage(true), "This changes only the name shown in Harborlattice.");
-    EXPECT_EQ(hl::renameProjectMessage(false),
-              "Saved workspace data is unreadable and was preserved. Resolve that problem before "
-              "renaming this project.");
     EXPECT_EQ(hl::emptyStateText(true).title, "Add your first project");
     EXPECT_EQ(hl::emptyStateText(true).button, "Add Project…");
-    EXPECT_EQ(hl::emptyStateText(false).title, "Choose a workspace");
     EXPECT_EQ(hl::emptyStateText(false).button, "Open Scratch Workspace");
 }
 
