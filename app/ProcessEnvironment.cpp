@@ -1,6 +1,7 @@
 // Process settings made around the building of the QApplication: the
-// renderer's sandbox, the shared graphics context, and the scene graph's
-// backend on machines whose OpenGL is a software rasterizer.
+// renderer's sandbox, the shared graphics context, the terminal scheme, the
+// web engine's options, and the scene graph's backend on machines whose
+// OpenGL is a software rasterizer.
 #include "ProcessEnvironment.h"
 
 #include <unistd.h>
@@ -13,11 +14,44 @@
 #include <QQuickWindow>
 #include <QSGRendererInterface>
 
+#include <cstring>
+
+#include "TerminalDocumentScheme.h"
+
 namespace hl {
 
 void prepareProcessEnvironment() {
     if (::geteuid() == 0) qputenv("QTWEBENGINE_DISABLE_SANDBOX", "1");
     QCoreApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
+    TerminalDocumentScheme::registerScheme();
+}
+
+const std::vector<const char*>& webEngineOptions() {
+    static const std::vector<const char*> options{"--process-per-site"};
+    return options;
+}
+
+std::vector<char*> withWebEngineOptions(int argc, char** argv) {
+    std::vector<char*> arguments(argv, argv + argc);
+    // The web engine reads no argument when this variable is set: the options
+    // then go after the user's own there.
+    if (qEnvironmentVariableIsSet("QTWEBENGINE_CHROMIUM_FLAGS")) {
+        QByteArray flags = qgetenv("QTWEBENGINE_CHROMIUM_FLAGS");
+        for (const char* option : webEngineOptions())
+            flags += QByteArray(" ") + option;
+        qputenv("QTWEBENGINE_CHROMIUM_FLAGS", flags);
+        arguments.push_back(nullptr);
+        return arguments;
+    }
+    bool separated = false;
+    for (char* argument : arguments)
+        separated = separated || std::strcmp(argument, "--webEngineArgs") == 0;
+    static char separator[] = "--webEngineArgs";
+    if (!separated) arguments.push_back(separator);
+    for (const char* option : webEngineOptions())
+        arguments.push_back(const_cast<char*>(option));
+    arguments.push_back(nullptr);
+    return arguments;
 }
 
 bool openGLIsSoftwareOrMissing() {

@@ -23,6 +23,7 @@
 #include <QWebEngineView>
 
 #include "TerminalAssetLocator.h"
+#include "TerminalDocumentScheme.h"
 #include "XtermView.h"
 
 namespace hl {
@@ -47,14 +48,14 @@ class ScriptBridge : public QObject {
     QPointer<XtermCoordinator> coordinator_;
 };
 
-// A page that loads the document it was given and nothing else.
+// A page that loads the terminal document at its own address and nothing else.
 class DocumentOnlyPage : public QWebEnginePage {
   public:
     using QWebEnginePage::QWebEnginePage;
 
   protected:
     bool acceptNavigationRequest(const QUrl& url, NavigationType type, bool isMainFrame) override {
-        return isMainFrame && url.scheme() == "data" &&
+        return isMainFrame && TerminalDocumentScheme::isDocumentUrl(url) &&
                (type == NavigationTypeTyped || type == NavigationTypeOther);
     }
     QWebEnginePage* createWindow(WebWindowType) override { return nullptr; }
@@ -92,9 +93,16 @@ class EnginePage : public TerminalWebPage {
     QPointer<QWebEnginePage> page_;
 };
 
-// One profile for every terminal, kept in memory only.
+// One profile for every terminal, kept in memory only, whose own scheme serves
+// the document.
 QWebEngineProfile* terminalProfile() {
-    static QWebEngineProfile* profile = new QWebEngineProfile(QApplication::instance());
+    static QWebEngineProfile* profile = [] {
+        auto* made = new QWebEngineProfile(QApplication::instance());
+        made->installUrlSchemeHandler(
+            TerminalDocumentScheme::name,
+            new TerminalDocumentSchemeHandler(&XtermWebView::document, made));
+        return made;
+    }();
     return profile;
 }
 
@@ -205,7 +213,7 @@ XtermWebView::XtermWebView(TerminalController* controller, QWidget* parent)
 }
 
 void XtermWebView::loadDocument() {
-    view_->page()->setHtml(document(), QUrl());
+    view_->page()->load(TerminalDocumentScheme::documentUrl());
 }
 
 bool XtermWebView::copySelection() {

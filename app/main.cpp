@@ -8,6 +8,7 @@
 
 #include <cstdio>
 #include <memory>
+#include <vector>
 
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
@@ -37,7 +38,9 @@ QIcon applicationIcon() {
 
 int main(int argc, char** argv) {
     hl::prepareProcessEnvironment();
-    QApplication qt(argc, argv);
+    std::vector<char*> arguments = hl::withWebEngineOptions(argc, argv);
+    int count = static_cast<int>(arguments.size()) - 1;
+    QApplication qt(count, arguments.data());
     // The name is also the window's class (StartupWMClass of the desktop entry);
     // the desktop file name is the application id Wayland compositors match.
     QApplication::setApplicationName(QStringLiteral("Harborlattice"));

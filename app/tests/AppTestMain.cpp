@@ -4,6 +4,8 @@
 
 #include <QApplication>
 
+#include <vector>
+
 #include "AppTestSupport.h"
 #include "ProcessEnvironment.h"
 
@@ -12,7 +14,9 @@ int main(int argc, char** argv) {
     hl::prepareProcessEnvironment();
     int result = 0;
     {
-        QApplication app(argc, argv);
+        std::vector<char*> arguments = hl::withWebEngineOptions(argc, argv);
+        int qtArgc = static_cast<int>(arguments.size()) - 1;
+        QApplication app(qtArgc, arguments.data());
         ::testing::InitGoogleTest(&argc, argv);
         result = RUN_ALL_TESTS();
     }

@@ -12,6 +12,7 @@
 #include <QWebEngineView>
 
 #include "NodeHarness.h"
+#include "TerminalDocumentScheme.h"
 #include "XtermWebView.h"
 
 using namespace std::chrono_literals;
@@ -127,6 +128,7 @@ int main(int argc, char** argv) {
     qputenv("HARBORLATTICE_ROOT", HL_SOURCE_DIR);
     if (::geteuid() == 0) qputenv("QTWEBENGINE_DISABLE_SANDBOX", "1");
     QCoreApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
+    hl::TerminalDocumentScheme::registerScheme();
     QApplication app(argc, argv);
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();

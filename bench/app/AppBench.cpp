@@ -99,12 +99,29 @@ double millisecondsSince(std::int64_t start) {
 }
 
 // Pss of this process and its descendants (the web engine's processes).
-std::pair<long, std::size_t> treeProportionalSet() {
-    long total = 0;
+struct TreeMemory {
+    long totalKiB = 0;
+    long ownKiB = 0;
+    long renderersKiB = 0;
+    std::size_t processes = 0;
+    std::size_t renderers = 0;
+};
+
+TreeMemory treeProportionalSet() {
+    TreeMemory memory;
     const auto tree = hl::bench::processTree(::getpid());
-    for (const pid_t pid : tree)
-        total += hl::bench::proportionalSetKiB(pid);
-    return {total, tree.size()};
+    memory.processes = tree.size();
+    for (const pid_t pid : tree) {
+        const long pss = hl::bench::proportionalSetKiB(pid);
+        memory.totalKiB += pss;
+        if (pid == ::getpid()) {
+            memory.ownKiB = pss;
+        } else if (hl::bench::isRendererProcess(pid)) {
+            memory.renderersKiB += pss;
+            ++memory.renderers;
+        }
+    }
+    return memory;
 }
 
 // Spins the event loop until `condition` holds or `timeout` passes.
@@ -165,9 +182,12 @@ class PromptWatch : public QObject {
         const double allMs = millisecondsSince(since_);
         timer_.stop();
         QTimer::singleShot(settleMilliseconds, this, [this, allMs] {
-            const auto [pss, processes] = treeProportionalSet();
-            std::printf("first_ms %.1f\nall_ms %.1f\npss_kib %ld\nprocesses %zu\ndone\n", firstMs_,
-                        allMs, pss, processes);
+            const TreeMemory memory = treeProportionalSet();
+            std::printf(
+                "first_ms %.1f\nall_ms %.1f\npss_kib %ld\nown_pss_kib %ld\nrenderer_pss_kib "
+                "%ld\nprocesses %zu\nrenderers %zu\ndone\n",
+                firstMs_, allMs, memory.totalKiB, memory.ownKiB, memory.renderersKiB,
+                memory.processes, memory.renderers);
             std::fflush(stdout);
             QCoreApplication::exit(0);
         });
@@ -196,7 +216,9 @@ QList<QWebEngineView*> paneViews(QWidget* window) {
 int prepare(int argc, char** argv, const fs::path& state, int count) {
     useStateFolder(state);
     hl::prepareProcessEnvironment();
-    QApplication qt(argc, argv);
+    std::vector<char*> arguments = hl::withWebEngineOptions(argc, argv);
+    int qtArgc = static_cast<int>(arguments.size()) - 1;
+    QApplication qt(qtArgc, arguments.data());
     QApplication::setApplicationName(QStringLiteral("Harborlattice"));
     auto app = std::make_unique<hl::HarborlatticeApp>();
     auto& workspace = app->workspace();
@@ -248,7 +270,9 @@ int prepare(int argc, char** argv, const fs::path& state, int count) {
 int runApp(int argc, char** argv, const fs::path& state, std::int64_t since) {
     useStateFolder(state);
     hl::prepareProcessEnvironment();
-    QApplication qt(argc, argv);
+    std::vector<char*> arguments = hl::withWebEngineOptions(argc, argv);
+    int qtArgc = static_cast<int>(arguments.size()) - 1;
+    QApplication qt(qtArgc, arguments.data());
     QApplication::setApplicationName(QStringLiteral("Harborlattice"));
     auto app = std::make_unique<hl::HarborlatticeApp>();
     hl::TerminalTab* tab = app->workspace().selectedTab();

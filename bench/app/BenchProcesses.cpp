@@ -10,6 +10,7 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <thread>
 
@@ -76,6 +77,19 @@ void readValues(const std::string& text, std::map<std::string, double>& values) 
 }
 
 }  // namespace
+
+bool isRendererProcess(pid_t pid) {
+    // Renderers are forked from the zygote and keep its command line.
+    const auto commandLine = [](pid_t process) {
+        std::ifstream file("/proc/" + std::to_string(process) + "/cmdline", std::ios::binary);
+        return std::string{std::istreambuf_iterator<char>(file), {}};
+    };
+    const auto fields = statFields(pid);
+    if (fields.size() < 2) return false;
+    const pid_t parent = static_cast<pid_t>(std::stol(fields[1]));
+    return commandLine(pid).find("--type=zygote") != std::string::npos &&
+           commandLine(parent).find("--type=zygote") != std::string::npos;
+}
 
 std::int64_t monotonicNanoseconds() {
     timespec now{};
