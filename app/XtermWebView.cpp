@@ -93,9 +93,9 @@ class EnginePage : public TerminalWebPage {
     QPointer<QWebEnginePage> page_;
 };
 
-// One profile for every terminal, kept in memory only, whose own scheme serves
-// the document.
-QWebEngineProfile* terminalProfile() {
+}  // namespace
+
+QWebEngineProfile* XtermWebView::profile() {
     static QWebEngineProfile* profile = [] {
         auto* made = new QWebEngineProfile(QApplication::instance());
         made->installUrlSchemeHandler(
@@ -105,8 +105,6 @@ QWebEngineProfile* terminalProfile() {
     }();
     return profile;
 }
-
-}  // namespace
 
 QString messageHandlerBridgeScript() {
     QFile channelScript(":/qtwebchannel/qwebchannel.js");
@@ -166,7 +164,7 @@ XtermWebView::XtermWebView(TerminalController* controller, QWidget* parent)
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(view_);
 
-    auto* page = new DocumentOnlyPage(terminalProfile(), view_);
+    auto* page = new DocumentOnlyPage(profile(), view_);
     page->setBackgroundColor(Qt::transparent);
     QWebEngineScript bridge;
     bridge.setName("harborlattice-message-handlers");

@@ -11,6 +11,7 @@
 #include "XtermCoordinator.h"
 
 class QMenu;
+class QWebEngineProfile;
 class QWebEngineView;
 
 namespace hl {
@@ -28,6 +29,8 @@ class XtermWebView : public QWidget {
 
     // The composed document, or the one-line page shown when assets are missing.
     static QString document();
+    // The in-memory profile of every terminal page, whose scheme serves the document.
+    static QWebEngineProfile* profile();
 
     // Puts the selection on the clipboard; false when nothing is selected.
     bool copySelection();

@@ -1,8 +1,8 @@
 // One terminal in the real window, against a real node and a real shell:
 // copy and paste through the clipboard and the window's keys, the right-click
 // menu, Find from the keyboard while a new terminal comes up, the font zoom
-// across a restart, and a renderer killed with SIGKILL coming back with its
-// history.
+// across a restart, a renderer killed with SIGKILL coming back with its
+// history, and every terminal page in one renderer process.
 #include <gtest/gtest.h>
 
 #include <QAction>
@@ -15,7 +15,15 @@
 #include <QWebEnginePage>
 #include <QWebEngineView>
 
+#include <unistd.h>
+
 #include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <iterator>
+#include <map>
+#include <set>
+#include <sstream>
 
 #include "AppTestSupport.h"
 #include "ContentView.h"
@@ -89,6 +97,61 @@ void type(hl::TerminalController* controller, const QString& text) {
 
 bool connected(hl::TerminalController* controller) {
     return spinUntil([&] { return controller->isConnected(); }, 30s);
+}
+
+// The web engine's renderers started by this process: the children of its zygotes.
+int rendererProcessCount() {
+    std::map<pid_t, pid_t> parents;
+    std::map<pid_t, std::string> commandLines;
+    for (const auto& entry : std::filesystem::directory_iterator("/proc")) {
+        const std::string name = entry.path().filename().string();
+        if (name.find_first_not_of("0123456789") != std::string::npos) continue;
+        std::ifstream stat(entry.path() / "stat");
+        std::string line;
+        if (!std::getline(stat, line) || line.rfind(')') == std::string::npos) continue;
+        std::istringstream rest(line.substr(line.rfind(')') + 2));
+        std::string state;
+        pid_t parent = 0;
+        rest >> state >> parent;
+        const pid_t pid = std::stoi(name);
+        parents[pid] = parent;
+        std::ifstream command(entry.path() / "cmdline", std::ios::binary);
+        commandLines[pid] = std::string{std::istreambuf_iterator<char>(command), {}};
+    }
+    const auto isZygote = [&](pid_t pid) {
+        return commandLines[pid].find("--type=zygote") != std::string::npos;
+    };
+    std::set<pid_t> zygotes;
+    for (const auto& [pid, parent] : parents) {
+        if (parent == ::getpid() && isZygote(pid)) zygotes.insert(pid);
+    }
+    int renderers = 0;
+    for (const auto& [pid, parent] : parents)
+        renderers += zygotes.count(parent) > 0 && isZygote(pid) ? 1 : 0;
+    return renderers;
+}
+
+TEST(TerminalWindowTest, EveryTerminalPageSharesOneRenderer) {
+    RunningApp run;
+    run.workspace().createScratchTerminal();
+    while (run.workspace().selectedTab()->paneCount() < 6)
+        run.workspace().split(run.workspace().selectedTab()->paneCount() % 2 == 1);
+    QList<hl::XtermWebView*> views;
+    ASSERT_TRUE(spinUntil(
+        [&] {
+            views = run.window.findChildren<hl::XtermWebView*>();
+            if (views.size() != 6) return false;
+            for (auto* view : views) {
+                if (!view->coordinator().isReady()) return false;
+            }
+            return true;
+        },
+        60s));
+    std::set<qint64> pids;
+    for (auto* view : views)
+        pids.insert(view->webView()->page()->renderProcessPid());
+    EXPECT_EQ(pids.size(), 1u);
+    EXPECT_EQ(rendererProcessCount(), 1);
 }
 
 TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {

@@ -1,6 +1,7 @@
 // The terminal renderer for real: the composed document in Qt WebEngine with
 // its message-handler bridge, a controller on a real node, typed keys reaching
-// the shell and its output reaching the page; links and navigations refused.
+// the shell and its output reaching the page; links and navigations refused,
+// and the terminal scheme serving its one document and nothing else.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -9,7 +10,12 @@
 #include <QElapsedTimer>
 #include <QTest>
 #include <QWebEnginePage>
+#include <QWebEngineProfile>
+#include <QWebEngineUrlRequestInterceptor>
 #include <QWebEngineView>
+
+#include <mutex>
+#include <optional>
 
 #include "NodeHarness.h"
 #include "TerminalDocumentScheme.h"
@@ -30,15 +36,47 @@ bool spinUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 }
 
 // Runs a script in the page and waits for its result.
-QVariant evaluate(QWebEngineView* view, const QString& script) {
+QVariant evaluate(QWebEnginePage& page, const QString& script) {
     QVariant result;
     bool done = false;
-    view->page()->runJavaScript(script, [&](const QVariant& value) {
+    page.runJavaScript(script, [&](const QVariant& value) {
         result = value;
         done = true;
     });
     spinUntil([&] { return done; }, 10s);
     return result;
+}
+
+QVariant evaluate(QWebEngineView* view, const QString& script) {
+    return evaluate(*view->page(), script);
+}
+
+// Every address a profile's pages ask for, in order.
+class RequestRecorder : public QWebEngineUrlRequestInterceptor {
+  public:
+    void interceptRequest(QWebEngineUrlRequestInfo& info) override {
+        const std::lock_guard lock(mutex_);
+        urls_.push_back(info.requestUrl());
+    }
+    std::vector<QUrl> urls() {
+        const std::lock_guard lock(mutex_);
+        return urls_;
+    }
+
+  private:
+    std::mutex mutex_;
+    std::vector<QUrl> urls_;
+};
+
+// Loads `url` into `page` and tells whether it loaded.
+bool loads(QWebEnginePage& page, const QUrl& url) {
+    std::optional<bool> finished;
+    const auto connection =
+        QObject::connect(&page, &QWebEnginePage::loadFinished, [&](bool ok) { finished = ok; });
+    page.load(url);
+    spinUntil([&] { return finished.has_value(); }, 20s);
+    QObject::disconnect(connection);
+    return finished.value_or(false);
 }
 
 std::string history(const hl::TerminalController& controller) {
@@ -58,6 +96,8 @@ TEST(XtermWebViewTest, KeysReachTheShellAndItsOutputReachesThePage) {
         QStringLiteral("Working directory unavailable · focus to retry"),
         QStringLiteral("Saved workspace data is unsafe · new session blocked"),
         std::make_shared<hl::UnixSocketClient>(node.socketPath()), hooks);
+    RequestRecorder requests;
+    hl::XtermWebView::profile()->setUrlRequestInterceptor(&requests);
     hl::XtermWebView view(&controller);
     std::vector<QUrl> opened;
     view.coordinator().openExternal = [&](const QUrl& url) { opened.push_back(url); };
@@ -99,12 +139,19 @@ TEST(XtermWebViewTest, KeysReachTheShellAndItsOutputReachesThePage) {
     QTest::qWait(500);  // let the compositor catch up before the picture
     view.grab().save(screenshots + "/terminal-view.png");
 
-    // Navigation away from the document is refused; window.open opens nothing.
-    const QUrl documentUrl = view.webView()->page()->url();
+    // The page asked for its document and for nothing else, on disk or network.
+    const QUrl documentUrl = hl::TerminalDocumentScheme::documentUrl();
+    EXPECT_EQ(view.webView()->page()->url(), documentUrl);
+    EXPECT_EQ(requests.urls(), std::vector<QUrl>{documentUrl});
+
+    // Navigation away from the document is refused, to another address of its
+    // own scheme too; window.open opens nothing.
     evaluate(view.webView(),
              "location.href = 'https://example.org/'; window.open('https://example.org/'); 1");
+    evaluate(view.webView(), "location.href = 'harborlattice://terminal/xterm.js'; 1");
     QTest::qWait(300);
     EXPECT_EQ(view.webView()->page()->url(), documentUrl);
+    EXPECT_TRUE(view.coordinator().isReady());
     EXPECT_TRUE(opened.empty());
     // A link posted by the page goes out only through the check.
     evaluate(view.webView(),
@@ -115,6 +162,30 @@ TEST(XtermWebViewTest, KeysReachTheShellAndItsOutputReachesThePage) {
     EXPECT_EQ(opened.size(), 1u);
 
     controller.close();
+    hl::XtermWebView::profile()->setUrlRequestInterceptor(nullptr);
+}
+
+TEST(XtermWebViewTest, TheSchemeServesItsDocumentAndNothingElse) {
+    QWebEngineProfile profile;
+    int composed = 0;
+    profile.installUrlSchemeHandler(hl::TerminalDocumentScheme::name,
+                                    new hl::TerminalDocumentSchemeHandler(
+                                        [&] {
+                                            ++composed;
+                                            return QStringLiteral("<p>served-document</p>");
+                                        },
+                                        &profile));
+    QWebEnginePage page(&profile);
+    const QUrl document = hl::TerminalDocumentScheme::documentUrl();
+    ASSERT_TRUE(loads(page, document));
+    EXPECT_EQ(evaluate(page, "document.body.innerText").toString(), "served-document");
+    for (const char* other :
+         {"harborlattice://terminal/xterm.js", "harborlattice://terminal/?x=1",
+          "harborlattice://elsewhere/", "harborlattice://terminal/index.html"}) {
+        EXPECT_FALSE(loads(page, QUrl(other))) << other;
+    }
+    ASSERT_TRUE(loads(page, document));
+    EXPECT_EQ(composed, 1) << "the document is composed once and kept";
 }
 
 }  // namespace
