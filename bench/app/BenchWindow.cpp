@@ -1,0 +1,110 @@
+// Child-side helpers of app_bench.
+#include "BenchWindow.h"
+
+#include <stdlib.h>
+#include <unistd.h>
+
+#include <QWebEnginePage>
+#include <QWebEngineView>
+
+#include <optional>
+
+#include "BenchProcesses.h"
+#include "ProcessEnvironment.h"
+#include "TerminalPane.h"
+#include "XtermWebView.h"
+
+namespace fs = std::filesystem;
+
+namespace hl::bench {
+
+const QString promptProbe = QStringLiteral(R"JS((function () {
+  const rows = document.querySelector('.xterm-rows');
+  return !!rows && /[$#]\s*$/m.test(rows.innerText);
+})())JS");
+
+void useStateFolder(const fs::path& state) {
+    for (const char* folder : {"home", "config", "data"})
+        fs::create_directories(state / folder);
+    ::setenv("HOME", (state / "home").c_str(), 1);
+    ::setenv("XDG_CONFIG_HOME", (state / "config").c_str(), 1);
+    ::setenv("XDG_DATA_HOME", (state / "data").c_str(), 1);
+    ::setenv("XDG_CACHE_HOME", (state / "home" / ".cache").c_str(), 1);
+    ::setenv("HARBORLATTICE_SOCKET", (state / "node.sock").c_str(), 1);
+    ::setenv("HARBORLATTICE_NODE_EXECUTABLE", HL_NODE_EXECUTABLE, 1);
+    ::setenv("HARBORLATTICE_ROOT", HL_SOURCE_DIR, 1);
+    ::setenv("QT_QPA_PLATFORM", "offscreen", 1);
+}
+
+ChildApplication::ChildApplication(int argc, char** argv, bool application) {
+    hl::prepareProcessEnvironment();
+    if (application) {
+        arguments_ = hl::withWebEngineOptions(argc, argv);
+    } else {
+        arguments_.assign(argv, argv + argc);
+        arguments_.push_back(nullptr);
+    }
+    argc_ = static_cast<int>(arguments_.size()) - 1;
+    qt_ = std::make_unique<QApplication>(argc_, arguments_.data());
+    QApplication::setApplicationName(QStringLiteral("Harborlattice"));
+}
+
+double millisecondsSince(std::int64_t start) {
+    return static_cast<double>(monotonicNanoseconds() - start) / 1e6;
+}
+
+bool spinUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > deadline) return condition();
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        ::usleep(2000);
+    }
+    return true;
+}
+
+TreeMemory treeProportionalSet() {
+    TreeMemory memory;
+    const auto tree = processTree(::getpid());
+    memory.processes = tree.size();
+    for (const pid_t pid : tree) {
+        const long pss = proportionalSetKiB(pid);
+        memory.totalKiB += pss;
+        if (pid == ::getpid()) {
+            memory.ownKiB = pss;
+        } else if (isRendererProcess(pid)) {
+            memory.renderersKiB += pss;
+            ++memory.renderers;
+        }
+    }
+    return memory;
+}
+
+bool pageAnswersTrue(QWebEngineView* view, const QString& script,
+                     std::chrono::milliseconds timeout) {
+    auto answer = std::make_shared<std::optional<bool>>();
+    view->page()->runJavaScript(script,
+                                [answer](const QVariant& result) { *answer = result.toBool(); });
+    spinUntil([&] { return answer->has_value(); }, timeout);
+    return answer->value_or(false);
+}
+
+QList<QWebEngineView*> visiblePaneViews(QWidget* window) {
+    QList<QWebEngineView*> views;
+    for (auto* pane : window->findChildren<hl::XtermWebView*>()) {
+        if (pane->isVisible()) views << pane->webView();
+    }
+    return views;
+}
+
+QList<QWebEngineView*> tabPaneViews(QWidget* window, const TerminalTab& tab) {
+    QList<QWebEngineView*> views;
+    for (auto* pane : window->findChildren<hl::XtermWebView*>()) {
+        for (auto* each : tab.panes()) {
+            if (pane->coordinator().controller() == &each->controller()) views << pane->webView();
+        }
+    }
+    return views;
+}
+
+}  // namespace hl::bench
