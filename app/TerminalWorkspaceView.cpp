@@ -10,6 +10,7 @@
 #include <QPainter>
 #include <QScrollArea>
 #include <QScrollBar>
+#include <QStackedLayout>
 #include <QTimer>
 #include <QToolButton>
 #include <QVBoxLayout>
@@ -166,6 +167,13 @@ TerminalWorkspaceView::TerminalWorkspaceView(WorkspaceStore* workspace, QWidget*
     column_->addWidget(controls);
     column_->addWidget(separator(Qt::Horizontal, this));
 
+    // The panes of every kept tab, one shown at a time; the first page is empty.
+    auto* paneHost = new QWidget(this);
+    paneHost->setObjectName("workspace.panes");
+    panes_ = new QStackedLayout(paneHost);
+    panes_->addWidget(new QWidget(paneHost));
+    column_->addWidget(paneHost, 1);
+
     connect(workspace_, &WorkspaceStore::tabsChanged, this,
             &TerminalWorkspaceView::rebuildTabStrip);
     connect(workspace_, &WorkspaceStore::selectedTabIDChanged, this,
@@ -196,18 +204,71 @@ QToolButton* TerminalWorkspaceView::iconButton(const QString& objectName, const 
 void TerminalWorkspaceView::setTab(TerminalTab* tab) {
     if (tab == tab_ && (paneLayout_ || !tab)) return;
     tab_ = tab;
-    if (paneLayout_) {
-        column_->removeWidget(paneLayout_);
-        paneLayout_->hide();
-        paneLayout_->deleteLater();
-        paneLayout_.clear();
+    paneLayout_ = tab ? layoutFor(tab) : nullptr;
+    panes_->setCurrentWidget(paneLayout_ ? static_cast<QWidget*>(paneLayout_) : panes_->widget(0));
+    dropLeastRecentlyShown();
+}
+
+void TerminalWorkspaceView::setKeptPaneLimit(int limit) {
+    keptPaneLimit_ = limit;
+    dropLeastRecentlyShown();
+}
+
+PaneLayoutView* TerminalWorkspaceView::layoutFor(TerminalTab* tab) {
+    for (auto& each : kept_) {
+        if (each.tab == tab && each.view) {
+            each.shownAt = ++showCount_;
+            return each.view;
+        }
     }
-    if (!tab) return;
-    paneLayout_ = new PaneLayoutView(
+    auto* view = new PaneLayoutView(
         tab, [this](const QUuid& id) { workspace_->userSelectedPane(id); },
-        [this](const QUuid& id, double ratio) { workspace_->setSplitRatio(id, ratio); }, this);
-    column_->addWidget(paneLayout_, 1);
-    paneLayout_->show();
+        [this](const QUuid& id, double ratio) { workspace_->setSplitRatio(id, ratio); });
+    panes_->addWidget(view);
+    kept_.push_back({tab, view, ++showCount_});
+    // A tab that leaves the model takes its terminals' views with it.
+    QPointer<PaneLayoutView> guarded = view;
+    connect(tab, &QObject::destroyed, this, [this, guarded] {
+        if (guarded) dropLayout(guarded);
+    });
+    return view;
+}
+
+void TerminalWorkspaceView::dropLayout(PaneLayoutView* view) {
+    if (!view) return;
+    std::erase_if(kept_, [&](const KeptLayout& each) { return each.view == view || !each.view; });
+    if (paneLayout_ == view) {
+        paneLayout_.clear();
+        tab_.clear();
+        panes_->setCurrentIndex(0);
+    }
+    panes_->removeWidget(view);
+    view->hide();
+    // Deleted on the next turn: the close that ended its tab may have come from
+    // a key press still being delivered inside it.
+    view->deleteLater();
+}
+
+void TerminalWorkspaceView::dropLeastRecentlyShown() {
+    auto total = [this] {
+        int count = 0;
+        for (const auto& each : kept_)
+            if (each.tab) count += static_cast<int>(each.tab->paneCount());
+        return count;
+    };
+    while (total() > keptPaneLimit_) {
+        auto oldest = kept_.end();
+        for (auto it = kept_.begin(); it != kept_.end(); ++it) {
+            if (it->view == paneLayout_) continue;
+            if (oldest == kept_.end() || it->shownAt < oldest->shownAt) oldest = it;
+        }
+        if (oldest == kept_.end()) return;
+        if (!oldest->view) {
+            kept_.erase(oldest);
+            continue;
+        }
+        dropLayout(oldest->view);
+    }
 }
 
 void TerminalWorkspaceView::searchQueryChanged() {

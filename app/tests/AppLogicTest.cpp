@@ -112,14 +112,8 @@ TEST(CommandKeysTest, NoLinuxKeyTakesAKeyThatAShellNeeds) {
 }
 
 TEST(CommandKeysTest, MacKeysAreTheCommandChordsAndMapCommandToQtControl) {
-    EXPECT_EQ(hl::commandKeyText(Command::NewTerminal, KeyPlatform::MacOS), "⌘T");
-    EXPECT_EQ(hl::commandKeyText(Command::NewScratchTerminal, KeyPlatform::MacOS), "⇧⌘T");
-    EXPECT_EQ(hl::commandKeyText(Command::FindPrevious, KeyPlatform::MacOS), "⇧⌘G");
-    EXPECT_EQ(hl::commandKeyText(Command::SelectPreviousTab, KeyPlatform::MacOS), "⇧⌘[");
-    EXPECT_EQ(hl::commandKeyText(Command::SelectNextTab, KeyPlatform::MacOS), "⇧⌘]");
     EXPECT_EQ(hl::commandKeyText(Command::SelectPreviousPane, KeyPlatform::MacOS), "⌥⌘←");
     EXPECT_EQ(hl::commandKeyText(Command::SelectNextWorkspace, KeyPlatform::MacOS), "⌃⌘→");
-    EXPECT_EQ(hl::commandKeyText(Command::CloseSelectedPane, KeyPlatform::MacOS), "⌘W");
 
     // Panes and workspaces differ only by Option against Control.
     auto pane = hl::commandKey(Command::SelectPreviousPane, KeyPlatform::MacOS);
@@ -137,18 +131,6 @@ TEST(CommandKeysTest, MacKeysAreTheCommandChordsAndMapCommandToQtControl) {
               QKeySequence(Qt::ALT | Qt::CTRL | Qt::Key_Right));
 }
 
-TEST(CommandKeysTest, HelpTextsShowTheKeyOfThePlatform) {
-    EXPECT_EQ(
-        hl::helpTextWithKey("New terminal in alpha", Command::NewTerminal, KeyPlatform::Linux),
-        "New terminal in alpha (Ctrl+Shift+T)");
-    EXPECT_EQ(hl::helpTextWithKey("Find previous", Command::FindPrevious, KeyPlatform::MacOS),
-              "Find previous (⇧⌘G)");
-#ifndef Q_OS_MACOS
-    EXPECT_EQ(hl::helpTextWithKey("Close selected pane", Command::CloseSelectedPane),
-              "Close selected pane (Ctrl+Shift+W)");
-#endif
-}
-
 TEST(ContentTextsTest, TheScratchRowCountsItsTabsWithTheRightWord) {
     EXPECT_EQ(hl::scratchRowSubtitle(std::nullopt), "Create a workspace separate from projects");
     EXPECT_EQ(hl::scratchRowHelp(std::nullopt), "Create Scratch workspace");
@@ -159,18 +141,6 @@ TEST(ContentTextsTest, TheScratchRowCountsItsTabsWithTheRightWord) {
     EXPECT_EQ(hl::scratchRowSubtitle(scratch), "0 tabs · separate from projects");
     scratch.tabCount = 3;
     EXPECT_EQ(hl::scratchRowSubtitle(scratch), "3 tabs · separate from projects");
-}
-
-TEST(ContentTextsTest, DialogMessagesNameTheProject) {
-    EXPECT_EQ(hl::removeProjectMessage("alpha", true, true),
-              "This closes every terminal in alpha and removes its saved workspace. The folder "
-              "and its files will not be changed.");
-    EXPECT_EQ(hl::removeProjectMessage("alpha", true, false),
-              "This removes alpha from the list. The folder and its files will not be changed.");
-    EXPECT_EQ(hl::renameProjectMessage(true), "This changes only the name shown in Harborlattice.");
-    EXPECT_EQ(hl::emptyStateText(true).title, "Add your first project");
-    EXPECT_EQ(hl::emptyStateText(true).button, "Add Project…");
-    EXPECT_EQ(hl::emptyStateText(false).button, "Open Scratch Workspace");
 }
 
 }  // namespace

@@ -92,6 +92,8 @@ bool spinUntil(const std::function<bool()>& condition, std::chrono::milliseconds
     while (!condition()) {
         if (clock.elapsed() > timeout.count()) return condition();
         QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+        // What a running event loop would delete on its next turn.
+        QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
         QTest::qSleep(10);
     }
     return true;

@@ -11,6 +11,7 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QMenu>
+#include <QPointer>
 #include <QTest>
 #include <QWebEnginePage>
 #include <QWebEngineView>
@@ -30,6 +31,7 @@
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
 #include "TerminalCommands.h"
+#include "TerminalWorkspaceView.h"
 #include "XtermWebView.h"
 
 namespace {
@@ -247,6 +249,55 @@ TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {
     EXPECT_NE(view->webView()->page()->renderProcessPid(), renderer);
     type(first, "echo after-$((2*3))\r");
     EXPECT_TRUE(screenShows(view, "after-6"));
+}
+
+// A tab shown before comes back with the very same page: nothing reloaded or
+// replayed, the scroll position and the selection as they were. A closed tab's
+// views go at once, and the bound drops the tab shown least recently.
+TEST(TerminalWindowTest, ATabShownBeforeKeepsItsPageAndAClosedOneLosesIt) {
+    RunningApp run;
+    run.workspace().createScratchTerminal();
+    auto* first = run.selected();
+    ASSERT_TRUE(connected(first));
+    QPointer<hl::XtermWebView> firstView = run.view(first);
+    ASSERT_TRUE(spinUntil([&] { return firstView->coordinator().isReady(); }, 30s));
+    const QUuid firstTab = *run.workspace().selectedTabID();
+    type(first, "seq 1 400; echo listed-$((6*7))\r");
+    ASSERT_TRUE(screenShows(firstView, "listed-42"));
+    evaluate(firstView, "terminal.scrollLines(-60); terminal.select(0, 5, 12); window.kept = 1; 0");
+    const QString viewport = evaluate(firstView, "String(terminal.buffer.active.viewportY)");
+    const QString selection = evaluate(firstView, "terminal.getSelection()");
+    ASSERT_FALSE(selection.isEmpty());
+
+    run.workspace().newTerminal();
+    auto* second = run.selected();
+    ASSERT_NE(second, first);
+    ASSERT_TRUE(connected(second));
+    QPointer<hl::XtermWebView> secondView = run.view(second);
+    ASSERT_TRUE(spinUntil([&] { return secondView->coordinator().isReady(); }, 30s));
+    const QUuid secondTab = *run.workspace().selectedTabID();
+    EXPECT_FALSE(firstView.isNull());
+    EXPECT_FALSE(firstView->isVisible());
+
+    run.workspace().selectTab(firstTab);
+    ASSERT_TRUE(spinUntil([&] { return firstView && firstView->isVisible(); }));
+    EXPECT_EQ(run.view(first), firstView.data());
+    EXPECT_EQ(evaluate(firstView, "String(window.kept)"), "1");
+    EXPECT_EQ(evaluate(firstView, "String(terminal.buffer.active.viewportY)"), viewport);
+    EXPECT_EQ(evaluate(firstView, "terminal.getSelection()"), selection);
+
+    // Closing the hidden tab destroys its view; the bound drops the other one.
+    run.workspace().closeTab(secondTab);
+    EXPECT_TRUE(spinUntil([&] { return secondView.isNull(); }));
+    run.workspace().newTerminal();
+    ASSERT_TRUE(connected(run.selected()));
+    auto* workspaceView = run.window.contentView()->workspaceView();
+    EXPECT_EQ(workspaceView->keptLayoutCount(), 2);
+    workspaceView->setKeptPaneLimit(1);
+    EXPECT_TRUE(spinUntil([&] { return firstView.isNull(); }));
+    EXPECT_EQ(workspaceView->keptLayoutCount(), 1);
+    run.workspace().selectTab(firstTab);
+    EXPECT_TRUE(spinUntil([&] { return run.view(first) && run.view(first)->isVisible(); }));
 }
 
 TEST(TerminalWindowTest, FontZoomIsKeptAcrossARestart) {
