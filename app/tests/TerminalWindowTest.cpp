@@ -133,22 +133,27 @@ int rendererProcessCount() {
     return renderers;
 }
 
+// Six panes in three tabs, two of them kept hidden: one renderer for all.
 TEST(TerminalWindowTest, EveryTerminalPageSharesOneRenderer) {
     RunningApp run;
-    run.workspace().createScratchTerminal();
-    while (run.workspace().selectedTab()->paneCount() < 6)
-        run.workspace().split(run.workspace().selectedTab()->paneCount() % 2 == 1);
-    QList<hl::XtermWebView*> views;
-    ASSERT_TRUE(spinUntil(
-        [&] {
-            views = run.window.findChildren<hl::XtermWebView*>();
-            if (views.size() != 6) return false;
-            for (auto* view : views) {
-                if (!view->coordinator().isReady()) return false;
-            }
-            return true;
-        },
-        60s));
+    for (int tab = 0; tab < 3; ++tab) {
+        if (tab == 0) {
+            run.workspace().createScratchTerminal();
+        } else {
+            run.workspace().newTerminal();
+        }
+        run.workspace().split(true);
+        for (auto* pane : run.workspace().selectedTab()->panes()) {
+            ASSERT_TRUE(spinUntil(
+                [&] {
+                    auto* view = run.view(&pane->controller());
+                    return view && view->coordinator().isReady();
+                },
+                60s));
+        }
+    }
+    const auto views = run.window.findChildren<hl::XtermWebView*>();
+    ASSERT_EQ(views.size(), 6);
     std::set<qint64> pids;
     for (auto* view : views)
         pids.insert(view->webView()->page()->renderProcessPid());
