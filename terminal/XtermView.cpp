@@ -218,13 +218,33 @@ terminal.attachCustomKeyEventHandler(event => {
 constexpr std::string_view hostInterface =
     R"js(new ResizeObserver(() => fitAddon.fit()).observe(document.body);
 fitAddon.fit();
+// Output waits here while the terminal still has much to parse: past its own
+// limit the terminal would throw writes away, and no output may be lost.
+const outputWaiting = [];
+let outputInTerminal = 0;
+const outputInTerminalLimit = 2 * 1024 * 1024;
+function writeToTerminal(bytes) {
+  outputInTerminal += bytes.length;
+  terminal.write(bytes, () => {
+    outputInTerminal -= bytes.length;
+    while (outputWaiting.length > 0 && outputInTerminal < outputInTerminalLimit) {
+      writeToTerminal(outputWaiting.shift());
+    }
+  });
+}
 window.harborlattice = {
   writeBase64(value, replace) {
     const bytes = Uint8Array.from(atob(value), character => character.charCodeAt(0));
     if (!replace) {
-      terminal.write(bytes);
+      if (outputWaiting.length === 0 && outputInTerminal < outputInTerminalLimit) {
+        writeToTerminal(bytes);
+      } else {
+        outputWaiting.push(bytes);
+      }
       return;
     }
+    // A replay holds all the output before it.
+    outputWaiting.length = 0;
     resetTerminalForReplay();
     replayWritesInFlight += 1;
     terminal.write(bytes, () => { replayWritesInFlight -= 1; });

@@ -159,6 +159,26 @@ describe('writeBase64', () => {
     assert.equal(await line(0), 'A€B🐚C');
   });
 
+  test('a flood past the terminal\'s own 50 MB limit is written whole, in order', async () => {
+    const errors = await page.evaluate(() => new Promise((resolve) => {
+      const chunk = btoa(`${'x'.repeat(78)}\r\n`.repeat(13000));
+      const raised = [];
+      for (let i = 0; i < 52; i += 1) {
+        try {
+          window.harborlattice.writeBase64(chunk, false);
+        } catch (error) {
+          raised.push(String(error));
+        }
+      }
+      window.harborlattice.writeBase64(btoa('last line\r\n'), false);
+      const done = () => (terminal.buffer.active.getLine(terminal.buffer.active.baseY +
+        terminal.buffer.active.cursorY - 1)?.translateToString(true) === 'last line'
+        ? resolve(raised) : setTimeout(done, 50));
+      done();
+    }));
+    assert.deepEqual(errors, []);
+  });
+
   test('a replace write clears what was there before writing', async () => {
     await write('old output\r\nsecond line');
     await write('new', true);
