@@ -102,7 +102,8 @@ int runAll(int runs, int catMegabytes) {
     const std::string many = std::to_string(manyPanes);
     if (!run("prepare1", {"prepare", state("few"), few}) ||
         !run("prepare20", {"prepare", state("many"), many}) ||
-        !run("prepare_tabs", {"prepare", state("tabs"), "1,4"})) {
+        !run("prepare_tabs", {"prepare", state("tabs"), "1,4"}) ||
+        !run("prepare_cat", {"prepare", state("cat"), few})) {
         status = 1;
     }
     const fs::path catFile = base / "cat.txt";
@@ -115,8 +116,9 @@ int runAll(int runs, int catMegabytes) {
         run("bare20", {"bare", state("bare"), many});
         run("switch", {"switch", state("tabs"), "5"});
         if (i == 0) {
-            run("cat", {"cat", state("few"), catFile.string()}, 900s);
-            const double seconds = hl::bench::catThroughNode(state("few") + "/node.sock", catFile);
+            // A state of its own: the 1-pane start-up must not replay the flood.
+            run("cat", {"cat", state("cat"), catFile.string()}, 900s);
+            const double seconds = hl::bench::catThroughNode(state("cat") + "/node.sock", catFile);
             if (seconds < 0) {
                 ++series["cat_node"].failures;
             } else {

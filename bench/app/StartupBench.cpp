@@ -8,6 +8,7 @@
 #include <QWebEngineScriptCollection>
 #include <QWebEngineView>
 
+#include <algorithm>
 #include <cmath>
 #include <cstdio>
 #include <deque>
@@ -192,6 +193,29 @@ int runApp(int argc, char** argv, const fs::path& state, std::int64_t since) {
     hl::MainWindow window(*app);
     window.show();
     app->delegate().scheduleDidFinishLaunching();
+    // When every page has said "ready" and when every controller is connected:
+    // the steps between the start and the prompts.
+    QTimer steps;
+    bool ready = false;
+    bool connected = false;
+    QObject::connect(&steps, &QTimer::timeout, [&] {
+        const auto views = window.findChildren<hl::XtermWebView*>();
+        if (!ready && static_cast<std::size_t>(views.size()) == tab->paneCount() &&
+            std::all_of(views.begin(), views.end(),
+                        [](auto* view) { return view->coordinator().isReady(); })) {
+            ready = true;
+            std::printf("ready_ms %.1f\n", millisecondsSince(since));
+        }
+        const auto panes = tab->panes();
+        if (!connected && std::all_of(panes.begin(), panes.end(), [](auto* pane) {
+                return pane->controller().isConnected();
+            })) {
+            connected = true;
+            std::printf("connected_ms %.1f\n", millisecondsSince(since));
+        }
+        if (ready && connected) steps.stop();
+    });
+    steps.start(5);
     PromptWatch watch([&window] { return visiblePaneViews(&window); },
                       static_cast<int>(tab->paneCount()), promptProbe, since);
     return QApplication::exec();
