@@ -5,8 +5,6 @@
 #include <QWebEngineUrlRequestJob>
 #include <QWebEngineUrlScheme>
 
-#include "XtermCoordinator.h"
-
 namespace hl {
 
 QUrl TerminalDocumentScheme::documentUrl() {
@@ -26,18 +24,38 @@ bool TerminalDocumentScheme::isDocumentUrl(const QUrl& url) {
     return url.toString(QUrl::FullyEncoded) == documentUrl().toString(QUrl::FullyEncoded);
 }
 
-TerminalDocumentSchemeHandler::TerminalDocumentSchemeHandler(std::function<QString()> document,
-                                                             QObject* parent)
-    : QWebEngineUrlSchemeHandler(parent), document_(std::move(document)) {}
+std::optional<QString> TerminalDocumentScheme::fileName(const QUrl& url) {
+    const QString text = url.toString(QUrl::FullyEncoded);
+    const QString prefix = documentUrl().toString(QUrl::FullyEncoded);
+    if (!text.startsWith(prefix)) return std::nullopt;
+    const QString name = text.mid(prefix.size());
+    // One plain name: no folder, query or fragment.
+    for (const QChar character : name) {
+        if (!character.isLetterOrNumber() && character != '-' && character != '.')
+            return std::nullopt;
+    }
+    if (name.startsWith('.')) return std::nullopt;
+    return name;
+}
+
+TerminalDocumentSchemeHandler::TerminalDocumentSchemeHandler(
+    std::function<std::optional<TerminalDocumentFiles>()> files, QString unavailable,
+    QObject* parent)
+    : QWebEngineUrlSchemeHandler(parent),
+      files_(std::move(files)),
+      unavailable_(std::move(unavailable)) {}
 
 std::optional<QByteArray> TerminalDocumentSchemeHandler::contentFor(const QUrl& url) {
-    if (!TerminalDocumentScheme::isDocumentUrl(url)) return std::nullopt;
-    if (composed_) return composed_;
-    const QString text = document_();
-    // The page for missing assets is not kept: the next page looks for them again.
-    if (text == XtermCoordinator::assetsUnavailableDocument) return text.toUtf8();
-    composed_ = text.toUtf8();
-    return composed_;
+    const auto name = TerminalDocumentScheme::fileName(url);
+    if (!name) return std::nullopt;
+    if (!kept_) kept_ = files_();
+    if (!kept_) {
+        if (name->isEmpty()) return unavailable_.toUtf8();
+        return std::nullopt;
+    }
+    const auto found = kept_->find(*name);
+    if (found == kept_->end()) return std::nullopt;
+    return found->second;
 }
 
 void TerminalDocumentSchemeHandler::requestStarted(QWebEngineUrlRequestJob* job) {
@@ -50,10 +68,13 @@ void TerminalDocumentSchemeHandler::requestStarted(QWebEngineUrlRequestJob* job)
         job->fail(QWebEngineUrlRequestJob::UrlNotFound);
         return;
     }
-    // The buffer shares the kept text and goes with the job.
+    const bool isScript = job->requestUrl().path().endsWith(QStringLiteral(".js"));
+    // The buffer shares the kept bytes and goes with the job.
     auto* body = new QBuffer(job);
     body->setData(*content);
-    job->reply(QByteArrayLiteral("text/html;charset=utf-8"), body);
+    job->reply(isScript ? QByteArrayLiteral("text/javascript;charset=utf-8")
+                        : QByteArrayLiteral("text/html;charset=utf-8"),
+               body);
 }
 
 }  // namespace hl

@@ -1,18 +1,21 @@
 // TerminalDocumentScheme: the one origin every terminal page comes from. The
 // scheme "harborlattice" is registered before the QApplication exists; its
-// handler, installed on the terminal profile, answers exactly one address,
-// `documentUrl`, with the composed terminal document held in memory, and
-// nothing else: any other path, host or method gets no content. Pages of one
-// origin can share one renderer process, and the short address keeps the
-// document's text out of each page's navigation entries (a data: address
-// carries the whole document in every one of them).
+// handler, installed on the terminal profile, answers the document's own
+// address, `documentUrl`, with the terminal document, and the addresses of
+// the scripts the document names beside it, all held in memory; anything
+// else (another path, host or query, another method) gets no content. Pages
+// of one origin share one renderer process, which loads the scripts once for
+// all of them; and the short address keeps the document's text out of each
+// page's navigation entries (a data: address carries all of it in each).
 #pragma once
 
 #include <QByteArray>
+#include <QString>
 #include <QUrl>
 #include <QWebEngineUrlSchemeHandler>
 
 #include <functional>
+#include <map>
 #include <optional>
 
 namespace hl {
@@ -32,26 +35,34 @@ void registerScheme();
 // True for the document's own address and nothing else.
 bool isDocumentUrl(const QUrl& url);
 
+// The file an address of the scheme names: "" for the document, else the name
+// after the document's address ("xterm.js"); absent for any other address.
+std::optional<QString> fileName(const QUrl& url);
+
 }  // namespace TerminalDocumentScheme
 
-// Answers the scheme's requests from memory. `document` is asked on the first
-// request and its text kept for every later page (the page that says the
-// assets are missing is asked for again).
+// What the scheme serves, by file name ("" is the document).
+using TerminalDocumentFiles = std::map<QString, QByteArray>;
+
+// Answers the scheme's requests from memory. `files` is asked on the first
+// request and what it gives kept for every later page; when it has nothing
+// (an asset could not be read), the document is `unavailable` and is asked
+// for again next time.
 class TerminalDocumentSchemeHandler : public QWebEngineUrlSchemeHandler {
     Q_OBJECT
   public:
-    explicit TerminalDocumentSchemeHandler(std::function<QString()> document,
-                                           QObject* parent = nullptr);
+    TerminalDocumentSchemeHandler(std::function<std::optional<TerminalDocumentFiles>()> files,
+                                  QString unavailable, QObject* parent = nullptr);
 
-    // The body served for a GET of `url`: the document for its own address,
-    // absent for anything else.
+    // The body served for a GET of `url`, absent when there is none.
     std::optional<QByteArray> contentFor(const QUrl& url);
 
     void requestStarted(QWebEngineUrlRequestJob* job) override;
 
   private:
-    std::function<QString()> document_;
-    std::optional<QByteArray> composed_;
+    std::function<std::optional<TerminalDocumentFiles>()> files_;
+    QString unavailable_;
+    std::optional<TerminalDocumentFiles> kept_;
 };
 
 }  // namespace hl

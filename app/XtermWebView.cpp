@@ -100,10 +100,27 @@ QWebEngineProfile* XtermWebView::profile() {
         auto* made = new QWebEngineProfile(QApplication::instance());
         made->installUrlSchemeHandler(
             TerminalDocumentScheme::name,
-            new TerminalDocumentSchemeHandler(&XtermWebView::document, made));
+            new TerminalDocumentSchemeHandler(&XtermWebView::documentFiles,
+                                              XtermCoordinator::assetsUnavailableDocument, made));
         return made;
     }();
     return profile;
+}
+
+std::optional<TerminalDocumentFiles> XtermWebView::documentFiles() {
+    try {
+        const TerminalAssetLocator locator;
+        TerminalDocumentFiles files;
+        for (const std::string_view name : XtermView::scriptAssets) {
+            files[QString::fromUtf8(name.data(), static_cast<qsizetype>(name.size()))] =
+                QByteArray::fromStdString(locator.contents(name));
+        }
+        files[QString()] =
+            QByteArray::fromStdString(XtermView::htmlNamingScripts(locator.contents("xterm.css")));
+        return files;
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
 }
 
 QString messageHandlerBridgeScript() {

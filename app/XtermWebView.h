@@ -7,7 +7,9 @@
 #include <QWidget>
 
 #include <memory>
+#include <optional>
 
+#include "TerminalDocumentScheme.h"
 #include "XtermCoordinator.h"
 
 class QMenu;
@@ -31,6 +33,9 @@ class XtermWebView : public QWidget {
     static QString document();
     // The in-memory profile of every terminal page, whose scheme serves the document.
     static QWebEngineProfile* profile();
+    // What that scheme serves: the document naming its scripts, and the
+    // scripts; absent when an asset cannot be read.
+    static std::optional<TerminalDocumentFiles> documentFiles();
 
     // Puts the selection on the clipboard; false when nothing is selected.
     bool copySelection();

@@ -324,6 +324,22 @@ std::string_view XtermView::enhancedKeyboardBridge() {
     return bridge;
 }
 
+std::string XtermView::htmlNamingScripts(std::string_view css) {
+    // The style sheet stays inline: the terminal measures its cells as it opens.
+    std::string document(documentHead);
+    document += css;
+    document += pageStyle.substr(0, pageStyle.size() - std::string_view("<script>").size());
+    for (const std::string_view name : scriptAssets) {
+        document += "<script src=\"";
+        document += name;
+        document += "\"></script>";
+    }
+    document += "\n<script>\n";
+    document += documentScript();
+    document += documentTail;
+    return document;
+}
+
 std::string XtermView::html(std::string_view js, std::string_view fit, std::string_view links,
                             std::string_view search, std::string_view css) {
     const std::string script = documentScript();

@@ -55,6 +55,14 @@ struct XtermView {
     static std::string html(std::string_view js, std::string_view fit, std::string_view links,
                             std::string_view search, std::string_view css);
 
+    // The same document with the four scripts named by their asset names
+    // (relative addresses, loaded in order from the document's own origin)
+    // instead of written out: pages of one origin then share one copy of them.
+    static std::string htmlNamingScripts(std::string_view css);
+    // The asset names of the scripts, in the order the document runs them.
+    static constexpr std::array<std::string_view, 4> scriptAssets{
+        "xterm.js", "addon-fit.js", "addon-web-links.js", "addon-search.js"};
+
     // The script that creates the terminal, wires it to the host and posts "ready".
     static std::string documentScript();
 

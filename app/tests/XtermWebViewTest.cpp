@@ -14,6 +14,7 @@
 #include <QWebEngineUrlRequestInterceptor>
 #include <QWebEngineView>
 
+#include <algorithm>
 #include <mutex>
 #include <optional>
 
@@ -139,10 +140,16 @@ TEST(XtermWebViewTest, KeysReachTheShellAndItsOutputReachesThePage) {
     QTest::qWait(500);  // let the compositor catch up before the picture
     view.grab().save(screenshots + "/terminal-view.png");
 
-    // The page asked for its document and for nothing else, on disk or network.
+    // The page asked for its document and its scripts, and for nothing else.
     const QUrl documentUrl = hl::TerminalDocumentScheme::documentUrl();
     EXPECT_EQ(view.webView()->page()->url(), documentUrl);
-    EXPECT_EQ(requests.urls(), std::vector<QUrl>{documentUrl});
+    std::vector<QUrl> expected{documentUrl};
+    for (const char* script : {"xterm.js", "addon-fit.js", "addon-web-links.js", "addon-search.js"})
+        expected.push_back(documentUrl.resolved(QUrl(script)));
+    auto asked = requests.urls();
+    std::sort(asked.begin(), asked.end());
+    std::sort(expected.begin(), expected.end());
+    EXPECT_EQ(asked, expected);
 
     // Navigation away from the document is refused, to another address of its
     // own scheme too; window.open opens nothing.
@@ -167,25 +174,35 @@ TEST(XtermWebViewTest, KeysReachTheShellAndItsOutputReachesThePage) {
 
 TEST(XtermWebViewTest, TheSchemeServesItsDocumentAndNothingElse) {
     QWebEngineProfile profile;
-    int composed = 0;
-    profile.installUrlSchemeHandler(hl::TerminalDocumentScheme::name,
-                                    new hl::TerminalDocumentSchemeHandler(
-                                        [&] {
-                                            ++composed;
-                                            return QStringLiteral("<p>served-document</p>");
-                                        },
-                                        &profile));
+    int asked = 0;
+    bool readable = false;
+    profile.installUrlSchemeHandler(
+        hl::TerminalDocumentScheme::name,
+        new hl::TerminalDocumentSchemeHandler(
+            [&]() -> std::optional<hl::TerminalDocumentFiles> {
+                ++asked;
+                if (!readable) return std::nullopt;
+                return hl::TerminalDocumentFiles{
+                    {"", "<p>served</p><script src=\"xterm.js\"></script>"},
+                    {"xterm.js", "document.querySelector('p').textContent += '+script';"}};
+            },
+            "<p>unavailable</p>", &profile));
     QWebEnginePage page(&profile);
     const QUrl document = hl::TerminalDocumentScheme::documentUrl();
+    // Unreadable assets: the one-line page, and the files are asked for again.
     ASSERT_TRUE(loads(page, document));
-    EXPECT_EQ(evaluate(page, "document.body.innerText").toString(), "served-document");
+    EXPECT_EQ(evaluate(page, "document.body.innerText").toString(), "unavailable");
+    readable = true;
+    ASSERT_TRUE(loads(page, document));
+    EXPECT_EQ(evaluate(page, "document.body.innerText").toString(), "served+script");
     for (const char* other :
-         {"harborlattice://terminal/xterm.js", "harborlattice://terminal/?x=1",
-          "harborlattice://elsewhere/", "harborlattice://terminal/index.html"}) {
+         {"harborlattice://terminal/addon-fit.js", "harborlattice://terminal/?x=1",
+          "harborlattice://elsewhere/", "harborlattice://elsewhere/xterm.js",
+          "harborlattice://terminal/folder/xterm.js", "harborlattice://terminal/..%2Fxterm.js"}) {
         EXPECT_FALSE(loads(page, QUrl(other))) << other;
     }
     ASSERT_TRUE(loads(page, document));
-    EXPECT_EQ(composed, 1) << "the document is composed once and kept";
+    EXPECT_EQ(asked, 2) << "what was read is kept";
 }
 
 }  // namespace
