@@ -12,24 +12,6 @@
 
 namespace hl {
 
-QString copyFromMenuTitle(const QString& deviceName) {
-    return "Copy from " + deviceName + "…";
-}
-
-QString copyFromButtonTitle(const QString& deviceName) {
-    return "Copy from " + deviceName;
-}
-
-QString setUpProjectMessage(const QString& name, const std::optional<ProjectCopyOrigin>& origin,
-                            CopyTextPlatform platform) {
-    if (!origin)
-        return QStringLiteral("Choose this project's existing folder on this ") +
-               (platform == CopyTextPlatform::MacOS ? "Mac." : "computer.");
-    return name + " exists on " + origin->deviceName + " at " + origin->root +
-           ". Copy it to the same path on this " +
-           (platform == CopyTextPlatform::MacOS ? "Mac?" : "computer?");
-}
-
 ProjectCopySheet::ProjectCopySheet(ProjectCopyController* controller, QWidget* parent)
     : QDialog(parent), controller_(controller) {
     setModal(true);
