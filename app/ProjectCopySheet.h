@@ -1,8 +1,8 @@
 // ProjectCopySheet shows one project copy: its title, the controller's detail
 // (selectable, since it may hold a command to run), a spinner while the origin
-// is checked and a bar while rsync runs, and "Cancel" or "Done". It opens and
-// closes with the controller's isPresented and cannot be closed while a copy
-// runs.
+// is checked and a bar while rsync runs (busy until its first figure), and
+// "Cancel" or "Done". It opens and closes with the controller's isPresented
+// and cannot be closed while a copy runs.
 #pragma once
 
 #include <QDialog>

@@ -79,6 +79,11 @@ TEST_F(ProjectCopySheetTest, StatesOfACopy) {
                           std::ios::binary);
         out << std::string(4 << 20, static_cast<char>('a' + i % 26));
     }
+    // The bar as the copy phase begins: rsync has no figure yet.
+    std::optional<int> barAtCopying;
+    QObject::connect(&controller, &ProjectCopyController::phaseChanged, &sheet, [&] {
+        if (controller.phase() == Phase::Copying && !barAtCopying) barAtCopying = bar()->maximum();
+    });
     controller.start(source, accept);
     ASSERT_TRUE(sheet.isVisible());
     EXPECT_EQ(sheet.findChildren<QLabel*>().at(0)->text(), "Copy Atlas");
@@ -91,6 +96,7 @@ TEST_F(ProjectCopySheetTest, StatesOfACopy) {
     EXPECT_TRUE(sheet.isVisible());
 
     ASSERT_TRUE(processEventsUntil([&] { return controller.progress() > 0.05; }));
+    EXPECT_EQ(barAtCopying, 0) << "busy until the first figure";
     EXPECT_EQ(bar()->maximum(), 1000);
     EXPECT_GT(bar()->value(), 0);
     save("copying");
