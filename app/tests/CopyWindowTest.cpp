@@ -195,3 +195,13 @@ TEST_F(CopyWindowTest, ADeniedKeyShowsTheAdviceAndMapsNothing) {
     sheet()->reject();  // Escape once it has stopped closes it
     EXPECT_FALSE(sheet()->isVisible());
 }
+
+TEST(CopyTextsTest, TheSetUpMessageUsesThePlatformsWordForAMachine) {
+    const hl::SharedProject atlas{
+        "a", "Atlas",
+        hl::ProjectOrigin{QUuid::createUuid(), "Studio", "studio", "ada", "/w/atlas"}};
+    EXPECT_EQ(hl::SyncTexts::setUpMessage(atlas, hl::TextPlatform::MacOS),
+              "Atlas exists on Studio at /w/atlas. Copy it to the same path on this Mac?");
+    EXPECT_EQ(hl::SyncTexts::setUpMessage({"b", "Plain", std::nullopt}, hl::TextPlatform::MacOS),
+              "Choose this project's existing folder on this Mac.");
+}

@@ -41,9 +41,11 @@ std::optional<QString> catalogRoot(const QString& name, const QString& rawRoot, 
     }
 }
 
+// Sleeps in the event loop between events, as the application does: a loop
+// that spins would take a core from ssh and rsync.
 void waitFor(const std::function<bool()>& condition) {
     while (!condition())
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        QCoreApplication::processEvents(QEventLoop::WaitForMoreEvents);
 }
 
 std::uintmax_t bytesUnder(const fs::path& folder) {
