@@ -33,14 +33,7 @@ constexpr std::chrono::seconds kCopyTimeout(180);
 
 class CopyWindowTest : public ::testing::Test {
   protected:
-    static void SetUpTestSuite() { server_ = new hl::test::TestSshServer(); }
-    static void TearDownTestSuite() {
-        delete server_;
-        server_ = nullptr;
-    }
-
     void SetUp() override {
-        ASSERT_TRUE(server_->isRunning()) << server_->failure();
         const std::string name = ::testing::UnitTest::GetInstance()->current_test_info()->name();
         const fs::path record = hl::apptest::baseFolder() / (name + "-record");
         fs::create_directories(record);
@@ -53,10 +46,17 @@ class CopyWindowTest : public ::testing::Test {
         app_->delegate().scheduleDidFinishLaunching();
         ASSERT_TRUE(spinUntil([&] { return status() == "Synced with Cloud"; }))
             << status().toStdString();
+        // The server preloads nss_wrapper into every child from now on: the
+        // node, and the shells it starts, come first.
+        const auto socket = (hl::apptest::baseFolder() / "node.sock").string();
+        ASSERT_TRUE(spinUntil([&] { return hl::apptest::nodeAnswers(socket); }));
+        server_ = std::make_unique<hl::test::TestSshServer>();
+        ASSERT_TRUE(server_->isRunning()) << server_->failure();
     }
     void TearDown() override {
         window_.reset();
         app_.reset();
+        server_.reset();
     }
 
     QString status() {
@@ -111,13 +111,11 @@ class CopyWindowTest : public ::testing::Test {
     }
     hl::ProjectCopySheet* sheet() { return window_->findChild<hl::ProjectCopySheet*>(); }
 
-    static hl::test::TestSshServer* server_;
+    std::unique_ptr<hl::test::TestSshServer> server_;
     QString url_;
     std::unique_ptr<hl::HarborlatticeApp> app_;
     std::unique_ptr<hl::MainWindow> window_;
 };
-
-hl::test::TestSshServer* CopyWindowTest::server_ = nullptr;
 
 }  // namespace
 
@@ -154,6 +152,7 @@ TEST_F(CopyWindowTest, CopyIsOfferedWithAnOriginAndOpensTheCopiedProject) {
     ASSERT_EQ(app_->catalog().projects().size(), 1u);
     EXPECT_EQ(app_->catalog().projects().front().root, root);
     EXPECT_EQ(app_->workspace().activeProjectID(), QString("atlas-id"));
+    EXPECT_EQ(app_->workspace().tabs().size(), 1u);
     EXPECT_EQ(app_->catalog().selectedProjectID(), QString("atlas-id"));
     EXPECT_TRUE(spinUntil([&] { return rowMenu("atlas").isEmpty(); })) << "left From Cloud";
     EXPECT_FALSE(rowMenu("plain").isEmpty());
