@@ -26,10 +26,7 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
                            [&app, this] { offerKeepCopyAndStartOver(app, this); });
     installSyncSidebar(
         app.sync(), content_,
-        [&app](const ProjectRecord& record) {
-            if (app.workspace().openProject(record)) app.catalog().select(record.id);
-        },
-        &app.projectCopy());
+        [this](const ProjectRecord& record) { content_->openProject(record); }, &app.projectCopy());
 
     WorkspaceStore& workspace = app.workspace();
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));
