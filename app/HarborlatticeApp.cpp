@@ -47,6 +47,17 @@ HarborlatticeApp::HarborlatticeApp(const std::filesystem::path& preferencesFile,
                                             [store] { store->closeUnrecordedSessions(); });
                      });
     ApplicationDelegate::cloudSync = sync_.get();
+    // A copied folder is judged as the catalog will judge it.
+    projectCopy_ =
+        std::make_unique<ProjectCopyController>([](const QString& name, const QString& rawRoot,
+                                                   const QString& id) -> std::optional<QString> {
+            try {
+                return ProjectRecord::create(name, rawRoot, id).root;
+            } catch (const ProjectCatalogError&) {
+                return std::nullopt;
+            }
+        });
+    projectCopy_->discoverTools();
 }
 
 std::vector<std::string> HarborlatticeApp::damagedKeys() const {

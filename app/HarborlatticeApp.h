@@ -19,6 +19,7 @@
 #include "CloudSyncCoordinator.h"
 #include "Preferences.h"
 #include "ProjectCatalog.h"
+#include "ProjectCopyController.h"
 #include "RuntimePaths.h"
 #include "WorkspaceStore.h"
 
@@ -42,6 +43,8 @@ class HarborlatticeApp {
     // Built when first asked for, by the window, not at start-up.
     AppUpdater& updater() const;
     CloudSyncCoordinator& sync() const { return *sync_; }
+    // Fetches shared projects' folders from the computers that hold them.
+    ProjectCopyController& projectCopy() const { return *projectCopy_; }
     const std::shared_ptr<Preferences>& defaults() const { return defaults_; }
 
     // Keys whose stored values could not be understood and are kept as they were.
@@ -58,6 +61,7 @@ class HarborlatticeApp {
     std::unique_ptr<ProjectCatalog> catalog_;
     std::unique_ptr<WorkspaceStore> workspace_;
     mutable std::unique_ptr<AppUpdater> updater_;
+    std::unique_ptr<ProjectCopyController> projectCopy_;
     // Declared last: it lets go of the stores' hooks before they go.
     std::unique_ptr<CloudSyncCoordinator> sync_;
 };

@@ -24,9 +24,9 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     setCentralWidget(content_);
     content_->setStartOver([&app] { return !app.damagedKeys().empty(); },
                            [&app, this] { offerKeepCopyAndStartOver(app, this); });
-    installSyncSidebar(app.sync(), content_, [&app](const ProjectRecord& record) {
-        if (app.workspace().openProject(record)) app.catalog().select(record.id);
-    });
+    installSyncSidebar(
+        app.sync(), content_,
+        [this](const ProjectRecord& record) { content_->openProject(record); }, &app.projectCopy());
 
     WorkspaceStore& workspace = app.workspace();
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));

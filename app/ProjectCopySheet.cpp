@@ -12,24 +12,6 @@
 
 namespace hl {
 
-QString copyFromMenuTitle(const QString& deviceName) {
-    return "Copy from " + deviceName + "…";
-}
-
-QString copyFromButtonTitle(const QString& deviceName) {
-    return "Copy from " + deviceName;
-}
-
-QString setUpProjectMessage(const QString& name, const std::optional<ProjectCopyOrigin>& origin,
-                            CopyTextPlatform platform) {
-    if (!origin)
-        return QStringLiteral("Choose this project's existing folder on this ") +
-               (platform == CopyTextPlatform::MacOS ? "Mac." : "computer.");
-    return name + " exists on " + origin->deviceName + " at " + origin->root +
-           ". Copy it to the same path on this " +
-           (platform == CopyTextPlatform::MacOS ? "Mac?" : "computer?");
-}
-
 ProjectCopySheet::ProjectCopySheet(ProjectCopyController* controller, QWidget* parent)
     : QDialog(parent), controller_(controller) {
     setModal(true);
@@ -83,12 +65,17 @@ void ProjectCopySheet::reject() {
 void ProjectCopySheet::refresh() {
     title_->setText("Copy " + controller_->projectName());
     detail_->setText(controller_->detail());
-    if (controller_->phase() == ProjectCopyController::Phase::Preparing) {
+    const auto phase = controller_->phase();
+    if (phase == ProjectCopyController::Phase::Preparing) {
         bar_->setRange(0, 0);
         bar_->setMinimumWidth(120);
         bar_->setMaximumWidth(120);
     } else {
-        bar_->setRange(0, 1000);
+        // Until rsync's first figure (the connection, the first file list, the
+        // files a resume finds in place), the bar shows that the copy runs.
+        const bool figureYet =
+            phase != ProjectCopyController::Phase::Copying || controller_->progress() > 0;
+        bar_->setRange(0, figureYet ? 1000 : 0);
         bar_->setMaximumWidth(QWIDGETSIZE_MAX);
         bar_->setMinimumWidth(520 - 48);
         bar_->setValue(qRound(controller_->progress() * 1000));

@@ -1,16 +1,11 @@
 // ProjectCopySheet shows one project copy: its title, the controller's detail
 // (selectable, since it may hold a command to run), a spinner while the origin
-// is checked and a bar while rsync runs, and "Cancel" or "Done". It opens and
-// closes with the controller's isPresented and cannot be closed while a copy
-// runs. Beside it, the texts that offer a copy of a shared project.
+// is checked and a bar while rsync runs (busy until its first figure), and
+// "Cancel" or "Done". It opens and closes with the controller's isPresented
+// and cannot be closed while a copy runs.
 #pragma once
 
 #include <QDialog>
-
-#include <optional>
-
-#include "ProjectCopyError.h"
-#include "ProjectCopyPlan.h"
 
 class QLabel;
 class QProgressBar;
@@ -19,14 +14,6 @@ class QPushButton;
 namespace hl {
 
 class ProjectCopyController;
-
-// The entry of a shared project's "Set Up…" menu that starts a copy.
-QString copyFromMenuTitle(const QString& deviceName);
-// The set-up dialog's button that starts a copy.
-QString copyFromButtonTitle(const QString& deviceName);
-// The set-up dialog's message for a shared project, with or without an origin.
-QString setUpProjectMessage(const QString& name, const std::optional<ProjectCopyOrigin>& origin,
-                            CopyTextPlatform platform = runningCopyTextPlatform());
 
 class ProjectCopySheet : public QDialog {
     Q_OBJECT

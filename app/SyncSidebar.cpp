@@ -1,4 +1,5 @@
-// The sync status row, the "From Cloud" section and the set-up dialog.
+// The sync status row, the "From Cloud" section, the set-up dialog and the
+// start of a copy.
 #include "SyncSidebar.h"
 
 #include <QFileDialog>
@@ -8,6 +9,7 @@
 #include <QTimer>
 #include <QToolButton>
 
+#include "ProjectCopySheet.h"
 #include "SymbolIcon.h"
 
 namespace hl {
@@ -47,12 +49,13 @@ QString SyncTexts::setUpMessage(const SharedProject& project, TextPlatform p) {
 
 SyncSidebar::SyncSidebar(
     CloudSyncCoordinator* sync, QWidget* sidebar,
-    std::function<void(const ProjectRecord&)> openProject,
+    std::function<void(const ProjectRecord&)> openProject, ProjectCopyController* copy,
     std::function<std::optional<QString>(const QString&, const QString&, const QString&)>
         chooseFolder)
     : QObject(sidebar),
       sync_(sync),
       openProject_(std::move(openProject)),
+      copy_(copy),
       chooseFolder_(std::move(chooseFolder)) {
     if (!chooseFolder_) {
         chooseFolder_ = [sidebar](const QString& title, const QString& message,
@@ -145,6 +148,10 @@ void SyncSidebar::rebuildSection() {
         setUp->setText(SyncTexts::setUpMenu());
         setUp->setPopupMode(QToolButton::InstantPopup);
         auto* menu = new QMenu(setUp);
+        menu->setObjectName("sync.fromCloud.menu");
+        if (project.origin && copy_)
+            menu->addAction(SyncTexts::copyFromMenu(project.origin->deviceName), this,
+                            [this, project] { startCopy(project); });
         menu->addAction(SyncTexts::chooseExistingFolder(), this,
                         [this, project] { mapSyncedProject(project); });
         setUp->setMenu(menu);
@@ -161,6 +168,18 @@ void SyncSidebar::mapSyncedProject(const SharedProject& project) {
                                       SyncTexts::panelMessage(), SyncTexts::panelPrompt());
     if (!folder) return;
     if (auto record = sync_->mapProject(project, *folder)) openProject_(*record);
+}
+
+void SyncSidebar::startCopy(const SharedProject& project) {
+    if (!copy_) return;
+    const QPointer<SyncSidebar> self(this);
+    copy_->start(copySourceOf(project), [self, project](const QString& destination) {
+        if (!self || !self->sync_) return false;
+        const auto record = self->sync_->mapProject(project, destination);
+        if (!record) return false;
+        self->openProject_(*record);
+        return true;
+    });
 }
 
 void SyncSidebar::announceNewUnmappedProjects(const QList<SharedProject>& projects) {
@@ -181,29 +200,49 @@ void SyncSidebar::showSetUp(const SharedProject& project) {
     dialog->setWindowTitle(SyncTexts::setUpTitle(project));
     dialog->setText(SyncTexts::setUpTitle(project));
     dialog->setInformativeText(SyncTexts::setUpMessage(project));
+    QPushButton* copy = nullptr;
+    if (project.origin && copy_) {
+        copy = dialog->addButton(SyncTexts::copyFromButton(project.origin->deviceName),
+                                 QMessageBox::AcceptRole);
+        copy->setObjectName("sync.setUp.copy");
+    }
     QPushButton* choose =
         dialog->addButton(SyncTexts::chooseExistingFolder(), QMessageBox::AcceptRole);
     choose->setObjectName("sync.setUp.choose");
     QPushButton* later = dialog->addButton(SyncTexts::later(), QMessageBox::RejectRole);
     later->setObjectName("sync.setUp.later");
     dialog->setEscapeButton(later);
-    connect(dialog, &QMessageBox::finished, this, [this, dialog, choose, project] {
-        const bool chosen = dialog->clickedButton() == choose;
+    connect(dialog, &QMessageBox::finished, this, [this, dialog, copy, choose, project] {
+        const QAbstractButton* clicked = dialog->clickedButton();
         projectToSetUp_.reset();
+        if (copy && clicked == copy) startCopy(project);
         // A modal panel cannot open while the dialog is closing.
-        if (chosen) QTimer::singleShot(0, this, [this, project] { mapSyncedProject(project); });
+        if (clicked == choose)
+            QTimer::singleShot(0, this, [this, project] { mapSyncedProject(project); });
     });
     dialog_ = dialog;
     dialog->open();
 }
 
+ProjectCopySource copySourceOf(const SharedProject& project) {
+    ProjectCopySource source{project.id, project.name, std::nullopt};
+    if (project.origin) {
+        const ProjectOrigin& origin = *project.origin;
+        source.origin =
+            ProjectCopyOrigin{origin.deviceName, origin.sshHost, origin.sshUser, origin.root};
+    }
+    return source;
+}
+
 SyncSidebar* installSyncSidebar(CloudSyncCoordinator& sync, QWidget* window,
-                                std::function<void(const ProjectRecord&)> openProject) {
+                                std::function<void(const ProjectRecord&)> openProject,
+                                ProjectCopyController* copy) {
     auto* sidebar = window->findChild<QWidget*>(QStringLiteral("sidebar"));
     auto* errorRow = window->findChild<QWidget*>(QStringLiteral("sidebar.error"));
     auto* column = sidebar ? qobject_cast<QVBoxLayout*>(sidebar->layout()) : nullptr;
     if (!column || !errorRow) return nullptr;
-    auto* pieces = new SyncSidebar(&sync, sidebar, std::move(openProject));
+    auto* pieces = new SyncSidebar(&sync, sidebar, std::move(openProject), copy);
+    if (copy) new ProjectCopySheet(copy, window);
     const int at = column->indexOf(errorRow);
     column->insertWidget(at, pieces->statusRow());
     column->insertWidget(at, pieces->fromCloudSection());

@@ -1,7 +1,8 @@
 // The sidebar's sync pieces: the status row with "Restore Previous", the
-// section of shared projects that have no folder here with "Choose Existing
-// Folder…", and the set-up dialog that announces each new one once per run.
-// All decisions are the coordinator's; these views only call it.
+// section of shared projects that have no folder here with "Copy from …" and
+// "Choose Existing Folder…", and the set-up dialog that announces each new one
+// once per run. All decisions are the coordinator's and the copy controller's;
+// these views only call them.
 #pragma once
 
 #include <QLabel>
@@ -17,6 +18,7 @@
 
 #include "CloudSyncCoordinator.h"
 #include "PlatformWords.h"
+#include "ProjectCopyController.h"
 
 namespace hl {
 
@@ -27,6 +29,10 @@ struct SyncTexts {
     static QString fromCloud(TextPlatform p = runningTextPlatform());
     static QString setUpMenu() { return QStringLiteral("Set Up…"); }
     static QString chooseExistingFolder() { return QStringLiteral("Choose Existing Folder…"); }
+    static QString copyFromMenu(const QString& deviceName) {
+        return "Copy from " + deviceName + "…";
+    }
+    static QString copyFromButton(const QString& deviceName) { return "Copy from " + deviceName; }
     static QString later() { return QStringLiteral("Later"); }
     static QString panelTitle(const QString& name, TextPlatform p = runningTextPlatform());
     static QString panelMessage(TextPlatform p = runningTextPlatform());
@@ -41,11 +47,13 @@ class SyncSidebar : public QObject {
 
   public:
     // `openProject` opens a newly mapped project's workspace and selects it.
-    // `chooseFolder` asks for a directory (title, message, prompt); empty means
-    // a directory dialog.
+    // `copy` fetches a project's folder from its origin; without it, nothing
+    // offers a copy. `chooseFolder` asks for a directory (title, message,
+    // prompt); empty means a directory dialog.
     SyncSidebar(
         CloudSyncCoordinator* sync, QWidget* sidebar,
         std::function<void(const ProjectRecord&)> openProject,
+        ProjectCopyController* copy = nullptr,
         std::function<std::optional<QString>(const QString&, const QString&, const QString&)>
             chooseFolder = {});
 
@@ -55,6 +63,9 @@ class SyncSidebar : public QObject {
     QMessageBox* setUpDialog() const { return dialog_; }
     // Asks for a folder for `project` and maps it; opens its workspace on success.
     void mapSyncedProject(const SharedProject& project);
+    // Copies the project's folder from its origin to the same path here, then
+    // maps it and opens its workspace.
+    void startCopy(const SharedProject& project);
     // Offers the first project not offered before in this run.
     void announceNewUnmappedProjects(const QList<SharedProject>& projects);
 
@@ -65,6 +76,7 @@ class SyncSidebar : public QObject {
 
     QPointer<CloudSyncCoordinator> sync_;
     std::function<void(const ProjectRecord&)> openProject_;
+    QPointer<ProjectCopyController> copy_;
     std::function<std::optional<QString>(const QString&, const QString&, const QString&)>
         chooseFolder_;
     QWidget* statusRow_;
@@ -78,9 +90,14 @@ class SyncSidebar : public QObject {
     std::set<QString> announcedUnmappedProjectIDs_;
 };
 
+// What a copy needs of a shared project.
+ProjectCopySource copySourceOf(const SharedProject& project);
+
 // Puts the sync pieces into the sidebar that ContentView built ("sidebar"): the
-// section above the error row, the status row below it.
+// section above the error row, the status row below it; with a copy
+// controller, its sheet over the window while it is presented.
 SyncSidebar* installSyncSidebar(CloudSyncCoordinator& sync, QWidget* window,
-                                std::function<void(const ProjectRecord&)> openProject);
+                                std::function<void(const ProjectRecord&)> openProject,
+                                ProjectCopyController* copy = nullptr);
 
 }  // namespace hl

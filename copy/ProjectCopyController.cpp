@@ -75,6 +75,18 @@ ProjectCopyController::ProjectCopyController(ProjectRootCheck rootCheck, Project
 ProjectCopyController::~ProjectCopyController() {
     if (task_) task_->cancel();
     if (process_) process_->terminate();
+    if (toolsLookup_.joinable()) toolsLookup_.join();
+}
+
+void ProjectCopyController::discoverTools() {
+    if (toolsLookup_.joinable()) return;
+    const QPointer<QObject> self(this);
+    toolsLookup_ = std::thread([self] {
+        const ProjectCopyTools tools = ProjectCopyTools::discover();
+        postToContext(self, [self, tools] {
+            static_cast<ProjectCopyController*>(self.data())->tools_ = tools;
+        });
+    });
 }
 
 void ProjectCopyController::start(const ProjectCopySource& project, Completion onComplete) {

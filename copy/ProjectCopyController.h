@@ -12,6 +12,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <thread>
 
 #include "ProjectCopyCommand.h"
 #include "ProjectCopyPlan.h"
@@ -78,6 +79,9 @@ class ProjectCopyController : public QObject {
     void cancel();
     // Closes the sheet of a copy that no longer runs.
     void dismiss();
+    // Looks up ssh and rsync as the user's login shell finds them, on a thread
+    // of its own; a copy that starts before the answer uses the tools it has.
+    void discoverTools();
 
     // Takes a chunk of rsync's standard output of the given operation.
     void consume(const QByteArray& chunk, std::uint64_t operation);
@@ -122,6 +126,7 @@ class ProjectCopyController : public QObject {
     std::shared_ptr<StreamingProcess> process_;
     RsyncProgress rsyncProgress_;
     std::uint64_t generation_ = 0;
+    std::thread toolsLookup_;
 };
 
 // The preflight's report read back: absent unless both figures are there,

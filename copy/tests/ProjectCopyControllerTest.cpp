@@ -126,6 +126,8 @@ TEST_F(ProjectCopyControllerTest, CopyCompletesWithProgressAndLandsInPlace) {
     QObject::connect(&controller, &ProjectCopyController::progressChanged, &controller,
                      [&] { figures.push_back(controller.progress()); });
 
+    // The login shell's ssh and rsync arrive from their own thread meanwhile.
+    controller.discoverTools();
     start(source);
     EXPECT_EQ(controller.phase(), Phase::Preparing);
     EXPECT_EQ(controller.detail(), "Checking Test Origin…");

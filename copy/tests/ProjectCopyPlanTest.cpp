@@ -109,11 +109,8 @@ TEST(ProjectCopyPlanTest, FailuresAreReadFromTheComplaint) {
               ProjectCopyError::transferFailed());
 }
 
+// The denial's Linux text is read through the window (CopyWindowTest).
 TEST(ProjectCopyPlanTest, TextsUseThePlatformsWordForAMachine) {
-    const auto auth = ProjectCopyError::authenticationFailed("ssh-copy-id a@b");
-    EXPECT_EQ(auth.errorDescription(CopyTextPlatform::Linux),
-              "SSH authentication was denied. On the receiving computer, run this once, then "
-              "retry: ssh-copy-id a@b");
     EXPECT_EQ(ProjectCopyError::hostVerificationFailed().errorDescription(CopyTextPlatform::MacOS),
               "SSH host verification failed. On the receiving Mac, verify the saved host key for "
               "the origin Mac, then retry.");
