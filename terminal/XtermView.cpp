@@ -234,7 +234,9 @@ function writeToTerminal(bytes) {
 }
 window.harborlattice = {
   writeBase64(value, replace) {
-    const bytes = Uint8Array.from(atob(value), character => character.charCodeAt(0));
+    const text = atob(value);
+    const bytes = new Uint8Array(text.length);
+    for (let index = 0; index < text.length; index += 1) bytes[index] = text.charCodeAt(index);
     if (!replace) {
       if (outputWaiting.length === 0 && outputInTerminal < outputInTerminalLimit) {
         writeToTerminal(bytes);
