@@ -155,7 +155,9 @@ WebDavSharedStateTransport::Answer WebDavSharedStateTransport::send(
                              authenticator->setPassword(login->second);
                          }
                      });
-    QNetworkReply* reply = manager.sendCustomRequest(request, verb, body);
+    // HEAD goes through its own call, so that the answer is known to have no body.
+    QNetworkReply* reply =
+        verb == "HEAD" ? manager.head(request) : manager.sendCustomRequest(request, verb, body);
     QObject::connect(reply, &QNetworkReply::sslErrors, reply, [&](const QList<QSslError>& errors) {
         untrusted = untrusted || std::any_of(errors.begin(), errors.end(), certificateIsUntrusted);
     });
@@ -176,6 +178,34 @@ WebDavSharedStateTransport::Answer WebDavSharedStateTransport::send(
     answer.etag = reply->rawHeader("ETag");
     answer.lockToken = reply->rawHeader("Lock-Token");
     return answer;
+}
+
+void WebDavSharedStateTransport::rememberOwnSave(const QByteArray& etag) {
+    if (!etag.isEmpty()) {
+        knownTag_->remember(webDavSignature(etag));
+        return;
+    }
+    // Apache gives no tag with its answer to a PUT. Under the lock nobody else
+    // can have saved since, so the tag read now is this save's; without a lock it
+    // could be another client's, and the watcher signals it rather than miss it.
+    if (lockToken_.isEmpty()) return;
+    try {
+        const Answer answer = send("HEAD", {});
+        if (answer.status == 200 && !answer.etag.isEmpty())
+            knownTag_->remember(webDavSignature(answer.etag));
+    } catch (const Error&) {
+        // The watcher then signals this save back once: one needless refresh.
+    }
+}
+
+void WebDavSharedStateTransport::watchChanges(QObject* context, std::function<void()> onChange) {
+    delete watcher_;
+    WebDavChangeWatcher::Options watch;
+    watch.interval = options_.changeInterval;
+    watch.longestInterval = options_.longestChangeInterval;
+    watch.requestTimeout = std::min(options_.requestTimeout, std::chrono::milliseconds(10'000));
+    watch.netrcPath = options_.netrcPath;
+    watcher_ = new WebDavChangeWatcher(url_, knownTag_, watch, std::move(onChange), context);
 }
 
 void WebDavSharedStateTransport::beginAttempt() {
@@ -220,7 +250,10 @@ std::optional<SharedStateRecord> WebDavSharedStateTransport::readRecord() {
     for (;;) {
         const Answer answer = send("GET", {});
         emptyResourceTag_.clear();
-        if (answer.status == 404 || answer.status == 410) return std::nullopt;
+        if (answer.status == 404 || answer.status == 410) {
+            knownTag_->remember(webDavAbsentSignature);
+            return std::nullopt;
+        }
         if (answer.status != 200) throw httpFailure("GET", answer.status);
         const bool locked = !lockToken_.isEmpty();
         if (!locked && (answer.etag.isEmpty() || isWeak(answer.etag))) {
@@ -232,6 +265,7 @@ std::optional<SharedStateRecord> WebDavSharedStateTransport::readRecord() {
             pauseBriefly(50, 150);
             continue;
         }
+        knownTag_->remember(webDavSignature(answer.etag));
         if (answer.body.isEmpty()) {
             emptyResourceTag_ = answer.etag;
             return std::nullopt;
@@ -254,6 +288,7 @@ RecordSharedStateTransport::SaveOutcome WebDavSharedStateTransport::writeRecord(
     }
     const Answer answer = send("PUT", headers, payload);
     if (answer.status == 200 || answer.status == 201 || answer.status == 204) {
+        rememberOwnSave(answer.etag);
         return SaveOutcome::Saved;
     }
     // The record moved, or a lock that ran out was taken by another client.

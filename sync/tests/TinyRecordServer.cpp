@@ -58,6 +58,7 @@ QByteArray TinyRecordServer::currentTag() const {
 
 void TinyRecordServer::answer(QTcpSocket* socket, const QByteArray& request) {
     const QByteArray verb = request.left(request.indexOf(' '));
+    ++requests;
     int status = 200;
     QByteArray content;
     bool withTag = false;

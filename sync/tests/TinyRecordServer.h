@@ -34,6 +34,7 @@ class TinyRecordServer : public QObject {
     std::optional<QByteArray> body;
     // Runs once, right after the next GET has been answered.
     std::function<void()> afterNextGet;
+    int requests = 0;
     int puts = 0;
     int refusedPuts = 0;
 
