@@ -209,6 +209,16 @@ void WebDavSharedStateTransport::watchChanges(QObject* context, std::function<vo
 }
 
 void WebDavSharedStateTransport::beginAttempt() {
+    inAttempt_ = true;
+    try {
+        lockForAttempt();
+    } catch (...) {
+        inAttempt_ = false;
+        throw;
+    }
+}
+
+void WebDavSharedStateTransport::lockForAttempt() {
     if (lockingUnsupported_) return;
     const auto deadline = Clock::now() + options_.lockWait;
     for (;;) {
@@ -236,6 +246,7 @@ void WebDavSharedStateTransport::beginAttempt() {
 }
 
 void WebDavSharedStateTransport::endAttempt() noexcept {
+    inAttempt_ = false;
     if (lockToken_.isEmpty()) return;
     const QByteArray token = std::exchange(lockToken_, {});
     try {
@@ -248,16 +259,28 @@ void WebDavSharedStateTransport::endAttempt() noexcept {
 std::optional<SharedStateRecord> WebDavSharedStateTransport::readRecord() {
     const auto deadline = Clock::now() + options_.strongTagWait;
     for (;;) {
-        const Answer answer = send("GET", {});
+        // The record as last read is asked for again only if it has changed.
+        QList<std::pair<QByteArray, QByteArray>> headers;
+        if (lastRecord_) headers.append({QByteArray("If-None-Match"), lastRecord_->tag});
+        Answer answer = send("GET", headers);
         emptyResourceTag_.clear();
         if (answer.status == 404 || answer.status == 410) {
+            lastRecord_.reset();
             knownTag_->remember(webDavAbsentSignature);
             return std::nullopt;
         }
-        if (answer.status != 200) throw httpFailure("GET", answer.status);
+        if (answer.status == 304 && lastRecord_) {
+            answer.body = lastRecord_->payload;
+            if (answer.etag.isEmpty()) answer.etag = lastRecord_->tag;
+        } else if (answer.status != 200) {
+            throw httpFailure("GET", answer.status);
+        }
+        // Only a save without a lock needs a strong tag (a weak one never
+        // satisfies If-Match); a plain read takes the weak tag that Apache gives
+        // for a second after each write.
         const bool locked = !lockToken_.isEmpty();
-        if (!locked && (answer.etag.isEmpty() || isWeak(answer.etag))) {
-            // Without a lock only a strong tag can guard the save.
+        const bool guardsASave = inAttempt_ && !locked;
+        if (!locked && (answer.etag.isEmpty() || (guardsASave && isWeak(answer.etag)))) {
             if (Clock::now() > deadline) {
                 throw Error(Error::Kind::UnusableServer, answer.status,
                             QStringLiteral("the server gives no strong ETag and no LOCK"));
@@ -267,10 +290,12 @@ std::optional<SharedStateRecord> WebDavSharedStateTransport::readRecord() {
         }
         knownTag_->remember(webDavSignature(answer.etag));
         if (answer.body.isEmpty()) {
+            lastRecord_.reset();
             emptyResourceTag_ = answer.etag;
             return std::nullopt;
         }
-        return SharedStateRecord{answer.body, answer.etag};
+        lastRecord_ = SharedStateRecord{answer.body, answer.etag};
+        return lastRecord_;
     }
 }
 

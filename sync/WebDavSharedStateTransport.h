@@ -78,12 +78,17 @@ class WebDavSharedStateTransport final : public RecordSharedStateTransport {
     Answer send(const QByteArray& verb, const QList<std::pair<QByteArray, QByteArray>>& headers,
                 const QByteArray& body = {});
 
+    // Takes the lock where the server offers one.
+    void lockForAttempt();
     // Remembers the tag of this transport's own save.
     void rememberOwnSave(const QByteArray& etag);
 
     QUrl url_;
     Options options_;
     bool lockingUnsupported_ = false;
+    bool inAttempt_ = false;
+    // The record as last read, for a conditional read.
+    std::optional<SharedStateRecord> lastRecord_;
     QByteArray lockToken_;
     // The tag of an empty resource (what a LOCK leaves at a new URL): no record,
     // but a save must still present it.

@@ -322,11 +322,25 @@ TEST(StrongTagServerTest, ExchangesWithIfMatchAndWaitsOutAWeakTag) {
     for (const int weakMs : {0, 400}) {
         TinyRecordServer server({weakMs, true, 0, false});
         StandIn standIn{std::make_unique<hl::WebDavSharedStateTransport>(server.url()),
-                        [&server](const QByteArray& payload) { server.body = payload; },
+                        [&server](const QByteArray& payload) { server.replace(payload); },
                         [&server] { return server.body; }};
         runExchangeScenarios(standIn);
         EXPECT_EQ(server.refusedPuts, 0) << "never sent a tag the server could not match";
     }
+}
+
+TEST(StrongTagServerTest, AReadTakesAWeakTagAndAsksOnlyForAChangedRecord) {
+    TinyRecordServer server({60'000, true, 0, false});  // weak for a minute after a write
+    const SharedSnapshot first = snapshotAt(1000), second = snapshotAt(2000);
+    server.replace(SharedSnapshotCodec::encode(first));
+    hl::WebDavSharedStateTransport transport(server.url());
+    EXPECT_EQ(transport.fetch(), first);
+    EXPECT_EQ(server.requests, 1) << "no wait for a strong tag";
+    EXPECT_EQ(transport.fetch(), first);
+    EXPECT_EQ(server.notModified, 1);
+    server.replace(SharedSnapshotCodec::encode(second));
+    EXPECT_EQ(transport.fetch(), second);
+    EXPECT_EQ(server.notModified, 1);
 }
 
 TEST(StrongTagServerTest, AMovedTagIsRefusedAndTheExchangeReadsAgain) {
