@@ -76,21 +76,6 @@ class FolderRecordTest : public ::testing::Test {
     }
 };
 
-TEST_F(FolderRecordTest, APendingChangeOutlivesAQuitAndIsDeliveredByTheNextStart) {
-    Core a(transport()), b(transport());
-    a.settle();
-    a.addProject("alpha");
-    a.sync->refresh();  // a refresh that the quit interrupts
-    a.restart();
-    ASSERT_TRUE(a.sync->pending());
-    const QUuid revision = a.sync->pending()->revision();
-    a.settle();
-    EXPECT_FALSE(a.sync->pending());
-    EXPECT_EQ(a.sync->accepted()->revision(), revision);
-    b.settle();
-    EXPECT_EQ(b.sync->unmappedProjects().size(), 1);
-}
-
 class MemoryRecordTest : public ::testing::Test {
   protected:
     std::shared_ptr<MemoryRecordTransport> record = std::make_shared<MemoryRecordTransport>();
