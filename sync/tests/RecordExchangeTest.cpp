@@ -1,6 +1,6 @@
 // The exchange of a candidate snapshot against a scripted fake of the two record
-// operations: ties, moved tags and invalid candidates, which the real stand-ins
-// cannot be made to show on demand.
+// operations: moved tags and invalid candidates, which the real stand-ins cannot
+// be made to show on demand.
 #include <gtest/gtest.h>
 
 #include <deque>
@@ -27,9 +27,6 @@ class FakeRecordTransport : public hl::RecordSharedStateTransport {
     int openAttempts = 0;
     std::vector<std::optional<QByteArray>> savedWithTags;
 
-    void store(const SharedSnapshot& snapshot, const QByteArray& tag = "t1") {
-        record = hl::SharedStateRecord{SharedSnapshotCodec::encode(snapshot), tag};
-    }
     bool isConfigured() const override { return true; }
     bool accountIsAvailable() override { return true; }
 
@@ -70,22 +67,6 @@ SharedStateError::Kind errorOf(const std::function<void()>& action) {
 }
 
 }  // namespace
-
-TEST(RecordExchangeTest, ANewerRecordWinsWithoutAWriteAndTiesGoToTheLowerRevision) {
-    const QUuid low = QUuid::fromString(QStringLiteral("10000000-0000-4000-8000-000000000000"));
-    const QUuid high = QUuid::fromString(QStringLiteral("B0000000-0000-4000-8000-000000000000"));
-    FakeRecordTransport transport;
-    const SharedSnapshot remote = snapshotAt(5000, sampleContent(), low);
-    transport.store(remote);
-    EXPECT_EQ(transport.exchange(snapshotAt(4000)), remote);
-    EXPECT_EQ(transport.exchange(snapshotAt(5000, {}, high)), remote);
-    EXPECT_TRUE(transport.savedWithTags.empty());
-
-    transport.store(snapshotAt(5000, sampleContent(), high));
-    const SharedSnapshot lower = snapshotAt(5000, {}, low);
-    EXPECT_EQ(transport.exchange(lower), lower);
-    EXPECT_EQ(transport.savedWithTags.size(), 1u);
-}
 
 TEST(RecordExchangeTest, AMovedTagStartsTheNextAttemptUpToThree) {
     const SharedSnapshot candidate = snapshotAt(3000);
