@@ -22,6 +22,16 @@ QByteArray WebDavKnownTag::value() const {
     return signature_;
 }
 
+void WebDavKnownTag::setSaving(bool saving) {
+    std::lock_guard guard(mutex_);
+    saving_ = saving;
+}
+
+bool WebDavKnownTag::isSaving() const {
+    std::lock_guard guard(mutex_);
+    return saving_;
+}
+
 QByteArray webDavSignature(const QByteArray& etag) {
     const QByteArray trimmed = etag.trimmed();
     return trimmed.startsWith("W/") ? trimmed.mid(2) : trimmed;
@@ -106,6 +116,7 @@ void WebDavChangeWatcher::answered(QNetworkReply* reply) {
         firstAnswer_ = false;
         return;
     }
+    if (known->isSaving()) return;  // perhaps this instance's own save
     if (firstAnswer_) {
         // What was there before watching began is for the first refresh to read;
         // it is signalled only if it is still unread after a reminder's pause.

@@ -6,7 +6,8 @@
 // mark (Last-Modified and Content-Length where there is no ETag), or "absent"
 // for 404 and 410. The *known tag* is the signature that this instance's own
 // transport last read or wrote; the transport keeps it up to date from any
-// thread. A failed request (no answer, or any status but 200, 404 and 410)
+// thread, and a tag seen while its own save is under way waits for the next
+// request. A failed request (no answer, or any status but 200, 404 and 410)
 // doubles the pause before the next one, up to the longest pause.
 #pragma once
 
@@ -32,10 +33,14 @@ class WebDavKnownTag {
   public:
     void remember(const QByteArray& signature);
     QByteArray value() const;
+    // While this instance saves, a tag it has not seen may be its own save's.
+    void setSaving(bool saving);
+    bool isSaving() const;
 
   private:
     mutable std::mutex mutex_;
     QByteArray signature_;
+    bool saving_ = false;
 };
 
 // The signature of an answer's ETag: without the weak mark, as Apache turns

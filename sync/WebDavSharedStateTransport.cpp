@@ -311,6 +311,11 @@ RecordSharedStateTransport::SaveOutcome WebDavSharedStateTransport::writeRecord(
     } else {
         headers.append(std::make_pair(QByteArray("If-None-Match"), QByteArray("*")));
     }
+    struct SavingScope {
+        WebDavKnownTag& known;
+        ~SavingScope() { known.setSaving(false); }
+    } saving{*knownTag_};
+    knownTag_->setSaving(true);
     const Answer answer = send("PUT", headers, payload);
     if (answer.status == 200 || answer.status == 201 || answer.status == 204) {
         rememberOwnSave(answer.etag);

@@ -288,9 +288,10 @@ TEST_F(ApacheTransportTest, TheChangeWatcherSignalsAnotherClientsSaveOnly) {
         theirs.exchange(second);
         saved = true;
     });
-    EXPECT_TRUE(spinUntil([&] { return mySignals > 0 && saved; }, 30'000));
-    saver.join();
+    EXPECT_TRUE(spinUntil([&] { return mySignals > 0; }, 30'000));
     EXPECT_EQ(mine.fetch(), second);
+    spinUntil([&] { return saved.load(); }, 30'000);
+    saver.join();
     spinUntil([] { return false; }, 1500);
     EXPECT_EQ(mySignals, 1) << "read since: no reminder";
     EXPECT_EQ(theirSignals, 0) << "a save is not signalled back to its writer";
