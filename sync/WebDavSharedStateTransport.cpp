@@ -155,7 +155,9 @@ WebDavSharedStateTransport::Answer WebDavSharedStateTransport::send(
                              authenticator->setPassword(login->second);
                          }
                      });
-    QNetworkReply* reply = manager.sendCustomRequest(request, verb, body);
+    // HEAD goes through its own call, so that the answer is known to have no body.
+    QNetworkReply* reply =
+        verb == "HEAD" ? manager.head(request) : manager.sendCustomRequest(request, verb, body);
     QObject::connect(reply, &QNetworkReply::sslErrors, reply, [&](const QList<QSslError>& errors) {
         untrusted = untrusted || std::any_of(errors.begin(), errors.end(), certificateIsUntrusted);
     });
@@ -178,7 +180,45 @@ WebDavSharedStateTransport::Answer WebDavSharedStateTransport::send(
     return answer;
 }
 
+void WebDavSharedStateTransport::rememberOwnSave(const QByteArray& etag) {
+    if (!etag.isEmpty()) {
+        knownTag_->remember(webDavSignature(etag));
+        return;
+    }
+    // Apache gives no tag with its answer to a PUT. Under the lock nobody else
+    // can have saved since, so the tag read now is this save's; without a lock it
+    // could be another client's, and the watcher signals it rather than miss it.
+    if (lockToken_.isEmpty()) return;
+    try {
+        const Answer answer = send("HEAD", {});
+        if (answer.status == 200 && !answer.etag.isEmpty())
+            knownTag_->remember(webDavSignature(answer.etag));
+    } catch (const Error&) {
+        // The watcher then signals this save back once: one needless refresh.
+    }
+}
+
+void WebDavSharedStateTransport::watchChanges(QObject* context, std::function<void()> onChange) {
+    delete watcher_;
+    WebDavChangeWatcher::Options watch;
+    watch.interval = options_.changeInterval;
+    watch.longestInterval = options_.longestChangeInterval;
+    watch.requestTimeout = std::min(options_.requestTimeout, std::chrono::milliseconds(10'000));
+    watch.netrcPath = options_.netrcPath;
+    watcher_ = new WebDavChangeWatcher(url_, knownTag_, watch, std::move(onChange), context);
+}
+
 void WebDavSharedStateTransport::beginAttempt() {
+    inAttempt_ = true;
+    try {
+        lockForAttempt();
+    } catch (...) {
+        inAttempt_ = false;
+        throw;
+    }
+}
+
+void WebDavSharedStateTransport::lockForAttempt() {
     if (lockingUnsupported_) return;
     const auto deadline = Clock::now() + options_.lockWait;
     for (;;) {
@@ -206,6 +246,7 @@ void WebDavSharedStateTransport::beginAttempt() {
 }
 
 void WebDavSharedStateTransport::endAttempt() noexcept {
+    inAttempt_ = false;
     if (lockToken_.isEmpty()) return;
     const QByteArray token = std::exchange(lockToken_, {});
     try {
@@ -218,13 +259,28 @@ void WebDavSharedStateTransport::endAttempt() noexcept {
 std::optional<SharedStateRecord> WebDavSharedStateTransport::readRecord() {
     const auto deadline = Clock::now() + options_.strongTagWait;
     for (;;) {
-        const Answer answer = send("GET", {});
+        // The record as last read is asked for again only if it has changed.
+        QList<std::pair<QByteArray, QByteArray>> headers;
+        if (lastRecord_) headers.append({QByteArray("If-None-Match"), lastRecord_->tag});
+        Answer answer = send("GET", headers);
         emptyResourceTag_.clear();
-        if (answer.status == 404 || answer.status == 410) return std::nullopt;
-        if (answer.status != 200) throw httpFailure("GET", answer.status);
+        if (answer.status == 404 || answer.status == 410) {
+            lastRecord_.reset();
+            knownTag_->remember(webDavAbsentSignature);
+            return std::nullopt;
+        }
+        if (answer.status == 304 && lastRecord_) {
+            answer.body = lastRecord_->payload;
+            if (answer.etag.isEmpty()) answer.etag = lastRecord_->tag;
+        } else if (answer.status != 200) {
+            throw httpFailure("GET", answer.status);
+        }
+        // Only a save without a lock needs a strong tag (a weak one never
+        // satisfies If-Match); a plain read takes the weak tag that Apache gives
+        // for a second after each write.
         const bool locked = !lockToken_.isEmpty();
-        if (!locked && (answer.etag.isEmpty() || isWeak(answer.etag))) {
-            // Without a lock only a strong tag can guard the save.
+        const bool guardsASave = inAttempt_ && !locked;
+        if (!locked && (answer.etag.isEmpty() || (guardsASave && isWeak(answer.etag)))) {
             if (Clock::now() > deadline) {
                 throw Error(Error::Kind::UnusableServer, answer.status,
                             QStringLiteral("the server gives no strong ETag and no LOCK"));
@@ -232,11 +288,14 @@ std::optional<SharedStateRecord> WebDavSharedStateTransport::readRecord() {
             pauseBriefly(50, 150);
             continue;
         }
+        knownTag_->remember(webDavSignature(answer.etag));
         if (answer.body.isEmpty()) {
+            lastRecord_.reset();
             emptyResourceTag_ = answer.etag;
             return std::nullopt;
         }
-        return SharedStateRecord{answer.body, answer.etag};
+        lastRecord_ = SharedStateRecord{answer.body, answer.etag};
+        return lastRecord_;
     }
 }
 
@@ -252,8 +311,14 @@ RecordSharedStateTransport::SaveOutcome WebDavSharedStateTransport::writeRecord(
     } else {
         headers.append(std::make_pair(QByteArray("If-None-Match"), QByteArray("*")));
     }
+    struct SavingScope {
+        WebDavKnownTag& known;
+        ~SavingScope() { known.setSaving(false); }
+    } saving{*knownTag_};
+    knownTag_->setSaving(true);
     const Answer answer = send("PUT", headers, payload);
     if (answer.status == 200 || answer.status == 201 || answer.status == 204) {
+        rememberOwnSave(answer.etag);
         return SaveOutcome::Saved;
     }
     // The record moved, or a lock that ran out was taken by another client.

@@ -10,13 +10,22 @@
 //
 // Credentials come from the URL, else from ~/.netrc. Calls block on a local event
 // loop of the calling thread.
+//
+// The change signal is a WebDavChangeWatcher: a HEAD request a few times a second
+// on the watching thread, compared with the tag this transport last read or wrote
+// (after its own save, read under the lock), so that its own saves are not
+// signalled back to it.
 #pragma once
 
 #include <QUrl>
 
+#include <QPointer>
+
 #include <chrono>
+#include <memory>
 
 #include "SharedStateTransport.h"
+#include "WebDavChangeWatcher.h"
 
 class QNetworkRequest;
 
@@ -33,6 +42,10 @@ class WebDavSharedStateTransport final : public RecordSharedStateTransport {
         std::chrono::milliseconds strongTagWait{5'000};
         // The .netrc file; empty means ~/.netrc.
         QString netrcPath;
+        // The change watcher's pause between requests while the server answers,
+        // and its longest pause after failures.
+        std::chrono::milliseconds changeInterval{250};
+        std::chrono::milliseconds longestChangeInterval{30'000};
     };
 
     explicit WebDavSharedStateTransport(QUrl url);
@@ -42,6 +55,10 @@ class WebDavSharedStateTransport final : public RecordSharedStateTransport {
     bool isConfigured() const override { return true; }
     // The URL is an http or https URL with a host.
     bool accountIsAvailable() override;
+    // Watches the record from `context`'s thread; call it on that thread.
+    void watchChanges(QObject* context, std::function<void()> onChange) override;
+    // The watcher that watchChanges started, while it runs.
+    const WebDavChangeWatcher* changeWatcher() const { return watcher_.data(); }
 
   protected:
     std::optional<SharedStateRecord> readRecord() override;
@@ -61,13 +78,23 @@ class WebDavSharedStateTransport final : public RecordSharedStateTransport {
     Answer send(const QByteArray& verb, const QList<std::pair<QByteArray, QByteArray>>& headers,
                 const QByteArray& body = {});
 
+    // Takes the lock where the server offers one.
+    void lockForAttempt();
+    // Remembers the tag of this transport's own save.
+    void rememberOwnSave(const QByteArray& etag);
+
     QUrl url_;
     Options options_;
     bool lockingUnsupported_ = false;
+    bool inAttempt_ = false;
+    // The record as last read, for a conditional read.
+    std::optional<SharedStateRecord> lastRecord_;
     QByteArray lockToken_;
     // The tag of an empty resource (what a LOCK leaves at a new URL): no record,
     // but a save must still present it.
     QByteArray emptyResourceTag_;
+    std::shared_ptr<WebDavKnownTag> knownTag_ = std::make_shared<WebDavKnownTag>();
+    QPointer<WebDavChangeWatcher> watcher_;
 };
 
 // The login and password for `host` in a .netrc file, if it names one (or a default).

@@ -1,6 +1,7 @@
 // The sync coordinator between complete cores (preferences, catalog, workspace
-// store and coordinator), each its own computer: through a real shared folder,
-// and through an in-memory record for the cases that need a hand on the record.
+// store and coordinator), each its own computer, in the cases that need a hand
+// on the record or the process: a real folder held or killed in the middle, and
+// an in-memory record that can be damaged or counted.
 #include <gtest/gtest.h>
 
 #include <QDir>
@@ -14,17 +15,15 @@
 #include <mutex>
 #include <thread>
 
-#include "ApacheServer.h"
 #include "CloudSyncCoordinator.h"
 #include "FolderSharedStateTransport.h"
 #include "SharedSnapshotCodec.h"
-#include "WebDavSharedStateTransport.h"
-#include "WorkspaceTestSupport.h"
+#include "SyncCoreSupport.h"
 
 namespace fs = std::filesystem;
 using namespace hl;
+using hl::test::Core;
 using hl::test::spinUntil;
-using hl::test::StoreFixture;
 using Kind = CloudSyncStatus::Kind;
 
 namespace {
@@ -68,59 +67,6 @@ class MemoryRecordTransport final : public RecordSharedStateTransport {
     int generation_ = 0;
 };
 
-// One computer: its own preferences, folders, catalog, store and coordinator.
-struct Core {
-    explicit Core(std::shared_ptr<SharedStateTransport> transport,
-                  std::function<SharedDate()> now = {})
-        : transport(std::move(transport)), now(std::move(now)) {
-        start();
-    }
-    void start() {
-        catalog = std::make_unique<ProjectCatalog>(f.prefs);
-        store = f.makeStore(catalog->projects());
-        sync = std::make_unique<CloudSyncCoordinator>(
-            f.prefs, transport, DeviceCopyEndpoint{"Studio", "studio.local", "ada"},
-            [](const QUuid&) {}, now);
-        sync->attach(catalog.get(), store.get(), false);
-    }
-    // A start after a quit: the same preferences, new objects.
-    void restart() {
-        sync.reset();
-        store.reset();
-        catalog.reset();
-        start();
-    }
-    // Waits out any refresh under way, then runs one to its end.
-    void settle() {
-        ASSERT_TRUE(spinUntil([&] { return !sync->isRefreshing(); }));
-        bool done = false;
-        sync->refresh([&] { done = true; });
-        ASSERT_TRUE(spinUntil([&] { return done; }));
-    }
-    ProjectRecord addProject(const QString& name) {
-        const QString root = f.project(name).root;
-        fs::remove_all(root.toStdString());
-        fs::create_directories(root.toStdString());
-        auto record = *catalog->add(name, root);
-        store->openProject(record);
-        return record;
-    }
-
-    StoreFixture f;
-    std::shared_ptr<SharedStateTransport> transport;
-    std::function<SharedDate()> now;
-    std::unique_ptr<ProjectCatalog> catalog;
-    std::unique_ptr<WorkspaceStore> store;
-    std::unique_ptr<CloudSyncCoordinator> sync;
-};
-
-QStringList titles(WorkspaceStore& store) {
-    QStringList list;
-    for (auto* tab : store.tabs())
-        list << tab->title();
-    return list;
-}
-
 class FolderRecordTest : public ::testing::Test {
   protected:
     hl::test::TempDir dir;
@@ -130,102 +76,10 @@ class FolderRecordTest : public ::testing::Test {
     }
 };
 
-TEST_F(FolderRecordTest, ProjectsAndTheirShapeTravelAndAFolderIsChosenOnTheOtherSide) {
-    Core a(transport()), b(transport());
-    a.settle();
-    b.settle();
-    const auto alpha = a.addProject("alpha");
-    a.store->split(true);
-    EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::Syncing));
-    ASSERT_TRUE(a.sync->pending());
-    EXPECT_TRUE(a.f.prefs->data(CloudSyncCoordinator::pendingKey)) << "on disk before the wait";
-    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
-    EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::Synced));
-
-    b.settle();
-    EXPECT_EQ(b.sync->status(), CloudSyncStatus::needsFolder(1));
-    ASSERT_EQ(b.sync->unmappedProjects().size(), 1);
-    const SharedProject shared = b.sync->unmappedProjects()[0];
-    EXPECT_EQ(shared.origin->deviceName, "Studio");
-    EXPECT_EQ(shared.origin->root, alpha.root);
-    const QString folderB = QString::fromStdString((b.f.base / "mine").string());
-    fs::create_directories(folderB.toStdString());
-    auto mapped = b.sync->mapProject(shared, folderB);
-    ASSERT_TRUE(mapped);
-    EXPECT_FALSE(b.sync->pending()) << "mapping uploads nothing";
-    EXPECT_EQ(b.sync->status(), CloudSyncStatus::of(Kind::Synced));
-    ASSERT_EQ(b.store->tabs().size(), 1u);
-    EXPECT_EQ(b.store->tabs()[0]->paneCount(), 2u);
-    EXPECT_EQ(b.store->tabs()[0]->panes()[0]->context().cwd, mapped->root);
-
-    // Renamed on A, then removed on A.
-    a.catalog->rename(alpha.id, "Alpha");
-    a.store->renameProject(alpha.id, "Alpha");
-    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
-    b.settle();
-    EXPECT_EQ(b.catalog->projects()[0].name, "Alpha");
-    EXPECT_EQ(titles(*b.store), QStringList{"Alpha"});
-    EXPECT_EQ(b.catalog->projects()[0].root, mapped->root) << "the folder stays B's own";
-
-    a.store->removeProject(alpha.id);
-    a.catalog->remove(alpha.id);
-    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
-    EXPECT_TRUE(a.sync->sharedContent().isEmpty());
-    b.settle();
-    EXPECT_TRUE(b.catalog->projects().empty());
-    EXPECT_TRUE(b.store->tabs().empty());
-}
-
-TEST_F(FolderRecordTest, APendingChangeOutlivesAQuitAndIsDeliveredByTheNextStart) {
-    Core a(transport()), b(transport());
-    a.settle();
-    a.addProject("alpha");
-    a.sync->refresh();  // a refresh that the quit interrupts
-    a.restart();
-    ASSERT_TRUE(a.sync->pending());
-    const QUuid revision = a.sync->pending()->revision();
-    a.settle();
-    EXPECT_FALSE(a.sync->pending());
-    EXPECT_EQ(a.sync->accepted()->revision(), revision);
-    b.settle();
-    EXPECT_EQ(b.sync->unmappedProjects().size(), 1);
-}
-
 class MemoryRecordTest : public ::testing::Test {
   protected:
     std::shared_ptr<MemoryRecordTransport> record = std::make_shared<MemoryRecordTransport>();
-    double clockA = 1.0e12, clockB = 1.0e12;
-    std::function<SharedDate()> clock(double& ms) {
-        return [&ms] { return SharedDate(std::chrono::duration<double, std::milli>(ms += 1000)); };
-    }
 };
-
-TEST_F(MemoryRecordTest, TheLaterChangeWinsAndTheLoserKeepsACopyToRestore) {
-    Core a(record, clock(clockA)), b(record, clock(clockB));
-    a.settle();
-    b.settle();
-    a.addProject("alpha");
-    clockB += 60'000;  // B's change is the later one
-    const auto beta = b.addProject("beta");
-    b.settle();
-    a.settle();
-    EXPECT_EQ(a.sync->recoveryCount(), 1);
-    EXPECT_EQ(a.sync->status(), CloudSyncStatus::needsFolder(1)) << "beta has no folder on A";
-    EXPECT_TRUE(a.catalog->projects().empty()) << "A took B's state";
-    EXPECT_TRUE(a.store->tabs().empty());
-
-    clockA += 120'000;  // the restored state is a new change, and the latest
-    ASSERT_TRUE(a.sync->restoreMostRecentRecovery());
-    EXPECT_EQ(a.sync->recoveryCount(), 0);
-    EXPECT_FALSE(a.f.prefs->data(CloudSyncCoordinator::recoveryKey));
-    ASSERT_TRUE(a.sync->pending());
-    EXPECT_EQ(a.sync->pending()->content().projects.size(), 1);
-    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
-    b.settle();
-    EXPECT_EQ(b.sync->unmappedProjects().size(), 1) << "alpha came back and waits for a folder";
-    EXPECT_TRUE(b.catalog->projects().empty()) << beta.name.toStdString();
-    EXPECT_FALSE(a.sync->restoreMostRecentRecovery());
-}
 
 TEST_F(MemoryRecordTest, ABurstOfChangesIsOneExchange) {
     Core a(record);
@@ -354,39 +208,6 @@ TEST(KilledCoreTest, AChangeCaughtInTheMiddleOfAnExchangeIsDeliveredByTheNextSta
     ASSERT_TRUE(stored);
     ASSERT_EQ(stored->content().projects.size(), 1);
     EXPECT_EQ(stored->content().projects[0].name, "alpha");
-}
-
-}  // namespace
-
-namespace {
-
-TEST(WebDavRecordTest, TwoCoresConvergeOnARecordOnApache) {
-    hl::test::ApacheServer apache;
-    ASSERT_TRUE(apache.isRunning()) << apache.error().toStdString();
-    const QUrl url = apache.url("cores.json");
-    Core a(std::make_shared<WebDavSharedStateTransport>(url)),
-        b(std::make_shared<WebDavSharedStateTransport>(url));
-    a.settle();
-    b.settle();
-    const auto alpha = a.addProject("alpha");
-    a.settle();
-    b.settle();
-    ASSERT_EQ(b.sync->unmappedProjects().size(), 1);
-    const QString folder = QString::fromStdString((b.f.base / "mine").string());
-    fs::create_directories(folder.toStdString());
-    ASSERT_TRUE(b.sync->mapProject(b.sync->unmappedProjects()[0], folder));
-    b.store->split(false);
-    ASSERT_TRUE(spinUntil([&] { return !b.sync->pending() && !b.sync->isRefreshing(); }));
-    a.settle();
-    ASSERT_EQ(a.store->tabs().size(), 1u);
-    EXPECT_EQ(a.store->tabs()[0]->paneCount(), 2u) << "B's split arrived on A";
-    a.store->removeProject(alpha.id);
-    a.catalog->remove(alpha.id);
-    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
-    b.settle();
-    EXPECT_TRUE(b.catalog->projects().empty());
-    EXPECT_TRUE(b.store->tabs().empty());
-    EXPECT_EQ(b.sync->status(), CloudSyncStatus::of(Kind::Synced));
 }
 
 }  // namespace

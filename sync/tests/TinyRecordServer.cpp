@@ -58,6 +58,7 @@ QByteArray TinyRecordServer::currentTag() const {
 
 void TinyRecordServer::answer(QTcpSocket* socket, const QByteArray& request) {
     const QByteArray verb = request.left(request.indexOf(' '));
+    ++requests;
     int status = 200;
     QByteArray content;
     bool withTag = false;
@@ -68,8 +69,14 @@ void TinyRecordServer::answer(QTcpSocket* socket, const QByteArray& request) {
     } else if (!authorized) {
         status = 401;
     } else if (verb == "GET") {
-        status = body ? 200 : 404;
-        content = body.value_or(QByteArray());
+        const QByteArray seen = header(request, "If-None-Match").replace("W/", "");
+        if (body && !seen.isEmpty() && seen == QByteArray(currentTag()).replace("W/", "")) {
+            status = 304;
+            ++notModified;
+        } else {
+            status = body ? 200 : 404;
+            content = body.value_or(QByteArray());
+        }
         withTag = body.has_value();
     } else if (verb == "PUT") {
         const QByteArray ifMatch = header(request, "If-Match");

@@ -1,8 +1,8 @@
 // A small HTTP server in the test process that holds one file the way a plain
 // WebDAV server without locking would: strong ETags, If-Match and If-None-Match on
-// PUT, 405 for LOCK. Settings make its tags weak for a while after each write,
-// leave them out, answer every request with one status, or never answer. It runs
-// on the thread that created it, which the blocking transport keeps serving.
+// PUT, If-None-Match on GET, 405 for LOCK. Settings make its tags weak for a while after each
+// write, leave them out, answer every request with one status, or never answer. It runs on the
+// thread that created it, which the blocking transport keeps serving.
 #pragma once
 
 #include <QByteArray>
@@ -34,6 +34,8 @@ class TinyRecordServer : public QObject {
     std::optional<QByteArray> body;
     // Runs once, right after the next GET has been answered.
     std::function<void()> afterNextGet;
+    int requests = 0;
+    int notModified = 0;
     int puts = 0;
     int refusedPuts = 0;
 

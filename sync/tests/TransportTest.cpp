@@ -261,6 +261,58 @@ TEST_F(ApacheTransportTest, ExchangesAgainstModDavWithItsWeakTags) {
     EXPECT_TRUE(etagOf(apache->url(name)).startsWith("W/"));
 }
 
+// Runs the event loop until `condition` holds or `ms` milliseconds have passed.
+bool spinUntil(const std::function<bool()>& condition, int ms) {
+    QDeadlineTimer deadline(ms);
+    while (!condition() && !deadline.hasExpired())
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    return condition();
+}
+
+TEST_F(ApacheTransportTest, TheChangeWatcherSignalsAnotherClientsSaveOnly) {
+    const QUrl url = apache->url("watched.json");
+    hl::WebDavSharedStateTransport mine(url), theirs(url);
+    theirs.exchange(snapshotAt(1000));
+    mine.fetch();
+    QObject context;
+    int mySignals = 0, theirSignals = 0;
+    mine.watchChanges(&context, [&] { ++mySignals; });
+    theirs.watchChanges(&context, [&] { ++theirSignals; });
+    // Nothing changes, while Apache's tag turns from weak to strong.
+    spinUntil([] { return false; }, 1500);
+    EXPECT_EQ(mySignals + theirSignals, 0);
+
+    std::atomic<bool> saved = false;
+    const SharedSnapshot second = snapshotAt(2000);
+    std::thread saver([&] {
+        theirs.exchange(second);
+        saved = true;
+    });
+    EXPECT_TRUE(spinUntil([&] { return mySignals > 0; }, 30'000));
+    EXPECT_EQ(mine.fetch(), second);
+    spinUntil([&] { return saved.load(); }, 30'000);
+    saver.join();
+    spinUntil([] { return false; }, 1500);
+    EXPECT_EQ(mySignals, 1) << "read since: no reminder";
+    EXPECT_EQ(theirSignals, 0) << "a save is not signalled back to its writer";
+    EXPECT_LE(mine.changeWatcher()->requestCount(), 30) << "about four requests a second";
+}
+
+TEST(WebDavChangeWatcherTest, AFailingServerIsAskedLessAndLessOften) {
+    TinyRecordServer failing({0, true, 503, false});
+    hl::WebDavSharedStateTransport::Options options;
+    options.changeInterval = std::chrono::milliseconds(100);
+    hl::WebDavSharedStateTransport transport(failing.url(), options);
+    QObject context;
+    int heard = 0;
+    transport.watchChanges(&context, [&] { ++heard; });
+    spinUntil([] { return false; }, 3500);
+    // Pauses of 0.2, 0.4, 0.8 and 1.6 s; without them, 35 requests.
+    EXPECT_GE(failing.requests, 3);
+    EXPECT_LE(failing.requests, 6);
+    EXPECT_EQ(heard, 0);
+}
+
 TEST_F(ApacheTransportTest, EightProcessesLoseNoUpdate) {
     const QUrl url = apache->url("concurrent.json");
     hl::WebDavSharedStateTransport transport(url);
@@ -271,11 +323,25 @@ TEST(StrongTagServerTest, ExchangesWithIfMatchAndWaitsOutAWeakTag) {
     for (const int weakMs : {0, 400}) {
         TinyRecordServer server({weakMs, true, 0, false});
         StandIn standIn{std::make_unique<hl::WebDavSharedStateTransport>(server.url()),
-                        [&server](const QByteArray& payload) { server.body = payload; },
+                        [&server](const QByteArray& payload) { server.replace(payload); },
                         [&server] { return server.body; }};
         runExchangeScenarios(standIn);
         EXPECT_EQ(server.refusedPuts, 0) << "never sent a tag the server could not match";
     }
+}
+
+TEST(StrongTagServerTest, AReadTakesAWeakTagAndAsksOnlyForAChangedRecord) {
+    TinyRecordServer server({60'000, true, 0, false});  // weak for a minute after a write
+    const SharedSnapshot first = snapshotAt(1000), second = snapshotAt(2000);
+    server.replace(SharedSnapshotCodec::encode(first));
+    hl::WebDavSharedStateTransport transport(server.url());
+    EXPECT_EQ(transport.fetch(), first);
+    EXPECT_EQ(server.requests, 1) << "no wait for a strong tag";
+    EXPECT_EQ(transport.fetch(), first);
+    EXPECT_EQ(server.notModified, 1);
+    server.replace(SharedSnapshotCodec::encode(second));
+    EXPECT_EQ(transport.fetch(), second);
+    EXPECT_EQ(server.notModified, 1);
 }
 
 TEST(StrongTagServerTest, AMovedTagIsRefusedAndTheExchangeReadsAgain) {

@@ -1,0 +1,263 @@
+// Complete cores (preferences, catalog, workspace store, coordinator), each its
+// own computer, on one shared record: two and three of them on a real folder and
+// on a WebDAV record on Apache; and panes that another computer removes, which
+// keep their running shells in a real node and come back to them.
+#include <gtest/gtest.h>
+
+#include <deque>
+
+#include "ApacheServer.h"
+#include "FolderSharedStateTransport.h"
+#include "NodeHarness.h"
+#include "SyncCoreSupport.h"
+#include "WebDavSharedStateTransport.h"
+
+using namespace hl;
+using hl::test::Core;
+using hl::test::spinUntil;
+using Kind = CloudSyncStatus::Kind;
+using namespace std::chrono_literals;
+
+namespace {
+
+enum class RecordKind { Folder, WebDav };
+
+class SharedRecordTest : public ::testing::TestWithParam<std::tuple<RecordKind, int>> {
+  protected:
+    static void TearDownTestSuite() {
+        delete apache;
+        apache = nullptr;
+    }
+    void SetUp() override {
+        if (std::get<0>(GetParam()) == RecordKind::WebDav) {
+            if (!apache) apache = new hl::test::ApacheServer;
+            ASSERT_TRUE(apache->isRunning()) << apache->error().toStdString();
+            url = apache->url(QStringLiteral("cores-%1.json").arg(++records));
+        }
+        const int count = std::get<1>(GetParam());
+        aheadBy.assign(count, 0);
+        for (int i = 0; i < count; ++i)
+            cores.push_back(std::make_unique<Core>(transport(), clock(i)));
+    }
+    std::shared_ptr<SharedStateTransport> transport() {
+        if (!url.isEmpty()) return std::make_shared<WebDavSharedStateTransport>(url);
+        return std::make_shared<FolderSharedStateTransport>(
+            QString::fromStdString(dir.path().string()));
+    }
+    // One time for all, each core's clock ahead of it by its own amount.
+    std::function<SharedDate()> clock(int i) {
+        return [this, i] {
+            return SharedDate(
+                std::chrono::duration<double, std::milli>((time += 1000) + aheadBy[i]));
+        };
+    }
+    // Every clock as far ahead as the given core's.
+    void alignClocksWith(std::size_t i) { aheadBy.assign(aheadBy.size(), aheadBy[i]); }
+    void settleAll() {
+        for (auto& core : cores)
+            core->settle();
+    }
+    // Every core has settled on the same snapshot.
+    void expectConverged() {
+        const CloudSyncCoordinator& first = *cores[0]->sync;
+        ASSERT_TRUE(first.accepted());
+        for (auto& core : cores) {
+            EXPECT_FALSE(core->sync->pending());
+            ASSERT_TRUE(core->sync->accepted());
+            EXPECT_EQ(core->sync->accepted()->revision(), first.accepted()->revision());
+            EXPECT_EQ(core->sync->sharedContent(), first.sharedContent());
+        }
+    }
+    void rename(Core& core, const QString& id, const QString& name) {
+        core.catalog->rename(id, name);
+        core.store->renameProject(id, name);
+    }
+
+    static hl::test::ApacheServer* apache;
+    static int records;
+    hl::test::TempDir dir;
+    QUrl url;
+    double time = 1.0e12;
+    std::vector<double> aheadBy;
+    std::vector<std::unique_ptr<Core>> cores;
+};
+hl::test::ApacheServer* SharedRecordTest::apache = nullptr;
+int SharedRecordTest::records = 0;
+
+TEST_P(SharedRecordTest, EveryCoresChangesReachTheOthersAndTheLatestOfConcurrentOnesWins) {
+    const auto count = cores.size();
+    settleAll();
+    Core& first = *cores[0];
+    const auto alpha = first.addProject("alpha");
+    first.store->split(true);
+    EXPECT_EQ(first.sync->status(), CloudSyncStatus::of(Kind::Syncing));
+    EXPECT_TRUE(first.f.prefs->data(CloudSyncCoordinator::pendingKey)) << "on disk before the wait";
+    ASSERT_TRUE(first.delivered());
+    EXPECT_EQ(first.sync->status(), CloudSyncStatus::of(Kind::Synced));
+
+    // The others list it as needing a folder until each maps its own.
+    for (std::size_t i = 1; i < count; ++i) {
+        Core& core = *cores[i];
+        core.settle();
+        EXPECT_EQ(core.sync->status(), CloudSyncStatus::needsFolder(1));
+        ASSERT_EQ(core.sync->unmappedProjects().size(), 1);
+        const SharedProject shared = core.sync->unmappedProjects()[0];
+        EXPECT_EQ(shared.origin->root, alpha.root);
+        const auto mapped = core.sync->mapProject(shared, core.folder("alpha"));
+        ASSERT_TRUE(mapped);
+        EXPECT_FALSE(core.sync->pending()) << "mapping uploads nothing";
+        EXPECT_EQ(core.sync->status(), CloudSyncStatus::of(Kind::Synced));
+        ASSERT_EQ(core.store->tabs().size(), 1u);
+        EXPECT_EQ(core.store->tabs()[0]->paneCount(), 2u);
+        EXPECT_EQ(core.store->tabs()[0]->panes()[0]->context().cwd, mapped->root);
+    }
+
+    // Each core in turn splits once more, and every other one follows.
+    for (std::size_t i = 0; i < count; ++i) {
+        cores[i]->store->split(false);
+        ASSERT_TRUE(cores[i]->delivered());
+        settleAll();
+        for (auto& core : cores)
+            EXPECT_EQ(core->store->tabs()[0]->paneCount(), 3 + i) << "after core " << i;
+    }
+    expectConverged();
+
+    // Concurrent renames, each made before its core saw the others': the latest
+    // clock wins wherever it is delivered, and every loser keeps a copy.
+    for (std::size_t i = 0; i < count; ++i)
+        aheadBy[i] = 60'000.0 * double(i + 1);
+    for (std::size_t i = count; i-- > 0;) {
+        rename(*cores[i], alpha.id, QStringLiteral("From %1").arg(i));
+        ASSERT_TRUE(cores[i]->delivered());
+    }
+    settleAll();
+    expectConverged();
+    const QString latest = QStringLiteral("From %1").arg(count - 1);
+    for (std::size_t i = 0; i < count; ++i) {
+        EXPECT_EQ(cores[i]->catalog->projects()[0].name, latest) << i;
+        EXPECT_EQ(hl::test::tabTitles(*cores[i]->store), QStringList{latest}) << i;
+        EXPECT_EQ(cores[i]->sync->recoveryCount(), i + 1 == count ? 0 : 1) << i;
+    }
+    EXPECT_EQ(cores[1]->catalog->projects()[0].root, cores[1]->folder("alpha"))
+        << "the folder stays each computer's own";
+    alignClocksWith(count - 1);
+
+    // "Restore Previous" on the first loser makes its state the latest.
+    ASSERT_TRUE(first.sync->restoreMostRecentRecovery());
+    EXPECT_EQ(first.sync->recoveryCount(), 0);
+    EXPECT_FALSE(first.f.prefs->data(CloudSyncCoordinator::recoveryKey));
+    ASSERT_TRUE(first.delivered());
+    settleAll();
+    expectConverged();
+    for (auto& core : cores)
+        EXPECT_EQ(core->catalog->projects()[0].name, "From 0");
+
+    // Removed on the last core, gone everywhere.
+    Core& last = *cores.back();
+    last.store->removeProject(alpha.id);
+    last.catalog->remove(alpha.id);
+    ASSERT_TRUE(last.delivered());
+    EXPECT_TRUE(last.sync->sharedContent().isEmpty());
+    settleAll();
+    for (auto& core : cores) {
+        EXPECT_TRUE(core->catalog->projects().empty());
+        EXPECT_TRUE(core->store->tabs().empty());
+        EXPECT_EQ(core->sync->status(), CloudSyncStatus::of(Kind::Synced));
+    }
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cores, SharedRecordTest,
+    ::testing::Combine(::testing::Values(RecordKind::Folder, RecordKind::WebDav),
+                       ::testing::Values(2, 3)),
+    [](const auto& info) {
+        return std::string(std::get<0>(info.param) == RecordKind::Folder ? "Folder" : "WebDav") +
+               std::to_string(std::get<1>(info.param));
+    });
+
+std::string history(const TerminalController& controller) {
+    QByteArray bytes;
+    for (const auto& chunk : controller.rendererHistory())
+        bytes += QByteArray::fromBase64(QByteArray::fromStdString(chunk));
+    return bytes.toStdString();
+}
+
+bool shows(const TerminalPane* pane, const std::string& text) {
+    return spinUntil([&] { return history(pane->controller()).find(text) != std::string::npos; },
+                     30s);
+}
+
+TEST(SuspendedPaneTest, PanesRemovedElsewhereKeepTheirShellsAndComeBackToThem) {
+    hl::test::TempDir dir;
+    const QString folder = QString::fromStdString(dir.path().string());
+    double clockA = 1.0e12, clockB = 1.0e12;
+    auto clock = [](double& ms) {
+        return [&ms] { return SharedDate(std::chrono::duration<double, std::milli>(ms += 1000)); };
+    };
+    hl::node::testing::NodeHarness node;  // B's
+    Core a(std::make_shared<FolderSharedStateTransport>(folder), clock(clockA));
+    Core b(std::make_shared<FolderSharedStateTransport>(folder), clock(clockB),
+           std::make_shared<UnixSocketClient>(node.socketPath()));
+    a.settle();
+    b.settle();
+    const auto alpha = a.addProject("alpha");
+    a.store->split(true);
+    ASSERT_TRUE(a.delivered());
+    b.settle();
+    ASSERT_TRUE(b.sync->mapProject(b.sync->unmappedProjects()[0], b.folder("alpha")));
+    ASSERT_EQ(b.store->tabs().size(), 1u);
+    for (auto* pane : b.store->tabs()[0]->panes())
+        pane->controller().requestFocus();
+    TerminalPane* leaving = b.store->tabs()[0]->panes()[1];
+    ASSERT_TRUE(spinUntil([&] { return leaving->controller().status() == "Connected"; }, 30s));
+    const QUuid leavingID = leaving->id();
+    const QString session = *leaving->sessionID();
+    // Typed once the prompt shows, so that the shell's start cannot swallow it.
+    ASSERT_TRUE(spinUntil([&] { return !history(leaving->controller()).empty(); }, 30s));
+    hl::test::spinFor(300ms);
+    leaving->controller().terminalSurfaceDidReceiveInput(
+        "HL_MARK=kept-$((6*7)); echo marker-$((6*7))\n");
+    ASSERT_TRUE(shows(leaving, "marker-42"));
+
+    // Concurrent renames, B's the later: A keeps its two-pane state as a copy.
+    clockB += 60'000;
+    b.catalog->rename(alpha.id, "From B");
+    ASSERT_TRUE(b.delivered());
+    a.catalog->rename(alpha.id, "From A");
+    ASSERT_TRUE(a.delivered());
+    ASSERT_EQ(a.sync->recoveryCount(), 1);
+
+    // A closes the second pane: B suspends it, and its shell lives on.
+    clockA += 120'000;
+    a.store->selectPane(a.store->tabs()[0]->panes()[1]->id());
+    a.store->closeSelectedPane();
+    ASSERT_TRUE(a.delivered());
+    b.settle();
+    ASSERT_EQ(b.store->tabs()[0]->paneCount(), 1u);
+    ASSERT_EQ(b.store->suspendedPanes().size(), 1u);
+    EXPECT_EQ(b.store->suspendedPanes()[0].sessionID, session);
+    hl::test::spinFor(500ms);
+    EXPECT_TRUE(b.store->closeLedger().pending().empty()) << "nothing was closed";
+    node.type(session.toStdString(), "echo alive-$((2+3))\n");
+    EXPECT_NE(node.pollUntilContains(session.toStdString(), "alive-5").output.find("alive-5"),
+              std::string::npos);
+
+    // "Restore Previous" on A brings the pane back, and on B to the same shell.
+    clockA += 600'000;
+    ASSERT_TRUE(a.sync->restoreMostRecentRecovery());
+    ASSERT_TRUE(a.delivered());
+    b.settle();
+    ASSERT_EQ(b.store->tabs()[0]->paneCount(), 2u);
+    TerminalPane* back = b.store->tabs()[0]->panes()[1];
+    EXPECT_EQ(back->id(), leavingID);
+    EXPECT_EQ(back->sessionID(), session);
+    EXPECT_TRUE(b.store->suspendedPanes().empty());
+    back->controller().requestFocus();
+    ASSERT_TRUE(spinUntil([&] { return back->controller().status() == "Reconnected"; }, 30s));
+    EXPECT_EQ(back->controller().sessionIDText(), session);
+    EXPECT_TRUE(shows(back, "marker-42")) << "the earlier output is replayed";
+    back->controller().terminalSurfaceDidReceiveInput("echo mark-is-$HL_MARK\n");
+    EXPECT_TRUE(shows(back, "mark-is-kept-42")) << "the same shell, with its variable";
+}
+
+}  // namespace
