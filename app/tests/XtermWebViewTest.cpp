@@ -15,6 +15,7 @@
 #include <QWebEngineView>
 
 #include <algorithm>
+#include <memory>
 #include <mutex>
 #include <optional>
 
@@ -99,6 +100,9 @@ TEST(XtermWebViewTest, KeysReachTheShellAndItsOutputReachesThePage) {
         std::make_shared<hl::UnixSocketClient>(node.socketPath()), hooks);
     RequestRecorder requests;
     hl::XtermWebView::profile()->setUrlRequestInterceptor(&requests);
+    // The profile outlives the recorder, whichever way the test ends.
+    const std::shared_ptr<void> detachRecorder(
+        nullptr, [](void*) { hl::XtermWebView::profile()->setUrlRequestInterceptor(nullptr); });
     hl::XtermWebView view(&controller);
     std::vector<QUrl> opened;
     view.coordinator().openExternal = [&](const QUrl& url) { opened.push_back(url); };
@@ -169,7 +173,6 @@ TEST(XtermWebViewTest, KeysReachTheShellAndItsOutputReachesThePage) {
     EXPECT_EQ(opened.size(), 1u);
 
     controller.close();
-    hl::XtermWebView::profile()->setUrlRequestInterceptor(nullptr);
 }
 
 TEST(XtermWebViewTest, TheSchemeServesItsDocumentAndNothingElse) {
