@@ -93,6 +93,21 @@ void TerminalController::start() {
         setIsConnected(false);
         return;
     }
+    // A new shell starts at the size of the renderer it will draw in: a shell
+    // started at the default size and resized at once redraws its prompt
+    // over the lines the renderer has already rewrapped.
+    if ((!candidate || !allowReconnect_) && surface_ && !lastSize_ && !firstSizeWaitIsOver_) {
+        if (awaitingFirstSize_) return;
+        awaitingFirstSize_ = true;
+        setStatus(text(isStartingReplacement_ ? "Starting validated replacement…" : "Connecting…"));
+        QTimer::singleShot(hooks_.firstSizeWait, this, [this] {
+            if (!awaitingFirstSize_) return;
+            awaitingFirstSize_ = false;
+            firstSizeWaitIsOver_ = true;
+            start();
+        });
+        return;
+    }
     started_ = true;
     if (!candidate) {
         setStatus(text(isStartingReplacement_ ? "Starting validated replacement…" : "Connecting…"));
@@ -379,6 +394,11 @@ void TerminalController::terminalSurfaceDidReceiveInput(const QString& input) {
 
 void TerminalController::terminalSurfaceDidResize(int columns, int rows) {
     lastSize_ = std::pair{columns, rows};
+    if (awaitingFirstSize_) {
+        awaitingFirstSize_ = false;
+        start();
+        return;
+    }
     if (!sessionID_) return;
     inputQueue_.enqueue([client = client_, id = *sessionID_, columns, rows] {
         try {

@@ -41,6 +41,9 @@ struct TerminalControllerHooks {
     std::chrono::milliseconds retryDelay{600};
     std::chrono::milliseconds busyPollInterval{50};
     std::chrono::milliseconds idlePollInterval{180};
+    // How long a new shell waits for an attached renderer to report its size
+    // before it starts at the default one.
+    std::chrono::milliseconds firstSizeWait{1500};
     std::uint64_t targetLatencyMilliseconds =
         TerminalOutputBatcher::defaultTargetLatencyMilliseconds;
     // Monotonic time in milliseconds, called on poll threads; empty means uptime.
@@ -208,6 +211,9 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     int searchMatchIndex_ = -1;
     // The renderer's last reported size, columns and rows.
     std::optional<std::pair<int, int>> lastSize_;
+    // A new shell is held until the renderer reports its size (or the wait ends).
+    bool awaitingFirstSize_ = false;
+    bool firstSizeWaitIsOver_ = false;
 
     QPointer<TerminalSurface> surface_;
     std::optional<std::string> reconnectCandidate_;

@@ -61,6 +61,7 @@ class ControllerTest : public ::testing::Test {
         hooks.retryDelay = 20ms;
         hooks.busyPollInterval = 5ms;
         hooks.idlePollInterval = 10ms;
+        hooks.firstSizeWait = 300ms;
         controllers.push_back(std::make_unique<TerminalController>(
             options.sessionID, std::move(cwd), options.isReplacementSession, options.allowReconnect,
             options.sessionCreationIsAllowed, options.directoryIsReady,
@@ -493,16 +494,31 @@ TEST_F(ControllerTest, InputIsDroppedBeforeASessionAndSentInOrderAfter) {
     EXPECT_EQ(hl::test::numberOf(resize, "rows"), 30);
 }
 
+// A new shell waits for its renderer's size, so that it never starts at the
+// default size and is resized at once; a renderer that never measures itself
+// gets the default size when the wait ends.
 TEST_F(ControllerTest, ANewSessionStartsAtTheSizeTheRendererReported) {
     createGives("new1");
     auto& c = make({});
-    c.terminalSurfaceDidResize(91, 27);
+    RecordingSurface surface;
+    c.setSurface(&surface);
     c.start();
+    c.requestFocus();
+    spinFor(100ms);
+    EXPECT_EQ(node->count("create_session"), 0);
+    c.terminalSurfaceDidResize(91, 27);
     ASSERT_TRUE(reaches("Connected"));
+
+    auto& silent = make({});
+    RecordingSurface quiet;
+    silent.setSurface(&quiet);
+    silent.start();
+    ASSERT_TRUE(spinUntil([&] { return node->count("create_session") == 2; }));
     const auto creates = node->requests("create_session");
-    ASSERT_EQ(creates.size(), 1u);
     EXPECT_EQ(hl::test::numberOf(creates[0], "cols"), 91);
     EXPECT_EQ(hl::test::numberOf(creates[0], "rows"), 27);
+    EXPECT_EQ(hl::test::numberOf(creates[1], "cols"), 120);
+    EXPECT_EQ(hl::test::numberOf(creates[1], "rows"), 36);
 }
 
 TEST_F(ControllerTest, InputWakesAnIdlePollLoop) {
