@@ -48,15 +48,7 @@ HarborlatticeApp::HarborlatticeApp(const std::filesystem::path& preferencesFile,
                      });
     ApplicationDelegate::cloudSync = sync_.get();
     // A copied folder is judged as the catalog will judge it.
-    projectCopy_ =
-        std::make_unique<ProjectCopyController>([](const QString& name, const QString& rawRoot,
-                                                   const QString& id) -> std::optional<QString> {
-            try {
-                return ProjectRecord::create(name, rawRoot, id).root;
-            } catch (const ProjectCatalogError&) {
-                return std::nullopt;
-            }
-        });
+    projectCopy_ = std::make_unique<ProjectCopyController>(&ProjectRecord::acceptedRoot);
     projectCopy_->discoverTools();
 }
 

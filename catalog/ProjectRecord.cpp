@@ -63,6 +63,15 @@ QString canonicalRoot(const QString& path) {
 
 }  // namespace
 
+std::optional<QString> ProjectRecord::acceptedRoot(const QString& name, const QString& rawRoot,
+                                                   const QString& id) {
+    try {
+        return create(name, rawRoot, id).root;
+    } catch (const ProjectCatalogError&) {
+        return std::nullopt;
+    }
+}
+
 ProjectRecord ProjectRecord::create(const QString& name, const QString& rawRoot,
                                     const std::optional<QString>& id) {
     const QString identity = id.value_or(newProjectID());

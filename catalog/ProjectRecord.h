@@ -46,6 +46,10 @@ struct ProjectRecord {
     // Throws ProjectCatalogError.
     static ProjectRecord create(const QString& name, const QString& rawRoot,
                                 const std::optional<QString>& id = std::nullopt);
+    // The root that create() would give such a record, or nothing where it
+    // would refuse it.
+    static std::optional<QString> acceptedRoot(const QString& name, const QString& rawRoot,
+                                               const QString& id);
 
     // Judges a stored record without touching the disk.
     bool storedShapeIsValid() const;

@@ -24,14 +24,6 @@ using Phase = ProjectCopyController::Phase;
 
 namespace {
 
-std::optional<QString> catalogRoot(const QString& name, const QString& rawRoot, const QString& id) {
-    try {
-        return ProjectRecord::create(name, rawRoot, id).root;
-    } catch (const ProjectCatalogError&) {
-        return std::nullopt;
-    }
-}
-
 bool processEventsUntil(const std::function<bool()>& condition, int seconds = 120) {
     QDeadlineTimer deadline(seconds * 1000);
     while (!condition()) {
@@ -64,7 +56,7 @@ class ProjectCopySheetTest : public ::testing::Test {
     }
 
     test::TestSshServer server;
-    ProjectCopyController controller{catalogRoot};
+    ProjectCopyController controller{&ProjectRecord::acceptedRoot};
     ProjectCopySheet sheet{&controller};
     std::function<bool(const QString&)> accept = [](const QString&) { return true; };
 };

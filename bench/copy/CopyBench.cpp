@@ -33,14 +33,6 @@ double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
 }
 
-std::optional<QString> catalogRoot(const QString& name, const QString& rawRoot, const QString& id) {
-    try {
-        return ProjectRecord::create(name, rawRoot, id).root;
-    } catch (const ProjectCatalogError&) {
-        return std::nullopt;
-    }
-}
-
 // Sleeps in the event loop between events, as the application does: a loop
 // that spins would take a core from ssh and rsync.
 void waitFor(const std::function<bool()>& condition) {
@@ -165,7 +157,7 @@ int main(int argc, char** argv) {
     const double referenceSeconds = secondsSince(reference);
     fs::remove_all(referenceFolder);
 
-    ProjectCopyController controller(catalogRoot);
+    ProjectCopyController controller(&ProjectRecord::acceptedRoot);
     const Run full = copy(controller, source);
     if (controller.phase() != ProjectCopyController::Phase::Complete) {
         std::fprintf(stderr, "copy_bench: %s\n", qPrintable(controller.detail()));

@@ -24,15 +24,6 @@ using Phase = ProjectCopyController::Phase;
 
 namespace {
 
-// The catalog's own judgement of a project folder.
-std::optional<QString> catalogRoot(const QString& name, const QString& rawRoot, const QString& id) {
-    try {
-        return ProjectRecord::create(name, rawRoot, id).root;
-    } catch (const ProjectCatalogError&) {
-        return std::nullopt;
-    }
-}
-
 bool processEventsUntil(const std::function<bool()>& condition, int seconds = 120) {
     QDeadlineTimer deadline(seconds * 1000);
     while (!condition()) {
@@ -90,7 +81,7 @@ class ProjectCopyControllerTest : public ::testing::Test {
 
     static constexpr const char* kHost = test::TestSshServer::kOriginHost;
     static test::TestSshServer* server_;
-    ProjectCopyController controller{catalogRoot};
+    ProjectCopyController controller{&ProjectRecord::acceptedRoot};
     std::vector<QString> completed;
 };
 
