@@ -25,6 +25,7 @@
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
 #include "PaneLayoutView.h"
+#include "RunningApp.h"
 #include "TerminalPaneView.h"
 #include "TerminalWorkspaceView.h"
 
@@ -36,20 +37,7 @@ using hl::apptest::saveScreenshot;
 using hl::apptest::spinFor;
 using hl::apptest::spinUntil;
 
-// One start of the application: the stores, the window, and the launch event.
-struct RunningApp {
-    RunningApp() : app(std::make_unique<hl::HarborlatticeApp>()), window(*app) {
-        window.show();
-        QApplication::setActiveWindow(&window);
-        app->delegate().scheduleDidFinishLaunching();
-        spinFor(50ms);
-    }
-    hl::ContentView* content() { return window.contentView(); }
-    hl::WorkspaceStore& workspace() { return app->workspace(); }
-
-    std::unique_ptr<hl::HarborlatticeApp> app;
-    hl::MainWindow window;
-};
+using hl::apptest::RunningApp;
 
 QString folderFor(const QString& name) {
     const auto path = hl::apptest::baseFolder() / "projects" / name.toStdString();

@@ -30,6 +30,7 @@
 #include "ContentView.h"
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
+#include "RunningApp.h"
 #include "TerminalCommands.h"
 #include "TerminalWorkspaceView.h"
 #include "XtermWebView.h"
@@ -41,14 +42,7 @@ using hl::apptest::saveScreenshot;
 using hl::apptest::spinFor;
 using hl::apptest::spinUntil;
 
-struct RunningApp {
-    RunningApp() : app(std::make_unique<hl::HarborlatticeApp>()), window(*app) {
-        window.show();
-        QApplication::setActiveWindow(&window);
-        app->delegate().scheduleDidFinishLaunching();
-        spinFor(50ms);
-    }
-    hl::WorkspaceStore& workspace() { return app->workspace(); }
+struct RunningApp : hl::apptest::RunningApp {
     hl::TerminalCommands& commands() { return *window.terminalCommands(); }
     hl::TerminalController* selected() {
         auto* tab = workspace().selectedTab();
@@ -64,9 +58,6 @@ struct RunningApp {
     void press(Qt::Key key, Qt::KeyboardModifiers modifiers) {
         QTest::keyClick(window.windowHandle(), key, modifiers);
     }
-
-    std::unique_ptr<hl::HarborlatticeApp> app;
-    hl::MainWindow window;
 };
 
 // The value of a script in the terminal's page; empty when it does not answer.
