@@ -43,7 +43,27 @@ TerminalDocumentSchemeHandler::TerminalDocumentSchemeHandler(
     QObject* parent)
     : QWebEngineUrlSchemeHandler(parent),
       files_(std::move(files)),
-      unavailable_(std::move(unavailable)) {}
+      unavailable_(std::move(unavailable)) {
+    holdTimer_.setSingleShot(true);
+    holdTimer_.setInterval(holdLimit);
+    connect(&holdTimer_, &QTimer::timeout, this,
+            &TerminalDocumentSchemeHandler::releaseDocuments);
+}
+
+void TerminalDocumentSchemeHandler::holdDocumentsAfterFirst() {
+    if (hold_ == Hold::Off) hold_ = Hold::BeforeFirst;
+}
+
+void TerminalDocumentSchemeHandler::releaseDocuments() {
+    if (hold_ == Hold::Off || hold_ == Hold::Released) return;
+    hold_ = Hold::Released;
+    holdTimer_.stop();
+    const auto held = std::move(held_);
+    held_.clear();
+    for (const auto& job : held) {
+        if (job) serve(job);
+    }
+}
 
 std::optional<QByteArray> TerminalDocumentSchemeHandler::contentFor(const QUrl& url) {
     const auto name = TerminalDocumentScheme::fileName(url);
@@ -59,6 +79,21 @@ std::optional<QByteArray> TerminalDocumentSchemeHandler::contentFor(const QUrl& 
 }
 
 void TerminalDocumentSchemeHandler::requestStarted(QWebEngineUrlRequestJob* job) {
+    if (hold_ == Hold::BeforeFirst || hold_ == Hold::AfterFirst) {
+        const auto name = TerminalDocumentScheme::fileName(job->requestUrl());
+        if (name && name->isEmpty() && job->requestMethod() == "GET") {
+            if (hold_ == Hold::AfterFirst) {
+                held_.emplace_back(job);
+                return;
+            }
+            hold_ = Hold::AfterFirst;
+            holdTimer_.start();
+        }
+    }
+    serve(job);
+}
+
+void TerminalDocumentSchemeHandler::serve(QWebEngineUrlRequestJob* job) {
     if (job->requestMethod() != "GET") {
         job->fail(QWebEngineUrlRequestJob::RequestDenied);
         return;

@@ -10,13 +10,18 @@
 #pragma once
 
 #include <QByteArray>
+#include <QPointer>
 #include <QString>
+#include <QTimer>
 #include <QUrl>
+#include <QWebEngineUrlRequestJob>
 #include <QWebEngineUrlSchemeHandler>
 
+#include <chrono>
 #include <functional>
 #include <map>
 #include <optional>
+#include <vector>
 
 namespace hl {
 
@@ -48,21 +53,40 @@ using TerminalDocumentFiles = std::map<QString, QByteArray>;
 // request and what it gives kept for every later page; when it has nothing
 // (an asset could not be read), the document is `unavailable` and is asked
 // for again next time.
+//
+// Pages that load side by side each fetch and decode their own copy of the
+// scripts: the renderer shares a script between pages only once one page has
+// loaded it completely. After `holdDocumentsAfterFirst`, the documents asked
+// for after the first wait until `releaseDocuments` (the first page has
+// loaded) or `holdLimit`, and then all find the scripts in the renderer.
 class TerminalDocumentSchemeHandler : public QWebEngineUrlSchemeHandler {
     Q_OBJECT
   public:
+    static constexpr std::chrono::milliseconds holdLimit{2000};
+
     TerminalDocumentSchemeHandler(std::function<std::optional<TerminalDocumentFiles>()> files,
                                   QString unavailable, QObject* parent = nullptr);
 
     // The body served for a GET of `url`, absent when there is none.
     std::optional<QByteArray> contentFor(const QUrl& url);
 
+    void holdDocumentsAfterFirst();
+    // Serves every document held back, and holds none from now on.
+    void releaseDocuments();
+
     void requestStarted(QWebEngineUrlRequestJob* job) override;
 
   private:
+    void serve(QWebEngineUrlRequestJob* job);
+
     std::function<std::optional<TerminalDocumentFiles>()> files_;
     QString unavailable_;
     std::optional<TerminalDocumentFiles> kept_;
+    enum class Hold { Off, BeforeFirst, AfterFirst, Released };
+    Hold hold_ = Hold::Off;
+    // A page closed meanwhile takes its request with it.
+    std::vector<QPointer<QWebEngineUrlRequestJob>> held_;
+    QTimer holdTimer_;
 };
 
 }  // namespace hl

@@ -16,10 +16,12 @@ target_link_libraries(hl_terminal_view PUBLIC hl_terminal_host hl_terminal_docum
   Qt6::Widgets Qt6::WebEngineWidgets Qt6::WebChannel)
 add_dependencies(hl_terminal_view terminal_assets)
 
+# The application's web engine options, so that the pages share one renderer as there.
 add_executable(terminal_view_tests ${CMAKE_CURRENT_LIST_DIR}/tests/XtermWebViewTest.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/ProcessEnvironment.cpp
   ${CMAKE_SOURCE_DIR}/node/tests/NodeHarness.cpp)
 target_include_directories(terminal_view_tests BEFORE PRIVATE ${CMAKE_SOURCE_DIR}/node ${CMAKE_SOURCE_DIR}/node/tests)
-target_link_libraries(terminal_view_tests PRIVATE hl_terminal_view hl_node Qt6::Test GTest::gtest)
+target_link_libraries(terminal_view_tests PRIVATE hl_terminal_view hl_node Qt6::Test Qt6::Quick GTest::gtest)
 target_compile_definitions(terminal_view_tests PRIVATE
   HL_NODE_EXECUTABLE="$<TARGET_FILE:harborlattice-node>"
   HL_SCREENSHOT_DIR="${CMAKE_BINARY_DIR}/screenshots"

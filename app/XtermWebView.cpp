@@ -95,13 +95,21 @@ class EnginePage : public TerminalWebPage {
 
 }  // namespace
 
+TerminalDocumentSchemeHandler* XtermWebView::documentHandler() {
+    static QPointer<TerminalDocumentSchemeHandler> handler = [] {
+        auto* made = new TerminalDocumentSchemeHandler(
+            &XtermWebView::documentFiles, XtermCoordinator::assetsUnavailableDocument,
+            QApplication::instance());
+        made->holdDocumentsAfterFirst();
+        return made;
+    }();
+    return handler;
+}
+
 QWebEngineProfile* XtermWebView::profile() {
     static QWebEngineProfile* profile = [] {
         auto* made = new QWebEngineProfile(QApplication::instance());
-        made->installUrlSchemeHandler(
-            TerminalDocumentScheme::name,
-            new TerminalDocumentSchemeHandler(&XtermWebView::documentFiles,
-                                              XtermCoordinator::assetsUnavailableDocument, made));
+        made->installUrlSchemeHandler(TerminalDocumentScheme::name, documentHandler());
         return made;
     }();
     return profile;
@@ -194,6 +202,9 @@ XtermWebView::XtermWebView(TerminalController* controller, QWidget* parent)
     channel->registerObject("harborlatticeBridge", new ScriptBridge(coordinator_, channel));
     page->setWebChannel(channel);
     view_->setPage(page);
+    // Once a page has loaded, the renderer holds the scripts every later page shares.
+    connect(page, &QWebEnginePage::loadFinished, documentHandler(),
+            &TerminalDocumentSchemeHandler::releaseDocuments);
     // A renderer that dies takes the document with it: load it again, and
     // the controller repaints it from its history.
     connect(page, &QWebEnginePage::renderProcessTerminated, this,

@@ -33,6 +33,8 @@ class XtermWebView : public QWidget {
     static QString document();
     // The in-memory profile of every terminal page, whose scheme serves the document.
     static QWebEngineProfile* profile();
+    // That scheme's handler.
+    static TerminalDocumentSchemeHandler* documentHandler();
     // What that scheme serves: the document naming its scripts, and the
     // scripts; absent when an asset cannot be read.
     static std::optional<TerminalDocumentFiles> documentFiles();

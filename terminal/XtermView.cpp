@@ -64,6 +64,30 @@ window.alert = () => {};
 window.confirm = () => false;
 window.prompt = () => null;
 terminal.open(document.getElementById('terminal'));
+// The renderer measures a character's width the first time it draws it, one
+// layout of the whole page per character. Printable ASCII is measured here at
+// once, in one layout, with the renderer's own measuring element, and handed
+// to its cache; a renderer without that cache measures as before.
+function measureAsciiWidths() {
+  const renderer = terminal._core?._renderService?._renderer?.value;
+  const cache = renderer?._widthCache;
+  const measuring = cache?._measureElements?.[0];
+  if (!(cache?._flat instanceof Float32Array) || !measuring?.parentNode) return;
+  const spans = [];
+  for (let code = 32; code < 127; code += 1) {
+    if (cache._flat[code] !== -9999) continue;
+    const span = measuring.cloneNode(false);
+    span.textContent = String.fromCharCode(code).repeat(32);
+    measuring.parentNode.appendChild(span);
+    spans.push([code, span]);
+  }
+  for (const [code, span] of spans) {
+    const width = span.offsetWidth / 32;
+    if (width > 0) cache._flat[code] = width;
+  }
+  for (const [, span] of spans) span.remove();
+}
+measureAsciiWidths();
 if (terminal.element) terminal.element.setAttribute('aria-label', 'Terminal output');
 if (terminal.textarea) terminal.textarea.setAttribute('aria-label', 'Terminal input');
 terminal.textarea?.addEventListener('compositionend', () => {
@@ -223,7 +247,11 @@ fitAddon.fit();
 const outputWaiting = [];
 let outputInTerminal = 0;
 const outputInTerminalLimit = 2 * 1024 * 1024;
+// A terminal that has shown nothing yet needs no reset before a replay (a
+// reset rebuilds the renderer's style sheet).
+let terminalWasWritten = false;
 function writeToTerminal(bytes) {
+  if (bytes.length > 0) terminalWasWritten = true;
   outputInTerminal += bytes.length;
   terminal.write(bytes, () => {
     outputInTerminal -= bytes.length;
@@ -247,7 +275,9 @@ window.harborlattice = {
     }
     // A replay holds all the output before it.
     outputWaiting.length = 0;
-    resetTerminalForReplay();
+    if (terminalWasWritten) resetTerminalForReplay();
+    terminalWasWritten = bytes.length > 0;
+    if (!terminalWasWritten) return;
     replayWritesInFlight += 1;
     terminal.write(bytes, () => { replayWritesInFlight -= 1; });
   },
@@ -282,6 +312,7 @@ window.harborlattice = {
     if (terminal.options.fontSize === size) return;
     terminal.options.fontSize = size;
     fitAddon.fit();
+    measureAsciiWidths();
   },
 };
 window.webkit.messageHandlers.ready.postMessage('');

@@ -8,6 +8,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QElapsedTimer>
+#include <QHBoxLayout>
 #include <QTest>
 #include <QWebEnginePage>
 #include <QWebEngineProfile>
@@ -15,11 +16,13 @@
 #include <QWebEngineView>
 
 #include <algorithm>
+#include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
 
 #include "NodeHarness.h"
+#include "ProcessEnvironment.h"
 #include "TerminalDocumentScheme.h"
 #include "XtermWebView.h"
 
@@ -175,6 +178,36 @@ TEST(XtermWebViewTest, KeysReachTheShellAndItsOutputReachesThePage) {
     controller.close();
 }
 
+// Pages that start together wait for the first to load, and then find its
+// scripts in the renderer instead of each fetching its own copy.
+TEST(XtermWebViewTest, PagesStartedTogetherFetchTheScriptsOnce) {
+    RequestRecorder requests;
+    hl::XtermWebView::profile()->setUrlRequestInterceptor(&requests);
+    const std::shared_ptr<void> detachRecorder(
+        nullptr, [](void*) { hl::XtermWebView::profile()->setUrlRequestInterceptor(nullptr); });
+    QWidget window;
+    auto* layout = new QHBoxLayout(&window);
+    std::vector<hl::XtermWebView*> views;
+    for (int i = 0; i < 3; ++i) {
+        views.push_back(new hl::XtermWebView(nullptr, &window));
+        layout->addWidget(views.back());
+    }
+    window.resize(900, 300);
+    window.show();
+    ASSERT_TRUE(spinUntil([&] {
+        return std::all_of(views.begin(), views.end(),
+                           [](auto* view) { return view->coordinator().isReady(); });
+    })) << "every page said ready";
+    const QUrl documentUrl = hl::TerminalDocumentScheme::documentUrl();
+    std::map<QString, int> asked;
+    for (const QUrl& url : requests.urls())
+        ++asked[url.toString()];
+    std::map<QString, int> expected{{documentUrl.toString(), 3}};
+    for (const char* script : {"xterm.js", "addon-fit.js", "addon-web-links.js", "addon-search.js"})
+        expected[documentUrl.resolved(QUrl(script)).toString()] = 1;
+    EXPECT_EQ(asked, expected);
+}
+
 TEST(XtermWebViewTest, TheSchemeServesItsDocumentAndNothingElse) {
     QWebEngineProfile profile;
     int asked = 0;
@@ -217,10 +250,10 @@ int main(int argc, char** argv) {
     if (::mkdtemp(home) != nullptr) qputenv("HOME", home);
     // The assets are found through the source tree, as a developer's build finds them.
     qputenv("HARBORLATTICE_ROOT", HL_SOURCE_DIR);
-    if (::geteuid() == 0) qputenv("QTWEBENGINE_DISABLE_SANDBOX", "1");
-    QCoreApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
-    hl::TerminalDocumentScheme::registerScheme();
-    QApplication app(argc, argv);
+    hl::prepareProcessEnvironment();
+    std::vector<char*> arguments = hl::withWebEngineOptions(argc, argv);
+    int qtArgc = static_cast<int>(arguments.size()) - 1;
+    QApplication app(qtArgc, arguments.data());
     ::testing::InitGoogleTest(&argc, argv);
     return RUN_ALL_TESTS();
 }

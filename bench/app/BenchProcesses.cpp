@@ -133,6 +133,22 @@ long proportionalSetKiB(pid_t pid) {
     return 0;
 }
 
+double cpuMilliseconds(pid_t pid) {
+    std::ifstream file("/proc/" + std::to_string(pid) + "/stat");
+    std::string text((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    // The command name may hold spaces and parentheses; the fields follow its last ')'.
+    const auto close = text.rfind(')');
+    if (close == std::string::npos) return 0;
+    std::istringstream fields(text.substr(close + 2));
+    std::string field;
+    long ticks = 0;
+    // Fields 3 to 13 come before utime (14) and stime (15).
+    for (int index = 3; index <= 15 && fields >> field; ++index) {
+        if (index >= 14) ticks += std::stol(field);
+    }
+    return 1000.0 * static_cast<double>(ticks) / static_cast<double>(::sysconf(_SC_CLK_TCK));
+}
+
 ChildRun runSelf(const std::vector<std::string>& arguments, const fs::path& log,
                  std::chrono::seconds timeout) {
     ChildRun run;

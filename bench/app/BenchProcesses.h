@@ -23,6 +23,8 @@ std::int64_t processStartNanoseconds();
 std::vector<pid_t> processTree(pid_t root);
 // Pss of one process from /proc/<pid>/smaps_rollup in KiB; 0 when it has gone.
 long proportionalSetKiB(pid_t pid);
+// User and system CPU time of one process in ms; 0 when it has gone.
+double cpuMilliseconds(pid_t pid);
 // True when the process is a web engine renderer: a child of the zygote.
 bool isRendererProcess(pid_t pid);
 

@@ -55,6 +55,13 @@ struct TreeMemory {
 };
 TreeMemory treeProportionalSet();
 
+// CPU time used so far by this process and by the renderers below it, in ms.
+struct TreeCpu {
+    double ownMs = 0;
+    double renderersMs = 0;
+};
+TreeCpu treeCpu();
+
 // True once the page's terminal rows end a line with a prompt sign.
 extern const QString promptProbe;
 

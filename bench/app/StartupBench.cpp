@@ -97,6 +97,8 @@ class PromptWatch : public QObject {
         if (shownCount_ == 1) firstMs_ = millisecondsSince(since_);
         if (shownCount_ < expected_) return;
         const double allMs = millisecondsSince(since_);
+        const TreeCpu cpu = treeCpu();
+        std::printf("own_cpu_ms %.0f\nrenderer_cpu_ms %.0f\n", cpu.ownMs, cpu.renderersMs);
         timer_.stop();
         QTimer::singleShot(settleMilliseconds, this, [this, allMs] {
             const TreeMemory memory = treeProportionalSet();

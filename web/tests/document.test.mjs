@@ -126,6 +126,21 @@ async function typed(chord) {
 }
 
 describe('start-up', () => {
+  test('the printable characters measured at once have the widths the renderer measures', async () => {
+    const widths = await page.evaluate(() => {
+      const cache = terminal._core._renderService._renderer.value._widthCache;
+      const seeded = [];
+      const measured = [];
+      for (let code = 32; code < 127; code += 1) {
+        seeded.push(cache._flat[code]);
+        measured.push(cache._measure(String.fromCharCode(code), 0));
+      }
+      return { seeded, measured };
+    });
+    assert.ok(widths.measured.every((width) => width > 0));
+    assert.deepEqual(widths.seeded, widths.measured);
+  });
+
   test('"ready" is posted once, last, with the terminal and the host interface in place', async () => {
     const all = await posts();
     const readyAt = all.findIndex((post) => post.name === 'ready');
@@ -207,6 +222,17 @@ describe('writeBase64', () => {
 });
 
 describe('replays', () => {
+  test('a replay takes the place of what was shown, the first one and every later one', async () => {
+    await write('first history', true);
+    assert.equal(await line(0), 'first history');
+    await write(`${ESC}[31mlive output\r\n`);
+    await write('second history', true);
+    assert.equal(await line(0), 'second history');
+    assert.equal(await line(1), '');
+    await write('', true);
+    assert.equal(await line(0), '');
+  });
+
   test('queries in history are answered only when they arrive live', async () => {
     await clearPosts();
     await write(`prompt$ ${queries}top${ESC}[?1049h${queries}`, true);
