@@ -90,6 +90,40 @@ function measureAsciiWidths() {
 measureAsciiWidths();
 if (terminal.element) terminal.element.setAttribute('aria-label', 'Terminal output');
 if (terminal.textarea) terminal.textarea.setAttribute('aria-label', 'Terminal input');
+// The cursor blinks by a class on the page, set and cleared every half second
+// while the terminal has the keyboard, and shown whole after every redraw.
+// xterm.js's own blink is an animation that redraws the page at the display's
+// full rate for as long as the terminal has the keyboard.
+const blinkStyle = document.createElement('style');
+blinkStyle.textContent = `#terminal .xterm-cursor.xterm-cursor-blink { animation: none !important; }
+#terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-block {
+  background-color: inherit !important; color: ${terminal.options.theme.cursor} !important; }
+#terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-bar { box-shadow: none !important; }
+#terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-underline {
+  border-bottom-style: hidden !important; }`;
+document.head.appendChild(blinkStyle);
+const terminalElement = document.getElementById('terminal');
+let cursorShownAt = 0;
+let blinkTimer = 0;
+function showCursor(off = false) {
+  if (terminalElement.classList.contains('cursor-off') !== off)
+    terminalElement.classList.toggle('cursor-off', off);
+}
+terminal.onRender(() => {
+  cursorShownAt = performance.now();
+  showCursor();
+});
+terminal.textarea?.addEventListener('focus', () => {
+  cursorShownAt = performance.now();
+  clearInterval(blinkTimer);
+  blinkTimer = setInterval(() => {
+    showCursor(Math.floor((performance.now() - cursorShownAt) / 500) % 2 === 1);
+  }, 100);
+});
+terminal.textarea?.addEventListener('blur', () => {
+  clearInterval(blinkTimer);
+  showCursor();
+});
 terminal.textarea?.addEventListener('compositionend', () => {
   compositionEndedAt = performance.now();
 }, true);

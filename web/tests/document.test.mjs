@@ -221,6 +221,27 @@ describe('writeBase64', () => {
   });
 });
 
+describe('cursor', () => {
+  test('blinks by turns of a class, with no animation, and shows whole after a redraw', async () => {
+    await page.evaluate(() => window.harborlattice.focus());
+    await page.waitForFunction(() => document.querySelector('.xterm-cursor.xterm-cursor-blink'));
+    await page.waitForFunction(() => terminalElement.classList.contains('cursor-off'), null,
+      { timeout: 3000 });
+    assert.equal(await page.evaluate(() => document.getAnimations().length), 0);
+    const colours = await page.evaluate(() => {
+      const style = getComputedStyle(document.querySelector('.xterm-cursor'));
+      return [style.backgroundColor, style.color];
+    });
+    assert.deepEqual(colours, ['rgba(0, 0, 0, 0)', 'rgb(126, 231, 135)']);
+    await write('x');
+    await page.waitForFunction(() => !terminalElement.classList.contains('cursor-off'));
+    await page.waitForFunction(() => terminalElement.classList.contains('cursor-off'), null,
+      { timeout: 3000 });
+    await page.evaluate(() => window.harborlattice.blur());
+    assert.equal(await page.evaluate(() => terminalElement.classList.contains('cursor-off')), false);
+  });
+});
+
 describe('replays', () => {
   test('a replay takes the place of what was shown, the first one and every later one', async () => {
     await write('first history', true);
