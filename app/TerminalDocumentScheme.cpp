@@ -46,8 +46,7 @@ TerminalDocumentSchemeHandler::TerminalDocumentSchemeHandler(
       unavailable_(std::move(unavailable)) {
     holdTimer_.setSingleShot(true);
     holdTimer_.setInterval(holdLimit);
-    connect(&holdTimer_, &QTimer::timeout, this,
-            &TerminalDocumentSchemeHandler::releaseDocuments);
+    connect(&holdTimer_, &QTimer::timeout, this, &TerminalDocumentSchemeHandler::releaseDocuments);
 }
 
 void TerminalDocumentSchemeHandler::holdDocumentsAfterFirst() {

@@ -97,9 +97,9 @@ class EnginePage : public TerminalWebPage {
 
 TerminalDocumentSchemeHandler* XtermWebView::documentHandler() {
     static QPointer<TerminalDocumentSchemeHandler> handler = [] {
-        auto* made = new TerminalDocumentSchemeHandler(
-            &XtermWebView::documentFiles, XtermCoordinator::assetsUnavailableDocument,
-            QApplication::instance());
+        auto* made = new TerminalDocumentSchemeHandler(&XtermWebView::documentFiles,
+                                                       XtermCoordinator::assetsUnavailableDocument,
+                                                       QApplication::instance());
         made->holdDocumentsAfterFirst();
         return made;
     }();

@@ -1,11 +1,7 @@
 // The terminal document as text: the exact frame around the assets, assets put
-// in as they are, the theme, the order of the document's own script, and the
-// real assets fitting inside their elements. What the script does is tested in
-// a browser (web/tests/document.test.mjs).
+// in as they are, and the real assets fitting inside their elements. What the
+// script does is tested in a browser (web/tests/document.test.mjs).
 #include <gtest/gtest.h>
-
-#include <algorithm>
-#include <vector>
 
 #include "TerminalAssetLocator.h"
 #include "XtermView.h"
@@ -14,20 +10,6 @@ using hl::TerminalAssetLocator;
 using hl::XtermView;
 
 namespace {
-
-// Offsets of `needles` in `text`, each searched after the previous one.
-std::vector<std::size_t> positionsInOrder(const std::string& text,
-                                          std::initializer_list<std::string_view> needles) {
-    std::vector<std::size_t> positions;
-    std::size_t from = 0;
-    for (auto needle : needles) {
-        const std::size_t at = text.find(needle, from);
-        positions.push_back(at);
-        if (at == std::string::npos) break;
-        from = at + needle.size();
-    }
-    return positions;
-}
 
 TEST(XtermViewTest, TheDocumentFramesTheAssetsExactlyAndLeavesThemAsTheyAre) {
     // Contents that an escaping or templating step would alter.
@@ -44,41 +26,6 @@ TEST(XtermViewTest, TheDocumentFramesTheAssetsExactlyAndLeavesThemAsTheyAre) {
         js + "</script><script>" + fit + "</script><script>" + links + "</script><script>" +
         search + "</script>\n<script>\n" + XtermView::documentScript() + "</script></body></html>";
     EXPECT_EQ(XtermView::html(js, fit, links, search, css), expected);
-}
-
-TEST(XtermViewTest, TheThemeListsItsFourMembersThenThePaletteInOrder) {
-    EXPECT_EQ(hl::XtermConfiguration::theme(),
-              "{ background: '#10131a', foreground: '#e6edf3', cursor: '#7ee787', "
-              "selectionBackground: '#264f78', black: '#000000', red: '#cd0000', "
-              "green: '#00cd00', yellow: '#cdcd00', blue: '#0000ee', magenta: '#cd00cd', "
-              "cyan: '#00cdcd', white: '#e5e5e5', brightBlack: '#7f7f7f', "
-              "brightRed: '#ff0000', brightGreen: '#00ff00', brightYellow: '#ffff00', "
-              "brightBlue: '#5c5cff', brightMagenta: '#ff00ff', brightCyan: '#00ffff', "
-              "brightWhite: '#ffffff' }");
-}
-
-TEST(XtermViewTest, TheScriptRunsItsStepsInOrderAndPostsReadyLast) {
-    const std::string script = XtermView::documentScript();
-    const auto options = positionsInOrder(
-        script,
-        {"new Terminal({", "cursorBlink: true,", "allowProposedApi: false,", "scrollback: 10000,",
-         "fontFamily: \"SFMono-Regular, Menlo, 'DejaVu Sans Mono', monospace, 'Noto Color "
-         "Emoji'\",",
-         "fontSize: 13,", "macOptionIsMeta: true,", "screenReaderMode: false,",
-         "theme: " + hl::XtermConfiguration::theme(), "});"});
-    EXPECT_EQ(std::count(options.begin(), options.end(), std::string::npos), 0) << script;
-
-    const auto steps = positionsInOrder(
-        script,
-        {"new FitAddon.FitAddon()", "new SearchAddon.SearchAddon()",
-         "new WebLinksAddon.WebLinksAddon(", "terminal.open(document.getElementById('terminal'))",
-         "'Terminal output'", "'Terminal input'", "terminal.onData(", "terminal.onResize(",
-         XtermView::enhancedKeyboardBridge(), "new ResizeObserver(", "fitAddon.fit();",
-         "window.harborlattice = {", "window.webkit.messageHandlers.ready.postMessage('');\n"});
-    EXPECT_EQ(std::count(steps.begin(), steps.end(), std::string::npos), 0) << script;
-    EXPECT_EQ(steps.back() +
-                  std::string_view("window.webkit.messageHandlers.ready.postMessage('');\n").size(),
-              script.size());
 }
 
 TEST(XtermViewTest, TheInstalledAssetsNeverCloseTheirElementEarly) {
