@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <QApplication>
-#include <QDeadlineTimer>
 #include <QDir>
 #include <QLabel>
 #include <QProgressBar>
@@ -13,6 +12,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "CopyTestSupport.h"
 #include "ProjectCopyController.h"
 #include "ProjectCopySheet.h"
 #include "ProjectRecord.h"
@@ -24,14 +24,7 @@ using Phase = ProjectCopyController::Phase;
 
 namespace {
 
-bool processEventsUntil(const std::function<bool()>& condition, int seconds = 120) {
-    QDeadlineTimer deadline(seconds * 1000);
-    while (!condition()) {
-        if (deadline.hasExpired()) return false;
-        QApplication::processEvents(QEventLoop::AllEvents, 20);
-    }
-    return true;
-}
+using copytest::processEventsUntil;
 
 class ProjectCopySheetTest : public ::testing::Test {
   protected:

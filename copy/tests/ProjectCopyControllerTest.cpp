@@ -4,7 +4,6 @@
 #include <gtest/gtest.h>
 
 #include <QCoreApplication>
-#include <QDeadlineTimer>
 #include <QDir>
 
 #include <cstring>
@@ -13,6 +12,7 @@
 #include <memory>
 #include <random>
 
+#include "CopyTestSupport.h"
 #include "ProjectCopyCommand.h"
 #include "ProjectCopyController.h"
 #include "ProjectRecord.h"
@@ -24,14 +24,7 @@ using Phase = ProjectCopyController::Phase;
 
 namespace {
 
-bool processEventsUntil(const std::function<bool()>& condition, int seconds = 120) {
-    QDeadlineTimer deadline(seconds * 1000);
-    while (!condition()) {
-        if (deadline.hasExpired()) return false;
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    }
-    return true;
-}
+using copytest::processEventsUntil;
 
 void writeRandomFile(const fs::path& path, std::size_t size, unsigned seed) {
     std::mt19937 random(seed);
