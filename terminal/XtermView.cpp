@@ -116,8 +116,11 @@ terminal.onRender(() => {
 terminal.textarea?.addEventListener('focus', () => {
   cursorShownAt = performance.now();
   clearInterval(blinkTimer);
+  // While another window has the keyboard the cursor does not blink, and the
+  // page is left alone.
   blinkTimer = setInterval(() => {
-    showCursor(Math.floor((performance.now() - cursorShownAt) / 500) % 2 === 1);
+    showCursor(document.hasFocus() &&
+               Math.floor((performance.now() - cursorShownAt) / 500) % 2 === 1);
   }, 100);
 });
 terminal.textarea?.addEventListener('blur', () => {
