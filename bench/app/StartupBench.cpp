@@ -218,8 +218,18 @@ int runApp(int argc, char** argv, const fs::path& state, std::int64_t since) {
         if (ready && connected) steps.stop();
     });
     steps.start(5);
-    PromptWatch watch([&window] { return visiblePaneViews(&window); },
-                      static_cast<int>(tab->paneCount()), promptProbe, since);
+    // A page is asked only once its document is ready: a question to a page
+    // still loading would run in its empty first document, at a cost of the
+    // probe's own that the application never pays.
+    PromptWatch watch(
+        [&window] {
+            QList<QWebEngineView*> views;
+            for (auto* pane : window.findChildren<hl::XtermWebView*>()) {
+                if (pane->isVisible() && pane->coordinator().isReady()) views << pane->webView();
+            }
+            return views;
+        },
+        static_cast<int>(tab->paneCount()), promptProbe, since);
     return QApplication::exec();
 }
 
@@ -248,7 +258,13 @@ int runBare(int argc, char** argv, const fs::path& state, int count, std::int64_
         views << view;
     }
     window.show();
-    PromptWatch watch([views] { return views; }, count, barePromptProbe, since);
+    QList<QWebEngineView*> loaded;
+    for (auto* view : views) {
+        QObject::connect(view, &QWebEngineView::loadFinished, view, [view, &loaded](bool ok) {
+            if (ok && !loaded.contains(view)) loaded << view;
+        });
+    }
+    PromptWatch watch([&loaded] { return loaded; }, count, barePromptProbe, since);
     return QApplication::exec();
 }
 
