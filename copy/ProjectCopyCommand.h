@@ -33,11 +33,9 @@ class CopyTask {
 };
 
 // Runs `work` on the main thread, in the order posted, unless the context is
-// gone by then. Safe from any thread once the queue is installed.
+// gone by then. Safe from any thread; runs once installMainThreadQueue() has
+// been called on the main thread.
 void postToContext(const QPointer<QObject>& context, std::function<void()> work);
-// Installs the queue behind postToContext; call on the main thread, once an
-// application object exists. Later calls do nothing.
-void installCopyMainThreadQueue();
 
 namespace ProjectCopyCommand {
 

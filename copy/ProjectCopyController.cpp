@@ -17,6 +17,7 @@
 #include <map>
 
 #include "PathRules.h"
+#include "TerminalThreads.h"
 
 namespace hl {
 
@@ -69,7 +70,7 @@ struct ProjectCopyController::Operation {
 ProjectCopyController::ProjectCopyController(ProjectRootCheck rootCheck, ProjectCopyTools tools,
                                              QObject* parent)
     : QObject(parent), rootCheck_(std::move(rootCheck)), tools_(std::move(tools)) {
-    installCopyMainThreadQueue();
+    installMainThreadQueue();
 }
 
 ProjectCopyController::~ProjectCopyController() {

@@ -16,6 +16,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "PeerCredentials.h"
+
 #ifndef SOCK_CLOEXEC
 #define SOCK_CLOEXEC 0  // set by makeNonBlocking where the flag is missing
 #endif
@@ -157,20 +159,6 @@ void Listener::removeSocket() const {
     if (::lstat(path_.c_str(), &info) == 0 && info.st_dev == device_ && info.st_ino == inode_) {
         ::unlink(path_.c_str());
     }
-}
-
-bool peerIsOwner(int fd) {
-#if defined(SO_PEERCRED)
-    ucred credentials{};
-    socklen_t length = sizeof credentials;
-    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return false;
-    return credentials.uid == ::geteuid();
-#else
-    uid_t uid = 0;
-    gid_t gid = 0;
-    if (::getpeereid(fd, &uid, &gid) != 0) return false;
-    return uid == ::geteuid();
-#endif
 }
 
 }  // namespace hl::node

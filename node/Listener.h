@@ -48,7 +48,4 @@ class Listener {
     ino_t inode_ = 0;
 };
 
-// Whether the peer of a connected socket runs as this process's user.
-bool peerIsOwner(int fd);
-
 }  // namespace hl::node

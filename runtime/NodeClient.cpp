@@ -13,6 +13,7 @@
 #include <cstring>
 #include <nlohmann/json.hpp>
 
+#include "PeerCredentials.h"
 #include "RuntimePaths.h"
 #include "UniqueFd.h"
 
@@ -113,21 +114,6 @@ JSONValue convert(const nlohmann::json& value, int depth = 1) {
         return JSONValue::array(std::move(items));
     }
     return JSONValue::null();
-}
-
-// Whether the peer of a connected socket runs as this process's user.
-bool peerIsOwner(int fd) {
-#if defined(SO_PEERCRED)
-    ucred credentials{};
-    socklen_t length = sizeof credentials;
-    if (::getsockopt(fd, SOL_SOCKET, SO_PEERCRED, &credentials, &length) != 0) return false;
-    return credentials.uid == ::geteuid();
-#else
-    uid_t uid = 0;
-    gid_t gid = 0;
-    if (::getpeereid(fd, &uid, &gid) != 0) return false;
-    return uid == ::geteuid();
-#endif
 }
 
 // Sets one of the socket's time-outs.
