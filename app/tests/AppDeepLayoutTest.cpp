@@ -10,10 +10,8 @@
 #include <QWebEngineView>
 
 #include "AppTestSupport.h"
-#include "ContentView.h"
-#include "HarborlatticeApp.h"
-#include "MainWindow.h"
 #include "PaneLayoutView.h"
+#include "RunningApp.h"
 #include "RuntimePaths.h"
 #include "SavedWorkspace.h"
 #include "TerminalPaneView.h"
@@ -58,14 +56,10 @@ TEST(DeepLayoutTest, ClosingEveryPositionKeepsTheSavedModelWholeAcrossRestarts) 
     QUuid tabID;
     QList<QUuid> remaining;
     {
-        auto app = std::make_unique<hl::HarborlatticeApp>();
-        hl::MainWindow window(*app);
-        window.show();
-        QApplication::setActiveWindow(&window);
-        app->delegate().scheduleDidFinishLaunching();
-        auto& workspace = app->workspace();
-        ASSERT_TRUE(window.contentView()->addProject("deep", QString::fromStdString(root.string()),
-                                                     "deep-id"));
+        hl::apptest::RunningApp run;
+        auto& workspace = run.workspace();
+        ASSERT_TRUE(
+            run.content()->addProject("deep", QString::fromStdString(root.string()), "deep-id"));
         ASSERT_TRUE(spinUntil([&] { return workspace.selectedTab() != nullptr; }));
         // Eight panes on both axes: split the newest right, then down, in turn.
         for (int i = 0; i < 7; ++i) {
@@ -75,7 +69,7 @@ TEST(DeepLayoutTest, ClosingEveryPositionKeepsTheSavedModelWholeAcrossRestarts) 
         hl::TerminalTab* tab = workspace.selectedTab();
         ASSERT_EQ(tab->paneCount(), 8);
         tabID = tab->id();
-        auto* layoutView = window.contentView()->workspaceView()->paneLayoutView();
+        auto* layoutView = run.content()->workspaceView()->paneLayoutView();
         ASSERT_TRUE(spinUntil(
             [&] {
                 for (auto* pane : tab->panes()) {
@@ -89,7 +83,7 @@ TEST(DeepLayoutTest, ClosingEveryPositionKeepsTheSavedModelWholeAcrossRestarts) 
             const QUuid target = tab->layout().paneIDs().at(position);
             clickInto(layoutView->paneView(target));
             ASSERT_EQ(tab->selectedPaneID(), target) << "a click in a terminal selects its pane";
-            QWidget* keys = QApplication::focusWidget() ? QApplication::focusWidget() : &window;
+            QWidget* keys = QApplication::focusWidget() ? QApplication::focusWidget() : &run.window;
             QTest::keyClick(keys, Qt::Key_W, Qt::ControlModifier | Qt::ShiftModifier);
             spinFor(150ms);  // focus moves, views are hidden and re-parented
             ASSERT_EQ(tab->pane(target), nullptr);

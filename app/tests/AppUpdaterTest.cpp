@@ -183,7 +183,6 @@ TEST_F(AppUpdaterTest, ANewerSignedVersionIsOfferedWithItsVerifiedArchive) {
     EXPECT_EQ(box->text(), "Harborlattice 1.5.0 is available");
     EXPECT_TRUE(box->informativeText().startsWith("You have 1.4.0."));
     EXPECT_NE(box->findChild<QPushButton*>("updates.reveal"), nullptr);
-    EXPECT_EQ(box->findChild<QPushButton*>("updates.reveal")->text(), "Show in File Manager");
     hl::apptest::spinFor(std::chrono::milliseconds(100));
     hl::apptest::saveScreenshot(box, "update-offered");
     closeResultDialogs();
@@ -276,7 +275,6 @@ TEST(AppUpdaterWithoutServiceTest, ACheckRunsOnlyWhenOneCanStart) {
     // The recorded channel can be used as it stands: HTTPS, and a key that decodes.
     const auto standard = hl::UpdateChannel::standard();
     EXPECT_TRUE(hl::isSecureUpdateURL(standard.feedURL));
-    EXPECT_EQ(standard.feedURL.path(), "/appcast.xml");
     EXPECT_NE(hl::verifyArchiveSignature("x", QString(88, 'A'), standard.publicKey),
               hl::SignatureCheck::badKey);
 }

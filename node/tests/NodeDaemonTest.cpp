@@ -25,29 +25,6 @@ mode_t modeOf(const std::string& path) {
     return info.st_mode & 07777;
 }
 
-// Waits until a node answers health on the path.
-bool answers(const std::string& socketPath, std::chrono::milliseconds timeout = 10s) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (true) {
-        try {
-            UnixSocketClient(socketPath).request("health");
-            return true;
-        } catch (const std::exception&) {
-            if (std::chrono::steady_clock::now() > deadline) return false;
-            std::this_thread::sleep_for(5ms);
-        }
-    }
-}
-
-// Stops a node started outside a harness.
-void stop(pid_t pid) {
-    ::kill(pid, SIGTERM);
-    if (waitForExit(pid, 5s) < 0) {
-        ::kill(pid, SIGKILL);
-        waitForExit(pid, 5s);
-    }
-}
-
 TEST(NodeDaemonTest, DetachesInPlaceAndLeavesALiveNodeAlone) {
     NodeHarness node;
     // Its own session, under the pid it was started with.
@@ -78,7 +55,7 @@ TEST(NodeDaemonTest, ReplacesTheStaleSocketOfADeadNodeAndMakesOnlyItsOwnFoldersP
 
     // A first node, killed without a chance to clean up, leaves its socket behind.
     pid_t first = startNode(socketPath);
-    ASSERT_TRUE(answers(socketPath));
+    ASSERT_TRUE(nodeAnswers(socketPath));
     EXPECT_EQ(modeOf(base + "/nested"), 0700);
     EXPECT_EQ(modeOf(folder), 0700);
     ::kill(first, SIGKILL);
@@ -90,10 +67,10 @@ TEST(NodeDaemonTest, ReplacesTheStaleSocketOfADeadNodeAndMakesOnlyItsOwnFoldersP
     // An existing folder is not the node's: its mode stays as it is.
     ASSERT_EQ(::chmod(folder.c_str(), 0755), 0);
     pid_t second = startNode(socketPath);
-    EXPECT_TRUE(answers(socketPath));
+    EXPECT_TRUE(nodeAnswers(socketPath));
     EXPECT_EQ(modeOf(folder), 0755);
     EXPECT_EQ(modeOf(socketPath), 0600);
-    stop(second);
+    stopNode(second);
 
     // A file that is no socket is never deleted: the node refuses to start.
     ::unlink(socketPath.c_str());
@@ -139,7 +116,7 @@ TEST(NodeDaemonTest, RefusesAnotherUserWithoutAReply) {
     ASSERT_EQ(::chmod(folder.c_str(), 01777), 0);
     const std::string socketPath = folder + "/node.sock";
     const pid_t node = startNode(socketPath);
-    ASSERT_TRUE(answers(socketPath));
+    ASSERT_TRUE(nodeAnswers(socketPath));
     EXPECT_EQ(modeOf(folder), 01777);
     ASSERT_EQ(::chmod(socketPath.c_str(), 0666), 0);
 
@@ -161,13 +138,13 @@ TEST(NodeDaemonTest, RefusesAnotherUserWithoutAReply) {
     }
     const int status = waitForExit(child, 10s);
     if (status == 1) {
-        stop(node);
+        stopNode(node);
         std::filesystem::remove_all(folder);
         GTEST_SKIP() << "cannot change to uid 65534 here";
     }
     EXPECT_EQ(status, 0) << "2: could not connect, 3: the node replied";
-    EXPECT_TRUE(answers(socketPath, 1s));
-    stop(node);
+    EXPECT_TRUE(nodeAnswers(socketPath, 1s));
+    stopNode(node);
     std::filesystem::remove_all(folder);
 }
 

@@ -109,31 +109,35 @@ bool processIsGone(pid_t pid) {
            (line[close + 2] == 'Z' || line[close + 2] == 'X');
 }
 
-NodeHarness::NodeHarness(const char* executable)
-    : folder_(makeTemporaryFolder()), socketPath_(folder_ + "/node.sock") {
-    pid_ = startNode(socketPath_, executable);
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
+bool nodeAnswers(const std::string& socketPath, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
     while (true) {
         try {
-            client().request("health");
-            return;
+            UnixSocketClient(socketPath).request("health");
+            return true;
         } catch (const std::exception&) {
-            if (std::chrono::steady_clock::now() > deadline) {
-                throw std::runtime_error("node did not start");
-            }
+            if (std::chrono::steady_clock::now() > deadline) return false;
             std::this_thread::sleep_for(5ms);
         }
     }
 }
 
-NodeHarness::~NodeHarness() {
-    if (pid_ > 0) {
-        ::kill(pid_, SIGTERM);
-        if (waitForExit(pid_, 5s) < 0) {
-            ::kill(pid_, SIGKILL);
-            waitForExit(pid_, 5s);
-        }
+void stopNode(pid_t pid) {
+    ::kill(pid, SIGTERM);
+    if (waitForExit(pid, 5s) < 0) {
+        ::kill(pid, SIGKILL);
+        waitForExit(pid, 5s);
     }
+}
+
+NodeHarness::NodeHarness(const char* executable)
+    : folder_(makeTemporaryFolder()), socketPath_(folder_ + "/node.sock") {
+    pid_ = startNode(socketPath_, executable);
+    if (!nodeAnswers(socketPath_)) throw std::runtime_error("node did not start");
+}
+
+NodeHarness::~NodeHarness() {
+    if (pid_ > 0) stopNode(pid_);
     std::error_code ignored;
     std::filesystem::remove_all(folder_, ignored);
 }

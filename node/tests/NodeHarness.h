@@ -33,6 +33,12 @@ std::string rawExchange(const std::string& socketPath, const std::string& bytes)
 // Whether the process has ended (a zombie counts as ended).
 bool processIsGone(pid_t pid);
 
+// Waits until a node answers health on the path.
+bool nodeAnswers(const std::string& socketPath, std::chrono::milliseconds timeout = 10s);
+
+// Stops a node this process started: SIGTERM, then SIGKILL after five seconds.
+void stopNode(pid_t pid);
+
 struct PollResult {
     std::string output;
     bool exited = false;

@@ -19,18 +19,15 @@ class FaultyPreferences final : public Preferences {
     // Keys whose reads fail, or read as rows this version cannot decode.
     std::set<std::string> failingReads;
     std::set<std::string> damagedReads;
-    // Every read fails (the whole database is busy or broken).
-    bool allReadsFail = false;
     // Every write fails, or writes of the chosen keys do.
     bool allWritesFail = false;
     std::set<std::string> failingWrites;
-    int refusedWrites = 0;
 
     const std::string& domain() const override { return real_->domain(); }
     std::filesystem::path location() const override { return real_->location(); }
 
     PreferenceRead read(const std::string& key) const override {
-        if (allReadsFail || failingReads.count(key) != 0) {
+        if (failingReads.count(key) != 0) {
             PreferenceRead failed;
             failed.state = PreferenceReadState::failed;
             failed.detail = "database is locked";
@@ -44,25 +41,14 @@ class FaultyPreferences final : public Preferences {
         return result;
     }
     bool set(const std::string& key, const PreferenceValue& value) override {
-        if (allWritesFail || failingWrites.count(key) != 0) {
-            ++refusedWrites;
-            return false;
-        }
+        if (allWritesFail || failingWrites.count(key) != 0) return false;
         return real_->set(key, value);
     }
     bool remove(const std::string& key) override {
-        if (allWritesFail || failingWrites.count(key) != 0) {
-            ++refusedWrites;
-            return false;
-        }
+        if (allWritesFail || failingWrites.count(key) != 0) return false;
         return real_->remove(key);
     }
     PreferenceDomainRead readDomain(const std::string& name) const override {
-        if (allReadsFail) {
-            PreferenceDomainRead failed;
-            failed.failed = true;
-            return failed;
-        }
         return real_->readDomain(name);
     }
 

@@ -25,6 +25,13 @@ class PreferencesTest : public ::testing::Test {
     std::shared_ptr<Preferences> open(const std::string& domain = Preferences::standardDomain) {
         return Preferences::open(dir_ / "prefs.sqlite3", domain);
     }
+    // Runs `sql` on the file behind the store's back, as another program would.
+    void writeRaw(const char* sql) {
+        sqlite3* raw = nullptr;
+        ASSERT_EQ(sqlite3_open((dir_ / "prefs.sqlite3").c_str(), &raw), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(raw, sql, nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(raw);
+    }
     hl::test::TempDir dir_;
 };
 
@@ -118,14 +125,9 @@ TEST_F(PreferencesTest, UnreadableRowsAreToldFromAbsentAndKeepTheirBytes) {
     auto store = open();
     store->set("good", std::string("fine"));
     store->set("text", std::string("not data"));
-    sqlite3* raw = nullptr;
-    ASSERT_EQ(sqlite3_open((dir_ / "prefs.sqlite3").c_str(), &raw), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(raw,
-                           "INSERT INTO preferences VALUES ('standard','list',2,'not a list');"
-                           "INSERT INTO preferences VALUES ('standard','alien',9,'x');",
-                           nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    sqlite3_close(raw);
+    writeRaw(
+        "INSERT INTO preferences VALUES ('standard','list',2,'not a list');"
+        "INSERT INTO preferences VALUES ('standard','alien',9,'x');");
 
     EXPECT_EQ(store->read("list").state, hl::PreferenceReadState::unreadable);
     EXPECT_EQ(store->read("list").storedBytes, "not a list");
@@ -242,14 +244,9 @@ TEST_F(PreferencesTest, MigrationNeverWritesOverUnreadableValuesAndRetriesAfterF
     auto legacyDomain = open(PreferencesMigration::legacyBundleIdentifier);
     legacyDomain->set("harborlattice.projects.v1", PreferenceData{"legacy projects"});
     legacyDomain->set("harborlattice.pending-closes.v1", std::vector<std::string>{"s1"});
-    sqlite3* raw = nullptr;
-    ASSERT_EQ(sqlite3_open((dir_ / "prefs.sqlite3").c_str(), &raw), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(raw,
-                           "INSERT INTO preferences VALUES "
-                           "('standard','harborlattice.pending-closes.v1',9,'future');",
-                           nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    sqlite3_close(raw);
+    writeRaw(
+        "INSERT INTO preferences VALUES "
+        "('standard','harborlattice.pending-closes.v1',9,'future');");
 
     hl::test::FaultyPreferences faulty(real);
     faulty.failingWrites = {"harborlattice.projects.v1"};

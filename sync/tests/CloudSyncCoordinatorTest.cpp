@@ -12,80 +12,37 @@
 #include <csignal>
 
 #include <atomic>
-#include <mutex>
 #include <thread>
 
 #include "CloudSyncCoordinator.h"
 #include "FolderSharedStateTransport.h"
+#include "MemoryRecordTransport.h"
 #include "SharedSnapshotCodec.h"
 #include "SyncCoreSupport.h"
 
 namespace fs = std::filesystem;
 using namespace hl;
 using hl::test::Core;
+using hl::test::MemoryRecordTransport;
 using hl::test::spinUntil;
 using Kind = CloudSyncStatus::Kind;
 
 namespace {
 
-// A record in memory with the exchange of the real transports; the test can
-// damage it, take the account away, or count the calls.
-class MemoryRecordTransport final : public RecordSharedStateTransport {
-  public:
-    bool isConfigured() const override { return true; }
-    bool accountIsAvailable() override { return available; }
-    void setPayload(const QByteArray& bytes) {
-        std::lock_guard guard(mutex_);
-        record_ = SharedStateRecord{bytes, QByteArray::number(++generation_)};
-    }
-    QByteArray payload() {
-        std::lock_guard guard(mutex_);
-        return record_ ? record_->payload : QByteArray();
-    }
-    std::atomic<bool> available{true};
-    std::atomic<int> writes{0};
-
-  protected:
-    std::optional<SharedStateRecord> readRecord() override {
-        std::lock_guard guard(mutex_);
-        return record_;
-    }
-    SaveOutcome writeRecord(const QByteArray& payload,
-                            const std::optional<QByteArray>& expectedTag) override {
-        std::lock_guard guard(mutex_);
-        const std::optional<QByteArray> tag =
-            record_ ? std::optional<QByteArray>(record_->tag) : std::nullopt;
-        if (tag != expectedTag) return SaveOutcome::TagMoved;
-        record_ = SharedStateRecord{payload, QByteArray::number(++generation_)};
-        ++writes;
-        return SaveOutcome::Saved;
-    }
-
-  private:
-    std::mutex mutex_;
-    std::optional<SharedStateRecord> record_;
-    int generation_ = 0;
-};
-
-class FolderRecordTest : public ::testing::Test {
-  protected:
-    hl::test::TempDir dir;
-    std::shared_ptr<SharedStateTransport> transport() {
-        return std::make_shared<FolderSharedStateTransport>(
-            QString::fromStdString(dir.path().string()));
-    }
-};
-
+// A computer whose project "alpha" is already on the record.
 class MemoryRecordTest : public ::testing::Test {
   protected:
+    void SetUp() override {
+        a.settle();
+        alpha = a.addProject("alpha");
+        ASSERT_TRUE(a.delivered());
+    }
     std::shared_ptr<MemoryRecordTransport> record = std::make_shared<MemoryRecordTransport>();
+    Core a{record};
+    ProjectRecord alpha;
 };
 
 TEST_F(MemoryRecordTest, ABurstOfChangesIsOneExchange) {
-    Core a(record);
-    a.settle();
-    const auto alpha = a.addProject("alpha");
-    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
     const int before = record->writes;
     QUuid lastPending;
     for (int i = 0; i < 10; ++i) {
@@ -94,7 +51,7 @@ TEST_F(MemoryRecordTest, ABurstOfChangesIsOneExchange) {
         EXPECT_NE(a.sync->pending()->revision(), lastPending);
         lastPending = a.sync->pending()->revision();
     }
-    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    ASSERT_TRUE(a.delivered());
     EXPECT_EQ(record->writes - before, 1);
     EXPECT_EQ(a.sync->accepted()->revision(), lastPending);
     // A session that comes up is saved, but changes nothing shared.
@@ -108,10 +65,6 @@ TEST_F(MemoryRecordTest, ABurstOfChangesIsOneExchange) {
 }
 
 TEST_F(MemoryRecordTest, DamagedOrForeignRecordsAreNeitherAppliedNorOverwritten) {
-    Core a(record);
-    a.settle();
-    a.addProject("alpha");
-    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
     const QByteArray good = record->payload();
     QByteArray schema2 = good;
     schema2.replace("\"schemaVersion\":1", "\"schemaVersion\":2");
@@ -127,7 +80,7 @@ TEST_F(MemoryRecordTest, DamagedOrForeignRecordsAreNeitherAppliedNorOverwritten)
         a.settle();
         EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::InvalidRemote))
             << damaged.left(80).constData();
-        a.store->renameProject(a.catalog->projects()[0].id, "Changed " + QString::number(writes));
+        a.store->renameProject(alpha.id, "Changed " + QString::number(writes));
         ASSERT_TRUE(a.sync->pending());
         a.settle();
         EXPECT_EQ(a.sync->status(), CloudSyncStatus::of(Kind::InvalidRemote));
@@ -149,10 +102,6 @@ TEST_F(MemoryRecordTest, DamagedOrForeignRecordsAreNeitherAppliedNorOverwritten)
 }
 
 TEST_F(MemoryRecordTest, AJoiningComputerTakesTheRecordAndKeepsItsOwnStateAsACopy) {
-    Core a(record);
-    a.settle();
-    a.addProject("alpha");
-    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
     Core empty(record), own(record);
     own.sync.reset();
     own.addProject("mine");
@@ -165,10 +114,6 @@ TEST_F(MemoryRecordTest, AJoiningComputerTakesTheRecordAndKeepsItsOwnStateAsACop
     EXPECT_TRUE(own.catalog->projects().empty());
     EXPECT_EQ(own.sync->status(), CloudSyncStatus::needsFolder(1));
 }
-
-}  // namespace
-
-namespace {
 
 TEST(KilledCoreTest, AChangeCaughtInTheMiddleOfAnExchangeIsDeliveredByTheNextStart) {
     hl::test::TempDir dir;
@@ -210,10 +155,6 @@ TEST(KilledCoreTest, AChangeCaughtInTheMiddleOfAnExchangeIsDeliveredByTheNextSta
     EXPECT_EQ(stored->content().projects[0].name, "alpha");
 }
 
-}  // namespace
-
-namespace {
-
 // Holds every read of the record while `held` is set.
 class GatedFolderTransport final : public SharedStateTransport {
   public:
@@ -235,30 +176,27 @@ class GatedFolderTransport final : public SharedStateTransport {
     FolderSharedStateTransport inner_;
 };
 
-TEST_F(FolderRecordTest, AChangeMadeWhileARefreshWaitsIsNeverOverwritten) {
-    auto gated =
-        std::make_shared<GatedFolderTransport>(QString::fromStdString(dir.path().string()));
-    Core a(gated), b(transport());
+TEST(FolderRecordTest, AChangeMadeWhileARefreshWaitsIsNeverOverwritten) {
+    hl::test::TempDir dir;
+    const QString folder = QString::fromStdString(dir.path().string());
+    auto gated = std::make_shared<GatedFolderTransport>(folder);
+    Core a(gated), b(std::make_shared<FolderSharedStateTransport>(folder));
     a.settle();
     b.settle();
     b.addProject("beta");
-    ASSERT_TRUE(spinUntil([&] { return !b.sync->pending() && !b.sync->isRefreshing(); }));
+    ASSERT_TRUE(b.delivered());
     gated->held = true;
     gated->entered = false;
     a.sync->refresh();
     ASSERT_TRUE(spinUntil([&] { return gated->entered.load(); }));
     const auto alpha = a.addProject("alpha");  // while the fetch waits
     gated->held = false;
-    ASSERT_TRUE(spinUntil([&] { return !a.sync->pending() && !a.sync->isRefreshing(); }));
+    ASSERT_TRUE(a.delivered());
     ASSERT_EQ(a.catalog->projects().size(), 1u);
     EXPECT_EQ(a.catalog->projects()[0].id, alpha.id);
     b.settle();
     EXPECT_EQ(b.sync->unmappedProjects().size(), 1) << "the later change reached B";
 }
-
-}  // namespace
-
-namespace {
 
 TEST(StoredSyncStateTest, UnreadableSyncKeysAreKeptWhileSyncGoesOn) {
     // Rows this version cannot read: a recovery list of another shape, a device

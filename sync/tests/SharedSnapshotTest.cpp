@@ -21,12 +21,7 @@ using namespace hl::test;
 namespace {
 
 std::optional<Kind> validationError(const SharedContent& content) {
-    try {
-        content.validated();
-        return std::nullopt;
-    } catch (const SharedStateError& error) {
-        return error.kind();
-    }
+    return errorKind<SharedStateError>([&] { content.validated(); });
 }
 
 QString repeated(const QString& piece, int times) {
@@ -65,26 +60,14 @@ TEST(ProjectOriginTest, EachRuleHoldsAtItsEdgeCountingCharactersNotBytes) {
     EXPECT_FALSE(with([](auto& o) { o.deviceName = " \t\n "; }));
     EXPECT_TRUE(with([&](auto& o) { o.deviceName = " " + repeated(accented, 128) + " "; }));
     EXPECT_FALSE(with([&](auto& o) { o.deviceName = repeated(accented, 129); }));
-    EXPECT_FALSE(with([](auto& o) {
-        o.deviceName = QString::fromUtf8(
-            "Stu\xE2\x80\x8B"
-            "dio");
-    }));
-    EXPECT_FALSE(with([](auto& o) {
-        o.deviceName =
-            "Stu\x07"
-            "dio";
-    }));
+    EXPECT_FALSE(with([](auto& o) { o.deviceName = QString::fromUtf8("Stu\u200Bdio"); }));
+    EXPECT_FALSE(with([](auto& o) { o.deviceName = "Stu\adio"; }));
     // Host.
     EXPECT_TRUE(with([&](auto& o) { o.sshHost = repeated("a", 253); }));
     EXPECT_FALSE(with([&](auto& o) { o.sshHost = repeated("a", 254); }));
     EXPECT_FALSE(with([](auto& o) { o.sshHost = "-oProxyCommand"; }));
     EXPECT_FALSE(with([](auto& o) { o.sshHost = "studio_1"; }));
-    EXPECT_FALSE(with([](auto& o) {
-        o.sshHost = QString::fromUtf8(
-            "st\xC3\xBC"
-            "dio");
-    }));
+    EXPECT_FALSE(with([](auto& o) { o.sshHost = QString::fromUtf8("st\u00FCdio"); }));
     EXPECT_FALSE(with([](auto& o) { o.sshHost = ""; }));
     // User: the underscore is allowed here.
     EXPECT_TRUE(with([&](auto& o) { o.sshUser = "ada_l.x-" + repeated("u", 120); }));
@@ -192,7 +175,6 @@ TEST(SharedSnapshotTest, ContentIsCanonicalWhateverOrderItCameIn) {
     SharedContent content = sampleContent();
     content.workspaces.prepend({"beta", {tabWithPanes({QUuid::createUuid()})}, std::nullopt});
     const SharedSnapshot snapshot(QUuid::createUuid(), content);
-    EXPECT_EQ(snapshot.schemaVersion(), 1);
     EXPECT_EQ(snapshot.content().projects[0].id, "alpha");
     EXPECT_EQ(snapshot.content().workspaces[0].projectID, "alpha");
     EXPECT_EQ(snapshot.content().workspaces[0].tabs, content.workspaces[1].tabs)
@@ -238,12 +220,7 @@ TEST(SharedSnapshotTest, TheEncodedSizeLimitIsNineHundredThousandBytes) {
     EXPECT_EQ(SharedSnapshotCodec::decode(SharedSnapshotCodec::encode(atLimit)), atLimit);
     const SharedSnapshot over = snapshotOfSize(900'001);
     ASSERT_EQ(SharedSnapshotCodec::encode(over).size(), 900'001);
-    try {
-        over.validated();
-        FAIL() << "over the limit";
-    } catch (const SharedStateError& error) {
-        EXPECT_EQ(error.kind(), Kind::TooLarge);
-    }
+    EXPECT_EQ(errorKind<SharedStateError>([&] { over.validated(); }), Kind::TooLarge);
     EXPECT_THROW(SharedSnapshotCodec::decode(SharedSnapshotCodec::encode(over)), SharedStateError);
 }
 
@@ -271,9 +248,6 @@ TEST(SharedSnapshotCodecTest, TheJsonFormHasSortedKeysMillisecondDatesAndNoAbsen
     const SharedSnapshot whole = snapshotAt(1700000000123, sampleContent());
     EXPECT_EQ(encodedJson(whole)["modifiedAt"].toInteger(), 1700000000123);
     EXPECT_EQ(SharedSnapshotCodec::decode(SharedSnapshotCodec::encode(whole)), whole);
-    EXPECT_EQ(SharedSnapshotCodec::encode(
-                  SharedSnapshotCodec::decode(SharedSnapshotCodec::encode(whole))),
-              SharedSnapshotCodec::encode(whole));
 }
 
 TEST(SharedSnapshotCodecTest, DecodingRequiresEveryMemberAndValidatesWhatItReads) {
@@ -308,12 +282,7 @@ TEST(SharedSnapshotCodecTest, DecodingRequiresEveryMemberAndValidatesWhatItReads
     later["content"] = QJsonObject{
         {"projects", QJsonArray{}},
         {"workspaces", QJsonArray{QJsonObject{{"projectID", "nowhere"}, {"tabs", QJsonArray{}}}}}};
-    try {
-        decodeJson(later);
-        FAIL() << "schema 2 decoded";
-    } catch (const SharedStateError& error) {
-        EXPECT_EQ(error.kind(), Kind::UnsupportedSchema);
-    }
+    EXPECT_EQ(errorKind<SharedStateError>([&] { decodeJson(later); }), Kind::UnsupportedSchema);
     later["schemaVersion"] = 1;
     EXPECT_THROW(decodeJson(later), SharedStateError);
 }

@@ -4,6 +4,9 @@
 #include <QJsonObject>
 #include <QUuid>
 
+#include <functional>
+#include <optional>
+
 #include "SharedSnapshot.h"
 
 namespace hl::test {
@@ -20,5 +23,16 @@ SharedContent sampleContent();
 // A snapshot of `content` at `milliseconds` past 1970.
 SharedSnapshot snapshotAt(double milliseconds, const SharedContent& content = sampleContent(),
                           const QUuid& revision = QUuid::createUuid());
+
+// The kind of `Error` that `action` throws; nothing if it throws none.
+template <typename Error>
+std::optional<typename Error::Kind> errorKind(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (const Error& error) {
+        return error.kind();
+    }
+    return std::nullopt;
+}
 
 }  // namespace hl::test

@@ -15,24 +15,7 @@ Core::Core(std::shared_ptr<SharedStateTransport> transport, std::function<Shared
 
 void Core::start() {
     catalog = std::make_unique<ProjectCatalog>(f.prefs);
-    if (client) {
-        WorkspaceStoreOptions options;
-        options.defaults = f.prefs;
-        options.knownProjects = catalog->projects();
-        options.scratchRoot = f.scratchRoot();
-        options.scratchDirectoryProvider = [this](const QUuid& id) {
-            const auto path =
-                f.base / "Scratch" / id.toString(QUuid::WithoutBraces).toLower().toStdString();
-            fs::create_directories(path);
-            return QString::fromStdString(path.string());
-        };
-        options.client = client;
-        options.controllerHooks.ensureNodeRunning = [] {};
-        options.closeRetryPolicy = {[] {}, std::chrono::milliseconds(50)};
-        store = std::make_unique<WorkspaceStore>(std::move(options));
-    } else {
-        store = f.makeStore(catalog->projects());
-    }
+    store = f.makeStore(catalog->projects(), true, client);
     sync = std::make_unique<CloudSyncCoordinator>(
         f.prefs, transport, DeviceCopyEndpoint{"Studio", "studio.local", "ada"},
         [](const QUuid&) {}, now);
@@ -71,13 +54,6 @@ QString Core::folder(const QString& name) const {
     const auto path = f.base / "mine" / name.toStdString();
     fs::create_directories(path);
     return QString::fromStdString(path.string());
-}
-
-QStringList tabTitles(WorkspaceStore& store) {
-    QStringList list;
-    for (auto* tab : store.tabs())
-        list << tab->title();
-    return list;
 }
 
 }  // namespace hl::test

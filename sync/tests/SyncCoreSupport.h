@@ -37,6 +37,4 @@ struct Core {
     std::unique_ptr<CloudSyncCoordinator> sync;
 };
 
-QStringList tabTitles(WorkspaceStore& store);
-
 }  // namespace hl::test

@@ -88,7 +88,6 @@ void TinyRecordServer::answer(QTcpSocket* socket, const QByteArray& request) {
             status = body ? 204 : 201;
             body = request.mid(request.indexOf("\r\n\r\n") + 4);
             ++generation_;
-            ++puts;
             sinceWrite_.start();
         } else {
             status = 412;

@@ -36,7 +36,6 @@ class TinyRecordServer : public QObject {
     std::function<void()> afterNextGet;
     int requests = 0;
     int notModified = 0;
-    int puts = 0;
     int refusedPuts = 0;
 
   private:

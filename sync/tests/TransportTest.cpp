@@ -72,7 +72,6 @@ void expectUntouched(StandIn& standIn, const std::function<void()>& action) {
 // The exchange's scenarios, the same for every stand-in.
 void runExchangeScenarios(StandIn& standIn) {
     hl::SharedStateTransport& transport = *standIn.transport;
-    EXPECT_TRUE(transport.isConfigured());
     EXPECT_TRUE(transport.accountIsAvailable());
     EXPECT_EQ(transport.fetch(), std::nullopt);
     const SharedSnapshot first = snapshotAt(1000);
@@ -88,12 +87,8 @@ void runExchangeScenarios(StandIn& standIn) {
     EXPECT_EQ(standIn.readRaw(), stored);
     // Records that cannot be read are never overwritten.
     standIn.storeRaw(laterSchemaPayload());
-    try {
-        transport.fetch();
-        ADD_FAILURE() << "a later schema was read";
-    } catch (const SharedStateError& error) {
-        EXPECT_EQ(error.kind(), SharedStateError::Kind::UnsupportedSchema);
-    }
+    EXPECT_EQ(errorKind<SharedStateError>([&] { transport.fetch(); }),
+              SharedStateError::Kind::UnsupportedSchema);
     expectUntouched<SharedStateError>(standIn, [&] { transport.exchange(snapshotAt(3000)); });
     standIn.storeRaw("{\"schemaVersion\":1,\"content\":");
     expectUntouched<hl::SharedSnapshotCodecError>(standIn,
@@ -121,15 +116,14 @@ QByteArray etagOf(const QUrl& url) {
     return reply->rawHeader("ETag");
 }
 
-StandIn folderStandIn(const QString& folder) {
-    const QString record = folder + "/harborlattice-state-v1.record";
-    return {std::make_unique<hl::FolderSharedStateTransport>(folder),
-            [record](const QByteArray& payload) {
-                writeFile(record, "harborlattice-state-v1 41\n" + payload);
-            },
-            [record]() -> std::optional<QByteArray> {
-                if (!QFile::exists(record)) return std::nullopt;
-                return readFile(record);
+// A stand-in whose record is the file at `path`, stored behind `header`.
+StandIn fileStandIn(std::unique_ptr<hl::SharedStateTransport> transport, const QString& path,
+                    const QByteArray& header = {}) {
+    return {std::move(transport),
+            [=](const QByteArray& payload) { writeFile(path, header + payload); },
+            [=]() -> std::optional<QByteArray> {
+                if (!QFile::exists(path)) return std::nullopt;
+                return readFile(path);
             }};
 }
 
@@ -178,17 +172,15 @@ void expectNoLostUpdate(const QString& url, hl::SharedStateTransport& transport)
 
 TEST(FolderTransportTest, ExchangesAgainstARealFolder) {
     QTemporaryDir folder;
-    StandIn standIn = folderStandIn(folder.path());
+    const QString record = folder.path() + "/harborlattice-state-v1.record";
+    StandIn standIn = fileStandIn(std::make_unique<hl::FolderSharedStateTransport>(folder.path()),
+                                  record, "harborlattice-state-v1 41\n");
     runExchangeScenarios(standIn);
     // A header that cannot be read is an unreadable record, also left alone.
-    writeFile(folder.path() + "/harborlattice-state-v1.record", "garbage");
-    try {
-        standIn.transport->exchange(snapshotAt(9000));
-        ADD_FAILURE() << "an unreadable record was overwritten";
-    } catch (const SharedStateError& error) {
-        EXPECT_EQ(error.kind(), SharedStateError::Kind::InvalidCloudRecord);
-    }
-    EXPECT_EQ(readFile(folder.path() + "/harborlattice-state-v1.record"), "garbage");
+    writeFile(record, "garbage");
+    EXPECT_EQ(errorKind<SharedStateError>([&] { standIn.transport->exchange(snapshotAt(9000)); }),
+              SharedStateError::Kind::InvalidCloudRecord);
+    EXPECT_EQ(readFile(record), "garbage");
 }
 
 TEST(FolderTransportTest, AMissingFolderIsUnavailableNotAnEmptyRecord) {
@@ -247,12 +239,8 @@ ApacheServer* ApacheTransportTest::apache = nullptr;
 TEST_F(ApacheTransportTest, ExchangesAgainstModDavWithItsWeakTags) {
     const QString name = "exchange.json";
     const QString file = apache->filePath(name);
-    StandIn standIn{std::make_unique<hl::WebDavSharedStateTransport>(apache->url(name)),
-                    [file](const QByteArray& payload) { writeFile(file, payload); },
-                    [file]() -> std::optional<QByteArray> {
-                        if (!QFile::exists(file)) return std::nullopt;
-                        return readFile(file);
-                    }};
+    StandIn standIn =
+        fileStandIn(std::make_unique<hl::WebDavSharedStateTransport>(apache->url(name)), file);
     runExchangeScenarios(standIn);
     // The server under test does mark a fresh write's tag weak.
     QFile::remove(file);
@@ -432,13 +420,9 @@ TEST(WebDavFailureTest, AnUntrustedCertificateAndAFailedHandshakeShowTheirStatus
     });
     hl::WebDavSharedStateTransport noTls(
         QUrl(QStringLiteral("https://127.0.0.1:%1/state.json").arg(plain.serverPort())));
-    try {
-        noTls.fetch();
-        ADD_FAILURE() << "a plain-text answer passed for TLS";
-    } catch (const hl::SharedStateTransportError& error) {
-        EXPECT_EQ(error.kind(), hl::SharedStateTransportError::Kind::TlsHandshake) << error.what();
-        EXPECT_EQ(hl::syncStatusForError(error).kind, Status::Offline);
-    }
+    EXPECT_EQ(errorKind<hl::SharedStateTransportError>([&] { noTls.fetch(); }),
+              hl::SharedStateTransportError::Kind::TlsHandshake);
+    EXPECT_EQ(statusOfFetch(noTls), Status::Offline);
 }
 
 TEST(WebDavCredentialsTest, TheUrlOrTheNetrcFileLogsIn) {

@@ -1,7 +1,7 @@
 // TerminalAssetLocator on real folders: the packaged copy before the source
 // checkout, the name table, failures that do not fall back, the resource
 // directory of a build tree and of an installed prefix, and the build tree's
-// own copy of the assets.
+// own copy of the assets, each fit to go into the document as it is.
 #include <gtest/gtest.h>
 
 #include <array>
@@ -145,6 +145,9 @@ TEST_F(TerminalAssetLocatorTest, TheBuildTreeHoldsTheAssetsOfNodeModules) {
         const std::string text = packaged.contents(name);
         EXPECT_GT(text.size(), 1000u) << name;
         EXPECT_EQ(text, source.contents(name)) << name;
+        // The document puts the assets in as they are: none may close its element early.
+        EXPECT_EQ(text.find(name.ends_with(".css") ? "</style" : "</script"), std::string::npos)
+            << name;
     }
 }
 

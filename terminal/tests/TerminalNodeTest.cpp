@@ -199,10 +199,12 @@ TEST_F(RealNodeTest, SecondControllerReattachesAndReplaysTheHistory) {
     second.start();
     ASSERT_TRUE(spinUntil([&] { return second.status() == "Reconnected"; }));
     EXPECT_EQ(second.sessionID(), saved);
+    EXPECT_FALSE(second.isReplacementSession());
     ASSERT_FALSE(secondSurface.replays.empty());
     EXPECT_NE(secondSurface.replays.back().find("42\r\n"), std::string::npos);
     type(second, "echo $((50+5))\r");
     EXPECT_TRUE(shows(secondSurface, "55\r\n"));
+    EXPECT_FALSE(secondSurface.offMainThread);
     EXPECT_TRUE(closeRequired.empty());
 }
 
@@ -251,8 +253,10 @@ TEST_F(RealNodeTest, PeerAnsweringNonsenseIsAnUnavailableNodeAndLosesNothing) {
     restartNode = false;
     auto& c = make(std::string("saved-id"));
     c.start();
-    ASSERT_TRUE(spinUntil([&] { return peer.answered() >= 2; }));
-    EXPECT_EQ(c.status(), "Node unavailable · retrying");
+    // The retry's own failure, not just its answer: between the two the
+    // status reads "Reconnecting…".
+    ASSERT_TRUE(spinUntil(
+        [&] { return peer.answered() >= 2 && c.status() == "Node unavailable · retrying"; }));
     EXPECT_EQ(c.reconnectCandidate(), "saved-id");
     EXPECT_FALSE(c.isConnected());
     EXPECT_TRUE(ready.empty());

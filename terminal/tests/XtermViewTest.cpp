@@ -1,12 +1,10 @@
-// The terminal document as text: the exact frame around the assets, assets put
-// in as they are, and the real assets fitting inside their elements. What the
-// script does is tested in a browser (web/tests/document.test.mjs).
+// The terminal document as text: the exact frame around the assets, and assets
+// put in as they are. What the script does is tested in a browser
+// (web/tests/document.test.mjs).
 #include <gtest/gtest.h>
 
-#include "TerminalAssetLocator.h"
 #include "XtermView.h"
 
-using hl::TerminalAssetLocator;
 using hl::XtermView;
 
 namespace {
@@ -26,19 +24,6 @@ TEST(XtermViewTest, TheDocumentFramesTheAssetsExactlyAndLeavesThemAsTheyAre) {
         js + "</script><script>" + fit + "</script><script>" + links + "</script><script>" +
         search + "</script>\n<script>\n" + XtermView::documentScript() + "</script></body></html>";
     EXPECT_EQ(XtermView::html(js, fit, links, search, css), expected);
-}
-
-TEST(XtermViewTest, TheInstalledAssetsNeverCloseTheirElementEarly) {
-    const TerminalAssetLocator locator(
-        TerminalAssetLocator::resourceDirectory(HARBORLATTICE_BUILD_DIR));
-    const std::string js = locator.contents("xterm.js"), fit = locator.contents("addon-fit.js"),
-                      links = locator.contents("addon-web-links.js"),
-                      search = locator.contents("addon-search.js"),
-                      css = locator.contents("xterm.css");
-    // Assets go in as they are, so none may close its element early.
-    for (const std::string* asset : {&js, &fit, &links, &search})
-        EXPECT_EQ(asset->find("</script"), std::string::npos);
-    EXPECT_EQ(css.find("</style"), std::string::npos);
 }
 
 }  // namespace

@@ -46,11 +46,7 @@ class StoredDataFaultTest : public ::testing::Test {
         f.node->adopt("mem-live", alpha.root.toStdString());
         real->set(WorkspaceStore::storageKey, PreferenceData{saved.encoded().toStdString()});
         real->set(SessionCloseLedger::storageKey, std::vector<std::string>{"mem-pending"});
-        real->set(ProjectCatalog::storageKey,
-                  PreferenceData{"[{\"id\":\"" + alpha.id.toStdString() +
-                                 "\",\"name\":\"alpha\","
-                                 "\"root\":\"" +
-                                 alpha.root.toStdString() + "\"}]"});
+        EXPECT_TRUE(ProjectCatalog(real).add("alpha", alpha.root, alpha.id));
         faulty = std::make_shared<FaultyPreferences>(real);
         f.prefs = faulty;
     }

@@ -3,14 +3,13 @@
 // store that brings every terminal back to its own shell with its history.
 #include <gtest/gtest.h>
 
-#include <QByteArray>
-
 #include "NodeHarness.h"
 #include "WorkspaceTestSupport.h"
 
 using hl::SessionCloseLedger;
 using hl::WorkspaceStore;
 using hl::node::testing::NodeHarness;
+using hl::test::history;
 using hl::test::spinFor;
 using hl::test::spinUntil;
 using hl::test::StoreFixture;
@@ -40,13 +39,6 @@ bool nodeHolds(const NodeHarness& node, const std::string& id) {
         if (each.stringValue() == id) return true;
     }
     return false;
-}
-
-std::string history(const hl::TerminalController& controller) {
-    QByteArray bytes;
-    for (const auto& chunk : controller.rendererHistory())
-        bytes += QByteArray::fromBase64(QByteArray::fromStdString(chunk));
-    return bytes.toStdString();
 }
 
 TEST(WorkspaceNodeTest, TheLedgerClosesLiveSessionsAndKeepsIdsWhileTheNodeIsAway) {
@@ -79,22 +71,7 @@ TEST(WorkspaceNodeTest, ARestartedStoreReattachesEveryPaneToItsOwnShell) {
     StoreFixture f;
     auto project = f.project("alpha");
     auto client = std::make_shared<hl::UnixSocketClient>(node.socketPath());
-    auto build = [&] {
-        hl::WorkspaceStoreOptions options;
-        options.defaults = f.prefs;
-        options.knownProjects = {project};
-        options.scratchRoot = f.scratchRoot();
-        options.scratchDirectoryProvider = [&](const QUuid& id) {
-            const auto path =
-                f.base / "Scratch" / id.toString(QUuid::WithoutBraces).toLower().toStdString();
-            std::filesystem::create_directories(path);
-            return QString::fromStdString(path.string());
-        };
-        options.client = client;
-        options.controllerHooks.ensureNodeRunning = [] {};
-        options.closeRetryPolicy = {[] {}, 50ms};
-        return std::make_unique<WorkspaceStore>(std::move(options));
-    };
+    auto build = [&] { return f.makeStore({project}, true, client); };
     auto connectedCount = [](WorkspaceStore& store, const QString& status) {
         int n = 0;
         for (auto* tab : store.tabs()) {

@@ -57,8 +57,7 @@ class WorkspaceRestoreTest : public ::testing::Test {
 };
 
 TEST_F(WorkspaceRestoreTest, UnreadableCurrentDataWinsOverLegacyAndIsNeverOverwritten) {
-    SavedWorkspace legacy{
-        std::nullopt, std::nullopt, {}, {tabOf(alpha.id, {projectPane(alpha.root)})}};
+    const SavedWorkspace legacy{.tabs = {tabOf(alpha.id, {projectPane(alpha.root)})}};
     store(WorkspaceStore::legacyKey, legacy.encoded());
     store(WorkspaceStore::storageKey, "{\"tabs\": [ not json");
     f.prefs->set("harborlattice.pending-closes.v1", std::vector<std::string>{"pending-1"});
@@ -72,7 +71,7 @@ TEST_F(WorkspaceRestoreTest, UnreadableCurrentDataWinsOverLegacyAndIsNeverOverwr
               "Saved workspace data is unreadable. Its original data was preserved.");
     EXPECT_TRUE(subject->retryablePendingCloseIDs().empty());
 
-    // Refused operations, a select and a close leave every stored byte in place.
+    // Refused operations leave every stored byte in place.
     EXPECT_FALSE(subject->openProject(alpha));
     subject->createScratchTerminal();
     subject->newTerminal();
@@ -84,16 +83,12 @@ TEST_F(WorkspaceRestoreTest, UnreadableCurrentDataWinsOverLegacyAndIsNeverOverwr
 }
 
 TEST_F(WorkspaceRestoreTest, LegacyDuplicatesAreRepairedAndMigratedCurrentOnesFreeze) {
-    auto legacyOf = [&] {
-        SavedWorkspace w{std::nullopt, std::nullopt, {}, {}};
-        w.tabs.push_back(tabOf(alpha.id, {projectPane(alpha.root, QString("dup")),
-                                          projectPane(alpha.root, QString("dup"))}));
-        return w;
-    };
     f.node->adopt("dup", alpha.root.toStdString());
 
     // Legacy: the second pane loses the session, and the new key is written.
-    const SavedWorkspace legacy = legacyOf();
+    const SavedWorkspace legacy{
+        .tabs = {tabOf(alpha.id, {projectPane(alpha.root, QString("dup")),
+                                  projectPane(alpha.root, QString("dup"))})}};
     store(WorkspaceStore::legacyKey, legacy.encoded());
     {
         auto subject = f.makeStore({alpha});
@@ -112,12 +107,11 @@ TEST_F(WorkspaceRestoreTest, LegacyDuplicatesAreRepairedAndMigratedCurrentOnesFr
     // the session, and nothing is rewritten.
     StoreFixture other;
     auto project = other.project("alpha");
-    SavedWorkspace current{std::nullopt, std::nullopt, {}, {}};
     SavedPane one{QUuid::createUuid(), QString("dup"),
                   PaneContext{project.id, project.root, std::nullopt}, true};
-    SavedPane two{QUuid::createUuid(), QString("dup"),
-                  PaneContext{project.id, project.root, std::nullopt}, true};
-    current.tabs.push_back(tabOf(project.id, {one, two}));
+    SavedPane two = one;
+    two.id = QUuid::createUuid();
+    const SavedWorkspace current{.tabs = {tabOf(project.id, {one, two})}};
     other.prefs->set(WorkspaceStore::storageKey,
                      hl::PreferenceData{current.encoded().toStdString()});
     auto subject = other.makeStore({project});
@@ -137,7 +131,6 @@ TEST_F(WorkspaceRestoreTest, LegacyDuplicatesAreRepairedAndMigratedCurrentOnesFr
 }
 
 TEST_F(WorkspaceRestoreTest, InvalidTabsAreCountedAndOnlyTheirMessageIsShown) {
-    SavedWorkspace saved{std::nullopt, std::nullopt, {}, {}};
     SavedTab leafWithoutPane = tabOf(alpha.id, {projectPane(alpha.root), projectPane(alpha.root)});
     leafWithoutPane.panes.pop_back();
     SavedTab paneWithoutLeaf = tabOf(alpha.id, {projectPane(alpha.root)});
@@ -158,10 +151,9 @@ TEST_F(WorkspaceRestoreTest, InvalidTabsAreCountedAndOnlyTheirMessageIsShown) {
     SavedTab duplicateTab = good;
     duplicateTab.panes[0].sessionID = QString("s1");  // also a duplicate session
     SavedTab goodScratch = tabOf(std::nullopt, {scratchPane()});
-    saved.tabs = {leafWithoutPane,  paneWithoutLeaf,  trailingSlash, unknownWithSlash,
-                  scratchWithoutID, scratchUpperCase, outsideRoot,   good,
-                  duplicateTab,     goodScratch};
-    store(saved);
+    store(SavedWorkspace{.tabs = {leafWithoutPane, paneWithoutLeaf, trailingSlash, unknownWithSlash,
+                                  scratchWithoutID, scratchUpperCase, outsideRoot, good,
+                                  duplicateTab, goodScratch}});
     const std::string bytes = f.stored(WorkspaceStore::storageKey);
 
     auto subject = f.makeStore({alpha});
@@ -175,18 +167,10 @@ TEST_F(WorkspaceRestoreTest, InvalidTabsAreCountedAndOnlyTheirMessageIsShown) {
     EXPECT_EQ(f.stored(WorkspaceStore::storageKey), bytes);
 
     // One invalid tab reads "was".
-    StoreFixture single;
-    auto project = single.project("alpha");
-    SavedWorkspace one{
-        std::nullopt,
-        std::nullopt,
-        {},
-        {tabOf(project.id,
-               {SavedPane{QUuid::createUuid(), std::nullopt,
-                          PaneContext{project.id, project.root + "/", std::nullopt}, false}})}};
-    single.prefs->set(WorkspaceStore::storageKey, hl::PreferenceData{one.encoded().toStdString()});
+    subject.reset();
+    store(SavedWorkspace{.tabs = {trailingSlash}});
     EXPECT_EQ(
-        single.makeStore({project})->errorMessage(),
+        f.makeStore({alpha})->errorMessage(),
         "1 structurally invalid saved tab was not opened; the stored data was not rewritten.");
 }
 
@@ -257,27 +241,6 @@ TEST_F(WorkspaceRestoreTest, ActiveWorkspaceFallsBackAndOrphansKeepTheirData) {
     // Neither names a remaining tab: the first tab's workspace.
     store(SavedWorkspace{QString("project:nothing"), QUuid::createUuid(), {}, {scratch, project}});
     EXPECT_EQ(f.makeStore({alpha})->activeWorkspaceID(), "scratch");
-}
-
-TEST_F(WorkspaceRestoreTest, AnUnreadableCatalogRestoresButSavesAndClosesNothing) {
-    store(SavedWorkspace{std::nullopt,
-                         std::nullopt,
-                         {},
-                         {tabOf(alpha.id, {projectPane(alpha.root, QString("s"))})}});
-    f.prefs->set("harborlattice.pending-closes.v1", std::vector<std::string>{"other"});
-    const std::string bytes = f.stored(WorkspaceStore::storageKey);
-    auto subject = f.makeStore({}, /*catalogIsReadable=*/false);
-    EXPECT_EQ(subject->tabs().size(), 1u);
-    EXPECT_TRUE(subject->retryablePendingCloseIDs().empty());
-    subject->closeTab(subject->tabs()[0]->id());
-    spinFor(std::chrono::milliseconds(100));
-    EXPECT_EQ(f.stored(WorkspaceStore::storageKey), bytes);
-    // The closed pane's session is recorded and closed all the same; the old
-    // pending id is not retried at this start.
-    ASSERT_TRUE(spinUntil([&] { return f.node->count("close_session") == 1; }));
-    spinFor(std::chrono::milliseconds(100));
-    EXPECT_EQ(f.node->count("close_session"), 1);
-    EXPECT_EQ(subject->closeLedger().pending(), std::set<QString>{"other"});
 }
 
 TEST_F(WorkspaceRestoreTest, SuspendedPanesAreReadAndClosedWithTheirProject) {

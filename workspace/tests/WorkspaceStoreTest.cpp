@@ -53,8 +53,7 @@ TEST_F(WorkspaceStoreTest, OpeningAProjectStartsAShellAndSavesItsSession) {
 
     const QJsonObject saved = savedJson(f);
     EXPECT_EQ(saved["activeWorkspaceID"].toString(), "project:" + alpha.id);
-    const QJsonObject savedPane =
-        saved["tabs"].toArray()[0].toObject()["panes"].toArray()[0].toObject();
+    const QJsonValue savedPane = saved.value("tabs")[0]["panes"][0];
     EXPECT_EQ(savedPane["sessionID"].toString(), *pane->sessionID());
     EXPECT_EQ(savedPane["isReplacement"].toBool(true), false);
     EXPECT_EQ(savedPane["context"].toObject()["cwd"].toString(), alpha.root);
@@ -93,13 +92,7 @@ TEST_F(WorkspaceStoreTest, SplittingAndClosingPanesKeepsTheLeftToRightOrder) {
     // The divider's ratio is saved, clamped.
     store->setSplitRatio(tab->layout().id(), 0.95);
     EXPECT_EQ(tab->layout().ratio(), 0.9);
-    EXPECT_EQ(savedJson(f)["tabs"]
-                  .toArray()[0]
-                  .toObject()["layout"]
-                  .toObject()["split"]
-                  .toObject()["ratio"]
-                  .toDouble(),
-              0.9);
+    EXPECT_EQ(savedJson(f).value("tabs")[0]["layout"]["split"]["ratio"].toDouble(), 0.9);
 
     // Closing b selects c, its successor; closing the last selects the new last.
     store->selectPane(b);
@@ -218,23 +211,12 @@ TEST_F(WorkspaceStoreTest, NewTerminalTakesTheDirectoryOfTheFirstPaneAndRenamesA
     store->openProject(alpha);
     EXPECT_EQ(store->errorMessage(), std::nullopt);
     // A store restarted from a save whose first pane lives in a subdirectory.
-    QJsonObject saved = savedJson(f);
-    QJsonArray tabs = saved["tabs"].toArray();
-    QJsonObject tab = tabs[0].toObject();
-    QJsonArray panes = tab["panes"].toArray();
-    QJsonObject pane = panes[0].toObject();
-    QJsonObject context = pane["context"].toObject();
-    context["cwd"] = alpha.root + "/sub";
-    pane["context"] = context;
-    pane.remove("sessionID");
-    panes[0] = pane;
-    tab["panes"] = panes;
-    tabs[0] = tab;
-    saved["tabs"] = tabs;
+    auto saved =
+        hl::SavedWorkspace::decode(QByteArray::fromStdString(f.stored(WorkspaceStore::storageKey)));
+    saved.tabs[0].panes[0].context.cwd = alpha.root + "/sub";
+    saved.tabs[0].panes[0].sessionID.reset();
     store.reset();
-    f.prefs->set(
-        WorkspaceStore::storageKey,
-        hl::PreferenceData{QJsonDocument(saved).toJson(QJsonDocument::Compact).toStdString()});
+    f.prefs->set(WorkspaceStore::storageKey, hl::PreferenceData{saved.encoded().toStdString()});
 
     auto restarted = f.makeStore({alpha});
     restarted->newTerminal();
@@ -263,19 +245,24 @@ TEST_F(WorkspaceStoreTest, NewTerminalTakesTheDirectoryOfTheFirstPaneAndRenamesA
     EXPECT_EQ(restarted->errorMessage(), "Could not create a private scratch directory.");
 }
 
-TEST_F(WorkspaceStoreTest, AStoreThatCannotSaveRefusesChangesButSelectsAndCloses) {
+TEST_F(WorkspaceStoreTest, AnUnreadableCatalogRefusesChangesButSelectsAndCloses) {
     auto alpha = f.project("alpha");
     {
         auto writable = f.makeStore({alpha});
         writable->openProject(alpha);
         writable->split(true);
         writable->createScratchTerminal();
+        for (auto* tab : writable->tabs())
+            for (auto* pane : tab->panes())
+                ASSERT_TRUE(spinUntil([&] { return pane->sessionID().has_value(); }));
     }
+    f.prefs->set(hl::SessionCloseLedger::storageKey, std::vector<std::string>{"other"});
     const std::string before = f.stored(WorkspaceStore::storageKey);
 
     auto store = f.makeStore({alpha}, /*catalogIsReadable=*/false);
     EXPECT_FALSE(store->workspaceMutationsAreAllowed());
     ASSERT_EQ(store->tabs().size(), 2u) << "the saved tabs still open";
+    EXPECT_TRUE(store->retryablePendingCloseIDs().empty());
     EXPECT_FALSE(store->openProject(alpha));
     EXPECT_EQ(store->errorMessage(),
               "The saved project catalog is unreadable. No terminal was opened.");
@@ -302,6 +289,8 @@ TEST_F(WorkspaceStoreTest, AStoreThatCannotSaveRefusesChangesButSelectsAndCloses
     }
 
     // Selection and closing work on the live model; nothing reaches the preferences.
+    // The closed panes' sessions are closed all the same, but the earlier pending
+    // close is not retried at this start.
     store->selectWorkspace("project:" + alpha.id);
     EXPECT_EQ(store->errorMessage(), std::nullopt);
     store->selectAdjacentPane(1);
@@ -309,6 +298,10 @@ TEST_F(WorkspaceStoreTest, AStoreThatCannotSaveRefusesChangesButSelectsAndCloses
     EXPECT_EQ(projectTab->paneCount(), 1u);
     store->closeTab(projectTab->id());
     EXPECT_EQ(store->tabs().size(), 1u);
+    ASSERT_TRUE(spinUntil([&] { return f.node->count("close_session") == 2; }));
+    hl::test::spinFor(std::chrono::milliseconds(100));
+    EXPECT_EQ(f.node->count("close_session"), 2);
+    EXPECT_EQ(store->closeLedger().pending(), std::set<QString>{"other"});
     EXPECT_EQ(f.stored(WorkspaceStore::storageKey), before);
 }
 

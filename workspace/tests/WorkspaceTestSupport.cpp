@@ -85,6 +85,13 @@ void spinFor(std::chrono::milliseconds span) {
     spinUntil([] { return false; }, span);
 }
 
+std::string history(const TerminalController& controller) {
+    QByteArray bytes;
+    for (const auto& chunk : controller.rendererHistory())
+        bytes += QByteArray::fromBase64(QByteArray::fromStdString(chunk));
+    return bytes.toStdString();
+}
+
 StoreFixture::StoreFixture()
     : base(std::filesystem::canonical(dir.path())),
       prefs(Preferences::open(dir / "prefs.sqlite3")) {
@@ -95,8 +102,9 @@ QString StoreFixture::scratchRoot() const {
     return QString::fromStdString((base / "Scratch").string());
 }
 
-std::unique_ptr<WorkspaceStore> StoreFixture::makeStore(std::vector<ProjectRecord> projects,
-                                                        bool catalogIsReadable) {
+std::unique_ptr<WorkspaceStore> StoreFixture::makeStore(
+    std::vector<ProjectRecord> projects, bool catalogIsReadable,
+    std::shared_ptr<NodeClientTransport> client) {
     WorkspaceStoreOptions options;
     options.defaults = prefs;
     options.knownProjects = std::move(projects);
@@ -109,7 +117,7 @@ std::unique_ptr<WorkspaceStore> StoreFixture::makeStore(std::vector<ProjectRecor
         std::filesystem::create_directories(path);
         return QString::fromStdString(path.string());
     };
-    options.client = node;
+    options.client = client ? std::move(client) : node;
     options.controllerHooks.ensureNodeRunning = [] {};
     options.controllerHooks.retryDelay = std::chrono::milliseconds(50);
     options.closeRetryPolicy = {[] {}, std::chrono::milliseconds(20)};

@@ -46,12 +46,17 @@ bool spinUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds timeout = std::chrono::seconds(10));
 void spinFor(std::chrono::milliseconds span);
 
+// Everything a controller's renderer has been given, decoded.
+std::string history(const TerminalController& controller);
+
 // A place for one store's preferences, scratch folders and project folders.
 class StoreFixture {
   public:
     StoreFixture();
+    // A store on `client`, or on the in-memory node when it is empty.
     std::unique_ptr<WorkspaceStore> makeStore(std::vector<ProjectRecord> projects = {},
-                                              bool catalogIsReadable = true);
+                                              bool catalogIsReadable = true,
+                                              std::shared_ptr<NodeClientTransport> client = {});
     // A project whose root is a fresh folder named `name`.
     ProjectRecord project(const QString& name);
     QString scratchRoot() const;
