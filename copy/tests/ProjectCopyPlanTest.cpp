@@ -48,7 +48,6 @@ TEST(ProjectCopyPlanTest, CommandLinesAreExact) {
                            "/opt/bin/ssh -o BatchMode=yes -o ConnectTimeout=10 -o "
                            "StrictHostKeyChecking=accept-new",
                            "--compress", "--"}));
-    EXPECT_EQ(Plan::authenticationCommand(kOrigin), "ssh-copy-id ada@studio.example.ts.net");
     EXPECT_EQ(Plan::shellQuote(""), "''");
 }
 
@@ -61,7 +60,6 @@ TEST(ProjectCopyPlanTest, CompressionOnlyForManySmallFiles) {
 
 TEST(ProjectCopyPlanTest, StagingFolderIsBesideTheDestinationAndNamedByIdentity) {
     EXPECT_EQ(Plan::fnv1a64(""), 0xcbf29ce484222325ull);
-    EXPECT_EQ(Plan::fnv1a64("a"), 0xaf63dc4c8601ec8cull);
     EXPECT_EQ(Plan::stagingPath("a", "/one/two"), "/one/.harborlattice-af63dc4c8601ec8c-partial");
     EXPECT_EQ(Plan::stagingPath("a", "/top"), "/.harborlattice-af63dc4c8601ec8c-partial");
     EXPECT_EQ(Plan::stagingPath("a", "/"), std::nullopt);
@@ -89,7 +87,6 @@ TEST(ProjectCopyPlanTest, OriginChecks) {
     EXPECT_FALSE(with([](auto& o) { o.root = "/a/../b"; }));
     EXPECT_FALSE(with([](auto& o) { o.root = "/a/b/"; }));
     EXPECT_FALSE(with([](auto& o) { o.root = "/a/\nb"; }));
-    EXPECT_TRUE(with([](auto& o) { o.root = "/a/-it's a dir"; }));
 }
 
 TEST(ProjectCopyPlanTest, FailuresAreReadFromTheComplaint) {

@@ -28,21 +28,30 @@ namespace hl::test {
 
 namespace {
 
-// Runs a command to its end with output to /dev/null; true on status 0.
-bool runQuietly(const std::vector<std::string>& command) {
-    std::vector<std::string> copy = command;
+// Starts a command with no input and its output to /dev/null, its errors to
+// `log` when one is named; -1 when it cannot start.
+pid_t spawn(std::vector<std::string> command, char* const* envp, const std::string& log = {}) {
     std::vector<char*> argv;
-    for (auto& text : copy)
+    for (auto& text : command)
         argv.push_back(text.data());
     argv.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
+    if (!log.empty())
+        posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND,
+                                         0600);
     pid_t pid = -1;
-    const int launched = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), environ);
+    const int launched = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp);
     posix_spawn_file_actions_destroy(&actions);
-    if (launched != 0) return false;
+    return launched == 0 ? pid : -1;
+}
+
+// Runs a command to its end; true on status 0.
+bool runQuietly(const std::vector<std::string>& command) {
+    const pid_t pid = spawn(command, environ);
+    if (pid < 0) return false;
     int status = 0;
     while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
     }
@@ -74,13 +83,6 @@ bool accepts(int port) {
         ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0;
     ::close(fd);
     return connected;
-}
-
-std::string readText(const fs::path& path) {
-    std::ifstream in(path);
-    std::stringstream text;
-    text << in.rdbuf();
-    return text.str();
 }
 
 void writeText(const fs::path& path, const std::string& text) {
@@ -120,26 +122,18 @@ TestSshServer::TestSshServer() {
     config.close();
     // A saved key for the changed host that is not the server's.
     writeText(folder_ / "home/.ssh/known_hosts",
-              "origin-changed-key " + readText(folder_ / "other_host_key.pub"));
+              "origin-changed-key " + readFile(folder_ / "other_host_key.pub"));
 
     for (const auto& [name, value] : std::vector<std::pair<std::string, std::string>>{
              {"LD_PRELOAD", "libnss_wrapper.so"},
              {"NSS_WRAPPER_PASSWD", (folder_ / "passwd").string()},
              {"NSS_WRAPPER_GROUP", (folder_ / "group").string()},
-             {"HOME", home}}) {
-        const char* previous = std::getenv(name.c_str());
-        saved_.push_back({name, previous ? std::optional<std::string>(previous) : std::nullopt});
-        ::setenv(name.c_str(), value.c_str(), 1);
-    }
+             {"HOME", home}})
+        environment_.push_back(std::make_unique<ScopedEnv>(name, value));
 }
 
+// The environment comes back as the members go, after the server has stopped.
 TestSshServer::~TestSshServer() {
-    for (auto it = saved_.rbegin(); it != saved_.rend(); ++it) {
-        if (it->value)
-            ::setenv(it->name.c_str(), it->value->c_str(), 1);
-        else
-            ::unsetenv(it->name.c_str());
-    }
     stopServer();
     if (!folder_.empty()) {
         std::error_code ignored;
@@ -177,7 +171,7 @@ bool TestSshServer::prepare() {
     // The account database with this user's home and shell replaced: ssh finds
     // the test home's configuration, and the remote side runs a plain /bin/sh
     // in it, away from the user's start-up files.
-    std::istringstream accounts(readText("/etc/passwd"));
+    std::istringstream accounts(readFile("/etc/passwd"));
     std::string passwd, line;
     const std::string prefix = userName() + ":";
     while (std::getline(accounts, line))
@@ -185,7 +179,7 @@ bool TestSshServer::prepare() {
     passwd += prefix + "x:" + std::to_string(::getuid()) + ":" + std::to_string(::getgid()) +
               ":test:" + (folder_ / "home").string() + ":/bin/sh\n";
     writeText(folder_ / "passwd", passwd);
-    writeText(folder_ / "group", readText("/etc/group"));
+    writeText(folder_ / "group", readFile("/etc/group"));
     return true;
 }
 
@@ -214,10 +208,6 @@ bool TestSshServer::startServer(int port) {
         remoteFolder().string(),
         localFolder().string(),
         config.string()};
-    std::vector<char*> argv;
-    for (auto& text : command)
-        argv.push_back(text.data());
-    argv.push_back(nullptr);
     std::vector<std::string> environment;
     for (char** entry = environ; *entry; ++entry) {
         const std::string text = *entry;
@@ -232,31 +222,23 @@ bool TestSshServer::startServer(int port) {
         envp.push_back(text.data());
     envp.push_back(nullptr);
     const std::string log = (folder_ / "sshd.log").string();
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, 0, "/dev/null", O_RDONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 1, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, 2, log.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-    pid_t pid = -1;
-    const int launched = ::posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
-    posix_spawn_file_actions_destroy(&actions);
-    if (launched != 0) {
+    pid_ = spawn(command, envp.data(), log);
+    if (pid_ < 0) {
         failure_ = "cannot start sshd through unshare";
         return false;
     }
-    pid_ = pid;
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(30);
     while (std::chrono::steady_clock::now() < deadline) {
         int status = 0;
         if (::waitpid(pid_, &status, WNOHANG) == pid_) {
             pid_ = -1;
-            failure_ = "sshd exited: " + readText(log);
+            failure_ = "sshd exited: " + readFile(log);
             return false;
         }
         if (accepts(port)) return true;
         std::this_thread::sleep_for(std::chrono::milliseconds(50));
     }
-    failure_ = "sshd did not listen within 30 s: " + readText(log);
+    failure_ = "sshd did not listen within 30 s: " + readFile(log);
     stopServer();
     return false;
 }

@@ -11,10 +11,11 @@
 
 #include <sys/types.h>
 #include <filesystem>
-#include <optional>
+#include <memory>
 #include <string>
 
 #include "ProjectCopyPlan.h"
+#include "TestSupport.h"
 
 namespace hl::test {
 
@@ -54,11 +55,7 @@ class TestSshServer {
     std::string failure_;
     pid_t pid_ = -1;
     int port_ = 0;
-    struct SavedVariable {
-        std::string name;
-        std::optional<std::string> value;
-    };
-    std::vector<SavedVariable> saved_;
+    std::vector<std::unique_ptr<ScopedEnv>> environment_;
 };
 
 }  // namespace hl::test

@@ -164,20 +164,14 @@ class InstalledApplication : public ::testing::Test {
     std::vector<pid_t> helpers_;
 };
 
-TEST_F(InstalledApplication, TheTreeHoldsTheProgramsAndTheirDataAndNothingPointsBack) {
-    for (const char* program : {"bin/harborlattice", "bin/harborlattice-node"})
-        EXPECT_EQ(::access((prefix / program).c_str(), X_OK), 0) << program;
-    for (const char* asset :
-         {"xterm.js", "xterm.css", "addon-fit.js", "addon-web-links.js", "addon-search.js"})
-        EXPECT_TRUE(fs::is_regular_file(prefix / "share/harborlattice/Terminal" / asset)) << asset;
-
+// Which files the tree holds is checked on the package (debian_package); that
+// the programs run and find their assets, by the next test.
+TEST_F(InstalledApplication, TheLauncherEntryNamesTheInstalledProgramAndNothingPointsBack) {
     // The launcher entry names the installed program and the installed icon.
     const fs::path entry = prefix / "share/applications" / (appID + ".desktop");
     const std::string desktop = readFile(entry);
     EXPECT_NE(desktop.find("\nExec=harborlattice\n"), std::string::npos) << desktop;
     EXPECT_NE(desktop.find("\nIcon=" + appID + "\n"), std::string::npos) << desktop;
-    EXPECT_TRUE(
-        fs::is_regular_file(prefix / "share/icons/hicolor/scalable/apps" / (appID + ".svg")));
     const std::string metainfo = readFile(prefix / "share/metainfo" / (appID + ".metainfo.xml"));
     EXPECT_NE(metainfo.find("<launchable type=\"desktop-id\">" + appID + ".desktop</launchable>"),
               std::string::npos);

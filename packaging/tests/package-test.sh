@@ -43,10 +43,6 @@ LC_ALL=C sort -o "$work/expected" "$work/expected"
 LC_ALL=C sort -o "$work/files" "$work/files"
 diff -u "$work/expected" "$work/files" >&2 || fail "the package's file list differs from the expected one"
 
-# The unpacked data pass the desktop's validators where they lie.
-desktop-file-validate "$work/root/usr/share/applications/$app.desktop" || fail "desktop-file-validate"
-appstreamcli validate --no-net "$work/root/usr/share/metainfo/$app.metainfo.xml" >&2 || fail "appstreamcli validate"
-
 # Depends comes from the programs' shared libraries.
 depends="$(dpkg-deb -f "$deb" Depends)"
 echo "Depends: $depends"
