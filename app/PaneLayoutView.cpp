@@ -6,6 +6,7 @@
 #include <QPainter>
 
 #include "TerminalPaneView.h"
+#include "XtermWebView.h"
 
 namespace hl {
 
@@ -54,9 +55,11 @@ PaneLayoutView::PaneLayoutView(TerminalTab* tab, SelectCallback onSelect,
                                SetRatioCallback onSetRatio, QWidget* parent)
     : QWidget(parent),
       tab_(tab),
+      document_(new XtermWebView(this)),
       onSelect_(std::move(onSelect)),
       onSetRatio_(std::move(onSetRatio)) {
     setObjectName("paneLayout");
+    document_->lower();
     connect(tab, &TerminalTab::layoutChanged, this, &PaneLayoutView::relayout);
     connect(tab, &TerminalTab::panesChanged, this, &PaneLayoutView::relayout);
     connect(tab, &TerminalTab::selectedPaneIDChanged, this, &PaneLayoutView::relayout);
@@ -80,6 +83,7 @@ const DividerDrag* PaneLayoutView::drag(const QUuid& splitID) const {
 
 void PaneLayoutView::resizeEvent(QResizeEvent* event) {
     QWidget::resizeEvent(event);
+    document_->setGeometry(rect());
     relayout();
 }
 
@@ -92,6 +96,8 @@ void PaneLayoutView::relayout() {
             ++it;
             continue;
         }
+        // The terminal leaves the document with its pane, before the next placement.
+        document_->close(it->first);
         if (it->second) {
             it->second->hide();
             it->second->deleteLater();
@@ -123,7 +129,7 @@ void PaneLayoutView::place(const PaneLayout& node, const QRectF& area, std::set<
         if (!view) {
             const QUuid id = node.id();
             view = new TerminalPaneView(
-                pane, [this, id] { onSelect_(id); }, this);
+                pane, document_, [this, id] { onSelect_(id); }, this);
             view->show();
         }
         view->setSelected(tab_->selectedPaneID() == node.id());

@@ -1,6 +1,7 @@
 // PaneLayoutView: the panes of one tab laid out by its split tree. Every pane
 // view and every divider is a direct child, placed by walking the tree, so that
-// a change of shape moves widgets and never rebuilds a renderer. A divider drag
+// a change of shape moves widgets and never rebuilds a renderer. Under them
+// lies the tab's one terminal document, which draws every pane's terminal. A divider drag
 // keeps its state per split; a new view (a change of tab) starts with none.
 #pragma once
 
@@ -18,6 +19,7 @@
 namespace hl {
 
 class TerminalPaneView;
+class XtermWebView;
 
 // The 6-point bar between the children of a split; reports the pointer's
 // translation along the axis since the press.
@@ -60,6 +62,7 @@ class PaneLayoutView : public QWidget {
 
     TerminalTab* tab() const { return tab_; }
     TerminalPaneView* paneView(const QUuid& paneID) const;
+    XtermWebView* document() const { return document_; }
     SplitDivider* divider(const QUuid& splitID) const;
     // The drag state of a split, for observers.
     const DividerDrag* drag(const QUuid& splitID) const;
@@ -76,6 +79,7 @@ class PaneLayoutView : public QWidget {
     void dividerReleased(const QUuid& splitID);
 
     QPointer<TerminalTab> tab_;
+    XtermWebView* document_;
     SelectCallback onSelect_;
     SetRatioCallback onSetRatio_;
     std::map<QUuid, QPointer<TerminalPaneView>> paneViews_;

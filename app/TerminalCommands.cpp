@@ -96,16 +96,9 @@ TerminalController* TerminalCommands::selectedController() const {
     return pane ? &pane->controller() : nullptr;
 }
 
-XtermWebView* TerminalCommands::activeTerminal() const {
-    for (QWidget* each = QApplication::focusWidget(); each; each = each->parentWidget()) {
-        if (auto* view = qobject_cast<XtermWebView*>(each)) return view;
-    }
+XtermCoordinator* TerminalCommands::activeTerminal() const {
     TerminalController* selected = selectedController();
-    if (!selected) return nullptr;
-    for (auto* view : window_->findChildren<XtermWebView*>()) {
-        if (view->coordinator().controller() == selected) return view;
-    }
-    return nullptr;
+    return selected ? qobject_cast<XtermCoordinator*>(selected->surface()) : nullptr;
 }
 
 QLineEdit* TerminalCommands::findField() const {
@@ -117,7 +110,7 @@ void TerminalCommands::copy() {
     if (auto* field = qobject_cast<QLineEdit*>(QApplication::focusWidget())) {
         field->copy();
     } else if (auto* terminal = activeTerminal()) {
-        terminal->copySelection();
+        XtermWebView::copySelection(*terminal);
     }
 }
 
@@ -125,7 +118,7 @@ void TerminalCommands::paste() {
     if (auto* field = qobject_cast<QLineEdit*>(QApplication::focusWidget())) {
         field->paste();
     } else if (auto* terminal = activeTerminal()) {
-        terminal->pasteClipboard();
+        XtermWebView::pasteClipboard(*terminal);
     }
 }
 
@@ -133,7 +126,7 @@ void TerminalCommands::selectAll() {
     if (auto* field = qobject_cast<QLineEdit*>(QApplication::focusWidget())) {
         field->selectAll();
     } else if (auto* terminal = activeTerminal()) {
-        terminal->coordinator().selectAll();
+        terminal->selectAll();
     }
 }
 
@@ -197,7 +190,7 @@ bool TerminalCommands::eventFilter(QObject* watched, QEvent* event) {
         }
         matches_->hide();
         findField_->setTextMargins(0, 0, 0, 0);
-        if (auto* terminal = activeTerminal()) terminal->coordinator().takeKeyboard();
+        if (auto* terminal = activeTerminal()) terminal->takeKeyboard();
         return true;
     }
     return false;

@@ -30,7 +30,7 @@ class QMenu;
 
 namespace hl {
 
-class XtermWebView;
+class XtermCoordinator;
 
 class TerminalCommands : public QObject {
     Q_OBJECT
@@ -47,7 +47,8 @@ class TerminalCommands : public QObject {
     // Every entry with keys, for the window's filter that keeps them from the page.
     const QList<QAction*>& actions() const { return actions_; }
     QAction* action(const QString& objectName) const;
-    XtermWebView* activeTerminal() const;
+    // The terminal of the selected pane, when its document shows it.
+    XtermCoordinator* activeTerminal() const;
     QLineEdit* findField() const;
 
     void copy();

@@ -5,6 +5,7 @@
 #include <QFontDatabase>
 #include <QHBoxLayout>
 #include <QLabel>
+#include <QMouseEvent>
 #include <QPainter>
 #include <QTimer>
 #include <QVBoxLayout>
@@ -37,19 +38,22 @@ class StatusDot : public QWidget {
     bool connected_ = false;
 };
 
-TerminalPaneView::TerminalPaneView(TerminalPane* pane, std::function<void()> onSelect,
-                                   QWidget* parent)
+TerminalPaneView::TerminalPaneView(TerminalPane* pane, XtermWebView* document,
+                                   std::function<void()> onSelect, QWidget* parent)
     : QWidget(parent),
       pane_(pane),
       controller_(&pane->controller()),
+      document_(document),
       onSelect_(std::move(onSelect)) {
     setObjectName("pane." + pane->id().toString(QUuid::WithoutBraces));
     auto* column = new QVBoxLayout(this);
     column->setContentsMargins(1, 1, 1, 1);
     column->setSpacing(0);
 
-    terminal_ = new XtermWebView(controller_, this);
+    terminal_ = new QWidget(this);
     terminal_->setObjectName("pane.terminal");
+    terminal_->setAttribute(Qt::WA_TransparentForMouseEvents);
+    document_->open(pane->id(), controller_);
     column->addWidget(terminal_, 1);
 
     statusLine_ = new QWidget(this);
@@ -88,7 +92,28 @@ TerminalPaneView::TerminalPaneView(TerminalPane* pane, std::function<void()> onS
     setSelected(false);
 }
 
-TerminalPaneView::~TerminalPaneView() = default;
+TerminalPaneView::~TerminalPaneView() {
+    if (document_ && pane_) document_->close(pane_->id());
+}
+
+void TerminalPaneView::placeTerminal() {
+    const QRect place = terminal_->geometry();
+    setMask(QRegion(rect()) - QRegion(place));
+    if (document_ && pane_)
+        document_->place(
+            pane_->id(),
+            QRect(document_->mapFrom(parentWidget(), pos()) + place.topLeft(), place.size()));
+}
+
+void TerminalPaneView::moveEvent(QMoveEvent* event) {
+    QWidget::moveEvent(event);
+    placeTerminal();
+}
+
+void TerminalPaneView::resizeEvent(QResizeEvent* event) {
+    QWidget::resizeEvent(event);
+    placeTerminal();
+}
 
 void TerminalPaneView::setSelected(bool selected) {
     selected_ = selected;
@@ -134,8 +159,22 @@ widgetOrNull(QObject* object) {
 
 bool TerminalPaneView::eventFilter(QObject* watched, QEvent* event) {
     const QEvent::Type type = event->type();
+    if (watched == terminal_ && (type == QEvent::Resize || type == QEvent::Move)) {
+        placeTerminal();
+        return false;
+    }
     if (type != QEvent::MouseButtonPress && type != QEvent::KeyPress) return false;
     QWidget* widget = widgetOrNull(watched);
+    // The document's widgets take the clicks on every terminal of the tab:
+    // a press counts for this pane where it lands on this pane's terminal.
+    if (type == QEvent::MouseButtonPress && widget != nullptr && document_ &&
+        (widget == document_ || document_->isAncestorOf(widget))) {
+        const QPointF global = static_cast<QMouseEvent*>(event)->globalPosition();
+        if (!selected_ && terminal_->rect().contains(terminal_->mapFromGlobal(global.toPoint())) &&
+            onSelect_)
+            onSelect_();
+        return false;
+    }
     // A key counts only where the keyboard is: keys sent on to a view that does
     // not have it (a command forwarded by the window) are not the user's choice.
     if (type == QEvent::KeyPress && widget != nullptr && !widget->hasFocus()) return false;

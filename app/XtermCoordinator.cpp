@@ -111,8 +111,7 @@ void XtermCoordinator::write(const QString& base64, bool replace) {
         pending_.emplace_back(base64, replace);
         return;
     }
-    evaluate("window.harborlattice.writeBase64(" + json(base64) + ", " +
-             (replace ? "true" : "false") + ")");
+    evaluate("writeBase64(" + json(base64) + ", " + (replace ? "true" : "false") + ")");
 }
 
 // Focus, blur and search are not queued: before "ready" they do nothing.
@@ -124,19 +123,19 @@ void XtermCoordinator::focus() {
 
 void XtermCoordinator::takeKeyboard() {
     if (onFocus) onFocus();
-    if (ready_) evaluate("window.harborlattice.focus()");
+    if (ready_) evaluate("focus()");
 }
 
 void XtermCoordinator::clearSearch() {
-    if (ready_) evaluate("window.harborlattice.clearSearch()");
+    if (ready_) evaluate("clearSearch()");
 }
 
 void XtermCoordinator::paste(const QString& text) {
-    if (ready_ && !text.isEmpty()) evaluate("window.harborlattice.paste(" + json(text) + ")");
+    if (ready_ && !text.isEmpty()) evaluate("paste(" + json(text) + ")");
 }
 
 void XtermCoordinator::selectAll() {
-    if (ready_) evaluate("window.harborlattice.selectAll()");
+    if (ready_) evaluate("selectAll()");
 }
 
 void XtermCoordinator::openLink(const QString& text) {
@@ -145,21 +144,20 @@ void XtermCoordinator::openLink(const QString& text) {
 
 void XtermCoordinator::setFontSize(int points) {
     fontSize_ = points;
-    if (ready_) evaluate("window.harborlattice.setFontSize(" + QString::number(points) + ")");
+    if (ready_) evaluate("setFontSize(" + QString::number(points) + ")");
 }
 
 void XtermCoordinator::resignFocus() {
-    if (ready_) evaluate("window.harborlattice.blur()");
+    if (ready_) evaluate("blur()");
 }
 
 void XtermCoordinator::search(const QString& text, bool backwards) {
     if (!ready_) return;
-    evaluate("window.harborlattice.search(" + json(text) + ", " + (backwards ? "true" : "false") +
-             ")");
+    evaluate("search(" + json(text) + ", " + (backwards ? "true" : "false") + ")");
 }
 
 void XtermCoordinator::evaluate(const QString& script) {
-    if (page_) page_->evaluate(script);
+    if (page_) page_->call(script);
 }
 
 void XtermCoordinator::didReceiveScriptMessage(const QString& name, const QJsonValue& body) {

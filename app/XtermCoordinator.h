@@ -22,12 +22,13 @@
 
 namespace hl {
 
-// What the coordinator needs of a page: evaluate script text, result dropped.
+// What the coordinator needs of a page: runs `call`, a method of this
+// terminal's interface with its arguments (`name(...)`), result dropped.
 class TerminalWebPage : public QObject {
     Q_OBJECT
   public:
     using QObject::QObject;
-    virtual void evaluate(const QString& script) = 0;
+    virtual void call(const QString& call) = 0;
 };
 
 class XtermCoordinator : public TerminalSurface {

@@ -9,6 +9,7 @@
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
+#include <QJsonObject>
 #include <QLineEdit>
 #include <QMenu>
 #include <QPlainTextEdit>
@@ -30,22 +31,23 @@ namespace hl {
 
 namespace {
 
-// Receives the page's posts and hands them to the coordinator.
+// Receives the page's posts and hands them to the view.
 class ScriptBridge : public QObject {
     Q_OBJECT
   public:
-    explicit ScriptBridge(XtermCoordinator* coordinator, QObject* parent)
-        : QObject(parent), coordinator_(coordinator) {}
+    using Receive = std::function<void(const QString&, const QJsonValue&)>;
+    ScriptBridge(Receive receive, QObject* parent)
+        : QObject(parent), receive_(std::move(receive)) {}
 
     // `body` is a JSON array holding the posted value.
     Q_INVOKABLE void post(const QString& name, const QString& body) {
         const QJsonDocument document = QJsonDocument::fromJson(body.toUtf8());
-        if (!document.isArray() || document.array().isEmpty() || !coordinator_) return;
-        coordinator_->didReceiveScriptMessage(name, document.array().at(0));
+        if (!document.isArray() || document.array().isEmpty()) return;
+        receive_(name, document.array().at(0));
     }
 
   private:
-    QPointer<XtermCoordinator> coordinator_;
+    Receive receive_;
 };
 
 // A page that loads the terminal document at its own address and nothing else.
@@ -81,17 +83,34 @@ bool anotherFieldHasKeyboard() {
            qobject_cast<QComboBox*>(focus);
 }
 
-// The coordinator's view of the page.
-class EnginePage : public TerminalWebPage {
+// One terminal's part of the page.
+class PaneTerminalPage : public TerminalWebPage {
   public:
-    EnginePage(QWebEnginePage* page, QObject* parent) : TerminalWebPage(parent), page_(page) {}
-    void evaluate(const QString& script) override {
-        if (page_) page_->runJavaScript(script);
+    PaneTerminalPage(QWebEnginePage* page, const QUuid& pane, QObject* parent)
+        : TerminalWebPage(parent),
+          page_(page),
+          receiver_("window.harborlattice.terminal(\"" + pane.toString(QUuid::WithoutBraces) +
+                    "\")?.") {}
+    void call(const QString& call) override {
+        if (page_) page_->runJavaScript(receiver_ + call);
     }
 
   private:
     QPointer<QWebEnginePage> page_;
+    QString receiver_;
 };
+
+QString rectLiteral(const QRect& rect) {
+    return QStringLiteral("{left: %1, top: %2, width: %3, height: %4}")
+        .arg(rect.x())
+        .arg(rect.y())
+        .arg(std::max(0, rect.width()))
+        .arg(std::max(0, rect.height()));
+}
+
+QString paneLiteral(const QUuid& pane) {
+    return "\"" + pane.toString(QUuid::WithoutBraces) + "\"";
+}
 
 }  // namespace
 
@@ -147,8 +166,8 @@ QString messageHandlerBridgeScript() {
     if (bridge) { send(name, body); } else { queue.push([name, body]); }
   }
   var handlers = {};
-  ["input", "resize", "openLink", "ready", "title", "bell", "selection", "pastePrimary", "link",
-   "searchResults"].forEach(function (name) {
+  ["loaded", "input", "resize", "openLink", "ready", "title", "bell", "selection", "pastePrimary",
+   "link", "searchResults"].forEach(function (name) {
     handlers[name] = { postMessage: function (body) { post(name, body); } };
   });
   window.webkit = { messageHandlers: handlers };
@@ -181,10 +200,8 @@ QString XtermWebView::document() {
     }
 }
 
-XtermWebView::XtermWebView(TerminalController* controller, QWidget* parent)
-    : QWidget(parent),
-      view_(new QWebEngineView(this)),
-      coordinator_(new XtermCoordinator(controller, {}, this)) {
+XtermWebView::XtermWebView(QWidget* parent) : QWidget(parent), view_(new QWebEngineView(this)) {
+    setObjectName("terminal.document");
     auto* layout = new QVBoxLayout(this);
     layout->setContentsMargins(0, 0, 0, 0);
     layout->addWidget(view_);
@@ -199,78 +216,209 @@ XtermWebView::XtermWebView(TerminalController* controller, QWidget* parent)
     bridge.setSourceCode(messageHandlerBridgeScript());
     page->scripts().insert(bridge);
     auto* channel = new QWebChannel(page);
-    channel->registerObject("harborlatticeBridge", new ScriptBridge(coordinator_, channel));
+    QPointer<XtermWebView> self(this);
+    channel->registerObject("harborlatticeBridge",
+                            new ScriptBridge(
+                                [self](const QString& name, const QJsonValue& message) {
+                                    if (self) self->receive(name, message);
+                                },
+                                channel));
     page->setWebChannel(channel);
     view_->setPage(page);
     // Once a page has loaded, the renderer holds the scripts every later page shares.
     connect(page, &QWebEnginePage::loadFinished, documentHandler(),
             &TerminalDocumentSchemeHandler::releaseDocuments);
     // A renderer that dies takes the document with it: load it again, and
-    // the controller repaints it from its history.
+    // every controller repaints its terminal from its history.
     connect(page, &QWebEnginePage::renderProcessTerminated, this,
             [this](QWebEnginePage::RenderProcessTerminationStatus status) {
                 if (status == QWebEnginePage::NormalTerminationStatus) return;
-                coordinator_->documentWasLost();
+                documentWasLost();
                 QTimer::singleShot(0, this, &XtermWebView::loadDocument);
             });
 
     view_->setContextMenuPolicy(Qt::CustomContextMenu);
     connect(view_, &QWidget::customContextMenuRequested, this, [this](QPoint position) {
-        QMenu* menu = contextMenu(position);
+        QMenu* menu = contextMenu(view_->mapTo(this, position));
+        if (!menu) return;
         menu->setAttribute(Qt::WA_DeleteOnClose);
         menu->popup(view_->mapToGlobal(position));
     });
-
-    coordinator_->setWebPage(new EnginePage(page, this));
-    coordinator_->onFocus = [this] { view_->setFocus(Qt::OtherFocusReason); };
-    coordinator_->mayTakeKeyboard = [] { return !anotherFieldHasKeyboard(); };
-    coordinator_->onSelection = [](const QString& text) {
-        QClipboard* clipboard = QGuiApplication::clipboard();
-        if (clipboard->supportsSelection()) clipboard->setText(text, QClipboard::Selection);
-    };
-    coordinator_->onPastePrimary = [this] {
-        QClipboard* clipboard = QGuiApplication::clipboard();
-        if (clipboard->supportsSelection())
-            coordinator_->paste(clipboard->text(QClipboard::Selection));
-    };
-    if (currentFontSize != defaultFontSize) coordinator_->setFontSize(currentFontSize);
-    coordinator_->bind(controller);
     loadDocument();
+}
+
+XtermWebView::~XtermWebView() {
+    // The page goes after this object's own part: it must not report back.
+    view_->page()->disconnect(this);
+    for (auto& [pane, terminal] : terminals_) {
+        if (terminal.coordinator) terminal.coordinator->detach();
+    }
 }
 
 void XtermWebView::loadDocument() {
     view_->page()->load(TerminalDocumentScheme::documentUrl());
 }
 
-bool XtermWebView::copySelection() {
-    const QString& text = coordinator_->selectionText();
+XtermCoordinator* XtermWebView::open(const QUuid& pane, TerminalController* controller) {
+    Terminal& terminal = terminals_[pane];
+    if (terminal.coordinator) {
+        terminal.coordinator->bind(controller);
+        return terminal.coordinator;
+    }
+    auto* coordinator = new XtermCoordinator(controller, {}, this);
+    terminal.coordinator = coordinator;
+    coordinator->setWebPage(new PaneTerminalPage(view_->page(), pane, coordinator));
+    coordinator->onFocus = [this] { view_->setFocus(Qt::OtherFocusReason); };
+    coordinator->mayTakeKeyboard = [] { return !anotherFieldHasKeyboard(); };
+    coordinator->onSelection = [](const QString& text) {
+        QClipboard* clipboard = QGuiApplication::clipboard();
+        if (clipboard->supportsSelection()) clipboard->setText(text, QClipboard::Selection);
+    };
+    QPointer<XtermCoordinator> guarded(coordinator);
+    coordinator->onPastePrimary = [guarded] {
+        QClipboard* clipboard = QGuiApplication::clipboard();
+        if (guarded && clipboard->supportsSelection())
+            guarded->paste(clipboard->text(QClipboard::Selection));
+    };
+    if (currentFontSize != defaultFontSize) coordinator->setFontSize(currentFontSize);
+    coordinator->bind(controller);
+    scheduleSend();
+    return coordinator;
+}
+
+void XtermWebView::close(const QUuid& pane) {
+    const auto found = terminals_.find(pane);
+    if (found == terminals_.end()) return;
+    if (XtermCoordinator* coordinator = found->second.coordinator) {
+        coordinator->detach();
+        coordinator->deleteLater();
+    }
+    const bool opened = found->second.opened;
+    terminals_.erase(found);
+    unsentPlacements_.erase(pane);
+    if (loaded_ && opened)
+        view_->page()->runJavaScript("window.harborlattice.close(" + paneLiteral(pane) + ")");
+}
+
+void XtermWebView::place(const QUuid& pane, const QRect& rect) {
+    const auto found = terminals_.find(pane);
+    if (found == terminals_.end() || found->second.rect == rect) return;
+    found->second.rect = rect;
+    unsentPlacements_[pane] = rect;
+    scheduleSend();
+}
+
+XtermCoordinator* XtermWebView::coordinator(const QUuid& pane) const {
+    const auto found = terminals_.find(pane);
+    return found == terminals_.end() ? nullptr : found->second.coordinator.data();
+}
+
+QList<QUuid> XtermWebView::panes() const {
+    QList<QUuid> open;
+    for (const auto& [pane, terminal] : terminals_)
+        open << pane;
+    return open;
+}
+
+std::optional<QUuid> XtermWebView::paneAt(QPoint position) const {
+    for (const auto& [pane, terminal] : terminals_) {
+        if (terminal.rect.contains(position)) return pane;
+    }
+    return std::nullopt;
+}
+
+void XtermWebView::scheduleSend() {
+    if (sendIsScheduled_ || !loaded_) return;
+    sendIsScheduled_ = true;
+    QTimer::singleShot(0, this, &XtermWebView::send);
+}
+
+void XtermWebView::send() {
+    sendIsScheduled_ = false;
+    if (!loaded_) return;
+    QString script;
+    for (auto& [pane, terminal] : terminals_) {
+        if (terminal.opened) continue;
+        terminal.opened = true;
+        unsentPlacements_.erase(pane);
+        script += "window.harborlattice.open(" + paneLiteral(pane) + ", " +
+                  rectLiteral(terminal.rect) + ");\n";
+    }
+    for (const auto& [pane, rect] : unsentPlacements_) {
+        script +=
+            "window.harborlattice.place(" + paneLiteral(pane) + ", " + rectLiteral(rect) + ");\n";
+    }
+    unsentPlacements_.clear();
+    if (!script.isEmpty()) view_->page()->runJavaScript(script);
+}
+
+void XtermWebView::documentDidLoad() {
+    loaded_ = true;
+    for (auto& [pane, terminal] : terminals_)
+        terminal.opened = false;
+    unsentPlacements_.clear();
+    send();
+}
+
+void XtermWebView::documentWasLost() {
+    loaded_ = false;
+    for (auto& [pane, terminal] : terminals_) {
+        terminal.opened = false;
+        if (terminal.coordinator) terminal.coordinator->documentWasLost();
+    }
+}
+
+void XtermWebView::receive(const QString& name, const QJsonValue& message) {
+    if (name == "loaded") {
+        documentDidLoad();
+        return;
+    }
+    const QJsonObject object = message.toObject();
+    const QUuid pane = QUuid::fromString(object.value("pane").toString());
+    if (pane.isNull()) return;
+    if (XtermCoordinator* target = coordinator(pane))
+        target->didReceiveScriptMessage(name, object.value("body"));
+}
+
+bool XtermWebView::copySelection(XtermCoordinator& terminal) {
+    const QString& text = terminal.selectionText();
     if (text.isEmpty()) return false;
     QGuiApplication::clipboard()->setText(text, QClipboard::Clipboard);
     return true;
 }
 
-void XtermWebView::pasteClipboard() {
-    coordinator_->paste(QGuiApplication::clipboard()->text(QClipboard::Clipboard));
+void XtermWebView::pasteClipboard(XtermCoordinator& terminal) {
+    terminal.paste(QGuiApplication::clipboard()->text(QClipboard::Clipboard));
 }
 
-QMenu* XtermWebView::contextMenu(QPoint) {
+QMenu* XtermWebView::contextMenu(QPoint position) {
+    const auto pane = paneAt(position);
+    QPointer<XtermCoordinator> terminal = pane ? coordinator(*pane) : nullptr;
+    if (!terminal) return nullptr;
     auto* menu = new QMenu(this);
     menu->setObjectName("terminal.menu");
-    QAction* copy = menu->addAction(QStringLiteral("Copy"), this, [this] { copySelection(); });
-    copy->setEnabled(!coordinator_->selectionText().isEmpty());
-    menu->addAction(QStringLiteral("Paste"), this, [this] { pasteClipboard(); });
-    menu->addAction(QStringLiteral("Select All"), this, [this] { coordinator_->selectAll(); });
+    QAction* copy = menu->addAction(QStringLiteral("Copy"), this, [terminal] {
+        if (terminal) copySelection(*terminal);
+    });
+    copy->setEnabled(!terminal->selectionText().isEmpty());
+    menu->addAction(QStringLiteral("Paste"), this, [terminal] {
+        if (terminal) pasteClipboard(*terminal);
+    });
+    menu->addAction(QStringLiteral("Select All"), this, [terminal] {
+        if (terminal) terminal->selectAll();
+    });
     menu->addSeparator();
     menu->addAction(QStringLiteral("Find…"), this, [this] {
         // The window's own Find command, which knows where the field is.
         if (auto* find = window()->findChild<QAction*>(QStringLiteral("edit.find")))
             find->trigger();
     });
-    const QString link = coordinator_->hoveredLink();
+    const QString link = terminal->hoveredLink();
     if (!link.isEmpty() && XtermCoordinator::safeExternalURL(link)) {
         menu->addSeparator();
-        menu->addAction(QStringLiteral("Open Link"), this,
-                        [this, link] { coordinator_->openLink(link); });
+        menu->addAction(QStringLiteral("Open Link"), this, [terminal, link] {
+            if (terminal) terminal->openLink(link);
+        });
     }
     return menu;
 }
@@ -282,19 +430,12 @@ int XtermWebView::fontSize() {
 void XtermWebView::setFontSizeForAll(int points) {
     currentFontSize = points;
     for (QWidget* widget : QApplication::allWidgets()) {
-        if (auto* view = qobject_cast<XtermWebView*>(widget))
-            view->coordinator().setFontSize(points);
+        auto* view = qobject_cast<XtermWebView*>(widget);
+        if (!view) continue;
+        for (auto& [pane, terminal] : view->terminals_) {
+            if (terminal.coordinator) terminal.coordinator->setFontSize(points);
+        }
     }
-}
-
-XtermWebView::~XtermWebView() {
-    // The page goes after this object's own part: it must not report back.
-    view_->page()->disconnect(this);
-    coordinator_->detach();
-}
-
-void XtermWebView::bind(TerminalController* controller) {
-    coordinator_->bind(controller);
 }
 
 }  // namespace hl

@@ -1,11 +1,18 @@
-// XtermWebView: the terminal renderer widget. It hosts the terminal document in
-// Qt WebEngine, gives the page `window.webkit.messageHandlers` over a web
-// channel (queueing posts made before the channel is up), loads only the
-// document itself, and lets an XtermCoordinator drive it.
+// XtermWebView: the terminal document of one tab. One Qt WebEngine page hosts
+// the terminals of every pane of the tab, each at the rectangle its pane view
+// gives it; the pane views lie over this view and leave those rectangles open.
+// The page's `window.webkit.messageHandlers` reach the host over a web channel
+// (posts made before the channel is up wait), each post naming its pane; the
+// page loads only the document itself. Every pane's terminal is driven by an
+// XtermCoordinator of its own.
 #pragma once
 
+#include <QPointer>
+#include <QRect>
+#include <QUuid>
 #include <QWidget>
 
+#include <map>
 #include <memory>
 #include <optional>
 
@@ -21,12 +28,21 @@ namespace hl {
 class XtermWebView : public QWidget {
     Q_OBJECT
   public:
-    explicit XtermWebView(TerminalController* controller, QWidget* parent = nullptr);
+    explicit XtermWebView(QWidget* parent = nullptr);
     ~XtermWebView() override;
 
-    // Hands this view to another controller.
-    void bind(TerminalController* controller);
-    XtermCoordinator& coordinator() { return *coordinator_; }
+    // Opens a terminal for `pane`, driven by a coordinator bound to
+    // `controller`; opening a pane that is open only binds it again.
+    XtermCoordinator* open(const QUuid& pane, TerminalController* controller);
+    // Closes the pane's terminal and lets go of its controller.
+    void close(const QUuid& pane);
+    // The pane's terminal moves to `rect`, in this view's coordinates.
+    void place(const QUuid& pane, const QRect& rect);
+    XtermCoordinator* coordinator(const QUuid& pane) const;
+    // The panes whose terminals are open here.
+    QList<QUuid> panes() const;
+    // The pane whose terminal lies under `position`, in this view's coordinates.
+    std::optional<QUuid> paneAt(QPoint position) const;
     QWebEngineView* webView() const { return view_; }
 
     // The composed document, or the one-line page shown when assets are missing.
@@ -39,10 +55,10 @@ class XtermWebView : public QWidget {
     // scripts; absent when an asset cannot be read.
     static std::optional<TerminalDocumentFiles> documentFiles();
 
-    // Puts the selection on the clipboard; false when nothing is selected.
-    bool copySelection();
-    // Pastes the clipboard's text as if typed.
-    void pasteClipboard();
+    // Puts a terminal's selection on the clipboard; false when nothing is selected.
+    static bool copySelection(XtermCoordinator& terminal);
+    // Pastes the clipboard's text into a terminal as if typed.
+    static void pasteClipboard(XtermCoordinator& terminal);
     // The menu shown for a right click at `position` (in this view's coordinates).
     QMenu* contextMenu(QPoint position);
 
@@ -52,10 +68,26 @@ class XtermWebView : public QWidget {
     static constexpr int defaultFontSize = 13;
 
   private:
+    struct Terminal {
+        QPointer<XtermCoordinator> coordinator;
+        QRect rect;
+        bool opened = false;
+    };
+
     void loadDocument();
+    void documentDidLoad();
+    void documentWasLost();
+    // A message the page posted: "loaded", or one naming its pane.
+    void receive(const QString& name, const QJsonValue& message);
+    // Sends the opens and placements made since the last send, in one script.
+    void scheduleSend();
+    void send();
 
     QWebEngineView* view_;
-    XtermCoordinator* coordinator_;
+    std::map<QUuid, Terminal> terminals_;
+    bool loaded_ = false;
+    bool sendIsScheduled_ = false;
+    std::map<QUuid, QRect> unsentPlacements_;
 };
 
 // The script run at document creation that defines the page's message handlers.

@@ -8,15 +8,44 @@ namespace {
 constexpr std::string_view documentHead =
     "<!doctype html><html><head><meta charset=\"utf-8\"><style>\n";
 
+// The body starts empty: every terminal gets a container of its own, placed by
+// the host. (xterm.js gives its own element the class "terminal" as well.)
 constexpr std::string_view pageStyle =
-    "\nhtml,body,#terminal{width:100%;height:100%;margin:0;overflow:hidden;background:#10131a}"
-    "\n</style></head><body><div id=\"terminal\"></div>\n<script>";
+    "\nhtml,body{width:100%;height:100%;margin:0;overflow:hidden;background:#10131a}"
+    "\nbody>.terminal{position:absolute;overflow:hidden;background:#10131a}"
+    "\n</style></head><body>\n<script>";
 
 constexpr std::string_view nextScript = "</script><script>";
 
 constexpr std::string_view ownScriptStart = "</script>\n<script>\n";
 
 constexpr std::string_view documentTail = "</script></body></html>";
+
+// What runs once for the whole document, up to the theme that every terminal shares.
+constexpr std::string_view documentStart = R"js((() => {
+window.alert = () => {};
+window.confirm = () => false;
+window.prompt = () => null;
+const terminalTheme = )js";
+
+constexpr std::string_view documentWide = R"js(;
+// A cursor blinks by a class on its terminal's container, set and cleared every
+// half second while that terminal has the keyboard, and shown whole after every
+// redraw. xterm.js's own blink is an animation that redraws the page at the
+// display's full rate for as long as the terminal has the keyboard.
+const blinkStyle = document.createElement('style');
+blinkStyle.textContent = `.terminal .xterm-cursor.xterm-cursor-blink { animation: none !important; }
+.terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-block {
+  background-color: inherit !important; color: ${terminalTheme.cursor} !important; }
+.terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-bar { box-shadow: none !important; }
+.terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-underline {
+  border-bottom-style: hidden !important; }`;
+document.head.appendChild(blinkStyle);
+// One terminal in its container, posting to the host through `host`. Nothing
+// in it is shared with another terminal. Returns its interface for the host,
+// its fit and its close.
+function startTerminal(container, host) {
+)js";
 
 constexpr std::string_view terminalCreation = R"js(const terminal = new Terminal({
   cursorBlink: true,
@@ -27,7 +56,8 @@ constexpr std::string_view terminalCreation = R"js(const terminal = new Terminal
   macOptionIsMeta: )js";
 
 constexpr std::string_view addonsAndMessages = R"js(
-const host = window.webkit.messageHandlers;
+// Set once the host has closed the terminal.
+let closed = false;
 // Output written as history or a replay is shown, never answered: the answers
 // to the queries in it (device attributes, cursor position, colours) would
 // reach the shell as keystrokes. What the user does meanwhile still counts.
@@ -60,10 +90,7 @@ terminal.options.linkHandler = {
   activate: (event, uri) => host.openLink.postMessage(uri),
   ...linkCallbacks,
 };
-window.alert = () => {};
-window.confirm = () => false;
-window.prompt = () => null;
-terminal.open(document.getElementById('terminal'));
+terminal.open(container);
 // The renderer measures a character's width the first time it draws it, one
 // layout of the whole page per character. Printable ASCII is measured here at
 // once, in one layout, with the renderer's own measuring element, and handed
@@ -90,24 +117,11 @@ function measureAsciiWidths() {
 measureAsciiWidths();
 if (terminal.element) terminal.element.setAttribute('aria-label', 'Terminal output');
 if (terminal.textarea) terminal.textarea.setAttribute('aria-label', 'Terminal input');
-// The cursor blinks by a class on the page, set and cleared every half second
-// while the terminal has the keyboard, and shown whole after every redraw.
-// xterm.js's own blink is an animation that redraws the page at the display's
-// full rate for as long as the terminal has the keyboard.
-const blinkStyle = document.createElement('style');
-blinkStyle.textContent = `#terminal .xterm-cursor.xterm-cursor-blink { animation: none !important; }
-#terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-block {
-  background-color: inherit !important; color: ${terminal.options.theme.cursor} !important; }
-#terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-bar { box-shadow: none !important; }
-#terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-underline {
-  border-bottom-style: hidden !important; }`;
-document.head.appendChild(blinkStyle);
-const terminalElement = document.getElementById('terminal');
 let cursorShownAt = 0;
 let blinkTimer = 0;
 function showCursor(off = false) {
-  if (terminalElement.classList.contains('cursor-off') !== off)
-    terminalElement.classList.toggle('cursor-off', off);
+  if (container.classList.contains('cursor-off') !== off)
+    container.classList.toggle('cursor-off', off);
 }
 terminal.onRender(() => {
   cursorShownAt = performance.now();
@@ -147,6 +161,7 @@ terminal.onSelectionChange(() => {
   selectionIsScheduled = true;
   setTimeout(() => {
     selectionIsScheduled = false;
+    if (closed) return;
     const selection = terminal.getSelection();
     if (selection === offeredSelection) return;
     offeredSelection = selection;
@@ -276,9 +291,16 @@ terminal.attachCustomKeyEventHandler(event => {
 });
 )js";
 
-constexpr std::string_view hostInterface =
-    R"js(new ResizeObserver(() => fitAddon.fit()).observe(document.body);
-fitAddon.fit();
+constexpr std::string_view terminalInterface =
+    R"js(// A container with no size (hidden, or not laid out yet) leaves the terminal
+// as it is: fitted to it, the terminal would shrink to a couple of cells and
+// take the shell's size with it.
+function fit() {
+  if (container.clientWidth > 0 && container.clientHeight > 0) fitAddon.fit();
+}
+const resizeObserver = new ResizeObserver(fit);
+resizeObserver.observe(container);
+fit();
 // Output waits here while the terminal still has much to parse: past its own
 // limit the terminal would throw writes away, and no output may be lost.
 const outputWaiting = [];
@@ -297,7 +319,7 @@ function writeToTerminal(bytes) {
     }
   });
 }
-window.harborlattice = {
+const api = {
   writeBase64(value, replace) {
     const text = atob(value);
     const bytes = new Uint8Array(text.length);
@@ -348,11 +370,95 @@ window.harborlattice = {
   setFontSize(size) {
     if (terminal.options.fontSize === size) return;
     terminal.options.fontSize = size;
-    fitAddon.fit();
+    fit();
     measureAsciiWidths();
   },
 };
-window.webkit.messageHandlers.ready.postMessage('');
+function close() {
+  closed = true;
+  outputWaiting.length = 0;
+  clearInterval(blinkTimer);
+  resizeObserver.disconnect();
+  terminal.dispose();
+}
+return { api, fit, close, terminal };
+}
+)js";
+
+// The host's side of the document: its terminals by id, and "loaded" once it
+// can open them.
+constexpr std::string_view documentInterface = R"js(const terminals = new Map();
+const paneChannels = ['input', 'resize', 'openLink', 'ready', 'title', 'bell', 'selection',
+  'pastePrimary', 'link', 'searchResults'];
+// What a terminal posts reaches the host as { pane, body }; once the terminal
+// is closed (or another has taken its id) it posts nothing more.
+function paneHandlers(id, isOpen) {
+  const handlers = {};
+  for (const name of paneChannels) {
+    handlers[name] = {
+      postMessage(body) {
+        if (isOpen()) window.webkit.messageHandlers[name].postMessage({ pane: id, body });
+      },
+    };
+  }
+  return handlers;
+}
+// A rectangle in CSS pixels: { left, top, width, height }.
+function placeContainer(container, rect) {
+  container.style.left = `${rect.left}px`;
+  container.style.top = `${rect.top}px`;
+  container.style.width = `${rect.width}px`;
+  container.style.height = `${rect.height}px`;
+}
+window.harborlattice = {
+  open(id, rect) {
+    if (terminals.has(id)) return;
+    const container = document.createElement('div');
+    container.className = 'terminal';
+    container.dataset.pane = id;
+    placeContainer(container, rect);
+    document.body.appendChild(container);
+    const opened = { container };
+    terminals.set(id, opened);
+    const isOpen = () => terminals.get(id) === opened;
+    const host = paneHandlers(id, isOpen);
+    try {
+      Object.assign(opened, startTerminal(container, host));
+    } catch (error) {
+      terminals.delete(id);
+      container.remove();
+      throw error;
+    }
+    // An interface the host kept past the close does nothing.
+    for (const [name, operation] of Object.entries(opened.api)) {
+      opened.api[name] = (...args) => (isOpen() ? operation(...args) : undefined);
+    }
+    host.ready.postMessage('');
+  },
+  place(id, rect) {
+    const opened = terminals.get(id);
+    if (!opened) return;
+    placeContainer(opened.container, rect);
+    opened.fit();
+  },
+  close(id) {
+    const opened = terminals.get(id);
+    if (!opened) return;
+    terminals.delete(id);
+    opened.close();
+    opened.container.remove();
+  },
+  terminal(id) {
+    return terminals.get(id)?.api;
+  },
+  // The xterm.js object itself, for looking into a terminal from the host's
+  // debugging tools; nothing of the host's own drives a terminal through it.
+  xterm(id) {
+    return terminals.get(id)?.terminal;
+  },
+};
+window.webkit.messageHandlers.loaded.postMessage('');
+})();
 )js";
 
 constexpr std::string_view boolean(bool value) {
@@ -377,16 +483,18 @@ std::string XtermConfiguration::theme() {
 }
 
 std::string XtermView::documentScript() {
-    std::string script(terminalCreation);
+    std::string script(documentStart);
+    script += XtermConfiguration::theme();
+    script += documentWide;
+    script += terminalCreation;
     script += boolean(XtermConfiguration::macOptionIsMeta);
     script += ",\n  screenReaderMode: ";
     script += boolean(XtermConfiguration::screenReaderMode);
-    script += ",\n  theme: ";
-    script += XtermConfiguration::theme();
-    script += ",\n});";
+    script += ",\n  theme: { ...terminalTheme },\n});";
     script += addonsAndMessages;
     script += bridge;
-    script += hostInterface;
+    script += terminalInterface;
+    script += documentInterface;
     return script;
 }
 

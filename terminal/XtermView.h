@@ -1,10 +1,21 @@
 // The terminal document: one HTML text with xterm.js, its addons, its style
 // sheet and this system's script inline, so the web view loads nothing else.
-// The script defines `window.harborlattice` (writeBase64, focus, blur, search,
-// clearSearch, paste, selectAll, setFontSize) for the host and posts "input",
-// "resize", "openLink" and "ready" to it, and besides them "title", "bell",
-// "selection", "pastePrimary", "link" (the link under the pointer) and
-// "searchResults". Output written as history or a replay is never answered.
+// One document holds the terminals of several panes, each in a container of its
+// own that the host places in CSS pixels; the page starts with none. The script
+// defines `window.harborlattice` for the host:
+//   open(id, rect)   rect = {left, top, width, height}: a new terminal there;
+//                    an id already open is left as it is
+//   place(id, rect)  moves and resizes it; the terminal fits its new size
+//   close(id)        disposes of it and removes its container
+//   terminal(id)     its interface (writeBase64, focus, blur, search,
+//                    clearSearch, paste, selectAll, setFontSize), or undefined
+// and posts "loaded" ('') once, when `window.harborlattice` is in place. Every
+// terminal posts { pane: id, body } on "input", "resize", "openLink", "ready"
+// (when it is set up), "title", "bell", "selection", "pastePrimary", "link"
+// (the link under the pointer) and "searchResults", and nothing once closed.
+// A terminal fits its container only while the container has a size, so a
+// hidden one never shrinks the shell. Output written as history or a replay is
+// never answered.
 #pragma once
 
 #include <array>
@@ -63,11 +74,12 @@ struct XtermView {
     static constexpr std::array<std::string_view, 4> scriptAssets{
         "xterm.js", "addon-fit.js", "addon-web-links.js", "addon-search.js"};
 
-    // The script that creates the terminal, wires it to the host and posts "ready".
+    // The document's own script: defines `window.harborlattice` and posts "loaded".
     static std::string documentScript();
 
     // Follows the enhanced keyboard protocol's flags (one stack per screen buffer)
-    // and gives Shift+Enter its enhanced encoding; expects `terminal` in scope.
+    // and gives Shift+Enter its enhanced encoding; expects `terminal` in scope
+    // (it runs once for every terminal).
     static std::string_view enhancedKeyboardBridge();
 };
 

@@ -48,11 +48,22 @@ struct RunningApp : hl::apptest::RunningApp {
         auto* tab = workspace().selectedTab();
         return tab ? &tab->pane(*tab->selectedPaneID())->controller() : nullptr;
     }
-    hl::XtermWebView* view(hl::TerminalController* controller) {
+    // A controller's terminal: the tab's document, the pane and its coordinator.
+    struct Terminal {
+        QPointer<hl::XtermWebView> view;
+        QUuid pane;
+        QPointer<hl::XtermCoordinator> coordinator;
+        explicit operator bool() const { return view && coordinator; }
+        bool isReady() const { return coordinator && coordinator->isReady(); }
+    };
+    Terminal view(hl::TerminalController* controller) {
         for (auto* each : window.findChildren<hl::XtermWebView*>()) {
-            if (each->coordinator().controller() == controller) return each;
+            for (const QUuid& pane : each->panes()) {
+                if (each->coordinator(pane)->controller() == controller)
+                    return {each, pane, each->coordinator(pane)};
+            }
         }
-        return nullptr;
+        return {};
     }
     // Presses a chord as the window system would deliver it.
     void press(Qt::Key key, Qt::KeyboardModifiers modifiers) {
@@ -60,11 +71,18 @@ struct RunningApp : hl::apptest::RunningApp {
     }
 };
 
-// The value of a script in the terminal's page; empty when it does not answer.
-QString evaluate(hl::XtermWebView* view, const QString& script) {
+using Terminal = RunningApp::Terminal;
+
+// The value of a script run with `terminal` naming the pane's terminal in its
+// page; empty when it does not answer.
+QString evaluate(const Terminal& view, const QString& script) {
     QString result;
     bool answered = false;
-    view->webView()->page()->runJavaScript(script, [&](const QVariant& value) {
+    if (!view) return result;
+    const QString wrapped = "(terminal => eval(" + hl::XtermCoordinator::json(script) +
+                            "))(window.harborlattice.xterm(\"" +
+                            view.pane.toString(QUuid::WithoutBraces) + "\"))";
+    view.view->webView()->page()->runJavaScript(wrapped, [&](const QVariant& value) {
         result = value.toString();
         answered = true;
     });
@@ -73,14 +91,14 @@ QString evaluate(hl::XtermWebView* view, const QString& script) {
 }
 
 // Every line of the terminal's buffer, scrollback included.
-QString screenText(hl::XtermWebView* view) {
+QString screenText(const Terminal& view) {
     return evaluate(view,
                     "(() => { const b = terminal.buffer.active; let t = '';"
                     " for (let i = 0; i < b.length; i += 1)"
                     " t += b.getLine(i).translateToString(true) + '\\n'; return t; })()");
 }
 
-bool screenShows(hl::XtermWebView* view, const QString& text) {
+bool screenShows(const Terminal& view, const QString& text) {
     return spinUntil([&] { return screenText(view).contains(text); }, 20s);
 }
 
@@ -135,16 +153,11 @@ TEST(TerminalWindowTest, EveryTerminalPageSharesOneRenderer) {
         }
         run.workspace().split(true);
         for (auto* pane : run.workspace().selectedTab()->panes()) {
-            ASSERT_TRUE(spinUntil(
-                [&] {
-                    auto* view = run.view(&pane->controller());
-                    return view && view->coordinator().isReady();
-                },
-                60s));
+            ASSERT_TRUE(spinUntil([&] { return run.view(&pane->controller()).isReady(); }, 60s));
         }
     }
     const auto views = run.window.findChildren<hl::XtermWebView*>();
-    ASSERT_EQ(views.size(), 6);
+    ASSERT_EQ(views.size(), 3) << "one document for each tab";
     std::set<qint64> pids;
     for (auto* view : views)
         pids.insert(view->webView()->page()->renderProcessPid());
@@ -158,9 +171,9 @@ TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {
     auto* first = run.selected();
     ASSERT_NE(first, nullptr);
     ASSERT_TRUE(connected(first));
-    auto* view = run.view(first);
-    ASSERT_NE(view, nullptr);
-    ASSERT_TRUE(spinUntil([&] { return view->coordinator().isReady(); }, 30s));
+    const Terminal view = run.view(first);
+    ASSERT_TRUE(view);
+    ASSERT_TRUE(spinUntil([&] { return view.isReady(); }, 30s));
 
     // The window's title follows the title a program gives the selected terminal.
     type(first, "printf '\\033]2;build-%s\\007' $((3*3))\r");
@@ -173,7 +186,7 @@ TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {
     ASSERT_TRUE(screenShows(view, "copy-42"));
     run.commands().action("edit.selectAll")->trigger();
     ASSERT_TRUE(
-        spinUntil([&] { return view->coordinator().selectionText().contains("copy-42"); }, 10s));
+        spinUntil([&] { return view.coordinator->selectionText().contains("copy-42"); }, 10s));
     QGuiApplication::clipboard()->clear();
     run.press(Qt::Key_C, Qt::ControlModifier | Qt::ShiftModifier);
     EXPECT_TRUE(QGuiApplication::clipboard()->text().contains("copy-42"));
@@ -192,14 +205,15 @@ TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {
     }
 
     // The right-click menu is the terminal's, never the web engine's.
-    QMenu* menu = view->contextMenu({10, 10});
+    QMenu* menu = view.view->contextMenu({10, 10});
+    ASSERT_NE(menu, nullptr);
     QStringList entries;
     for (auto* action : menu->actions()) {
         if (!action->isSeparator()) entries << action->text();
     }
     EXPECT_EQ(entries, QStringList({"Copy", "Paste", "Select All", "Find…"}));
     delete menu;
-    EXPECT_EQ(view->webView()->contextMenuPolicy(), Qt::CustomContextMenu);
+    EXPECT_EQ(view.view->webView()->contextMenuPolicy(), Qt::CustomContextMenu);
 
     // Find from the keyboard; a terminal that comes up meanwhile leaves the field alone.
     run.press(Qt::Key_F, Qt::ControlModifier | Qt::ShiftModifier);
@@ -211,8 +225,7 @@ TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {
     ASSERT_NE(second, first);
     QTest::keyClicks(field, "copy-");
     ASSERT_TRUE(connected(second));
-    auto* secondView = run.view(second);
-    ASSERT_TRUE(spinUntil([&] { return secondView->coordinator().isReady(); }, 30s));
+    ASSERT_TRUE(spinUntil([&] { return run.view(second).isReady(); }, 30s));
     spinFor(500ms);
     QTest::keyClicks(field, "4");
     EXPECT_EQ(QApplication::focusWidget(), field);
@@ -231,18 +244,19 @@ TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {
     saveScreenshot(&run.window, "terminal-find");
     QTest::keyClick(field, Qt::Key_Escape);
     EXPECT_FALSE(matches->isVisible());
-    EXPECT_TRUE(spinUntil([&] { return view->isAncestorOf(QApplication::focusWidget()); }, 5s));
+    EXPECT_TRUE(
+        spinUntil([&] { return view.view->isAncestorOf(QApplication::focusWidget()); }, 5s));
 
     // A renderer killed outright is replaced and repainted from the history.
-    const qint64 renderer = view->webView()->page()->renderProcessPid();
+    const qint64 renderer = view.view->webView()->page()->renderProcessPid();
     ASSERT_GT(renderer, 0);
     ::kill(static_cast<pid_t>(renderer), SIGKILL);
     EXPECT_TRUE(spinUntil(
         [&] { return first->status() == "Terminal display crashed · repainted from history"; },
         20s));
-    ASSERT_TRUE(spinUntil([&] { return view->coordinator().isReady(); }, 30s));
+    ASSERT_TRUE(spinUntil([&] { return view.isReady(); }, 30s));
     EXPECT_TRUE(screenShows(view, "pasted-10"));
-    EXPECT_NE(view->webView()->page()->renderProcessPid(), renderer);
+    EXPECT_NE(view.view->webView()->page()->renderProcessPid(), renderer);
     type(first, "echo after-$((2*3))\r");
     EXPECT_TRUE(screenShows(view, "after-6"));
 }
@@ -255,8 +269,8 @@ TEST(TerminalWindowTest, ATabShownBeforeKeepsItsPageAndAClosedOneLosesIt) {
     run.workspace().createScratchTerminal();
     auto* first = run.selected();
     ASSERT_TRUE(connected(first));
-    QPointer<hl::XtermWebView> firstView = run.view(first);
-    ASSERT_TRUE(spinUntil([&] { return firstView->coordinator().isReady(); }, 30s));
+    const Terminal firstView = run.view(first);
+    ASSERT_TRUE(spinUntil([&] { return firstView.isReady(); }, 30s));
     const QUuid firstTab = *run.workspace().selectedTabID();
     type(first, "seq 1 400; echo listed-$((6*7))\r");
     ASSERT_TRUE(screenShows(firstView, "listed-42"));
@@ -269,39 +283,41 @@ TEST(TerminalWindowTest, ATabShownBeforeKeepsItsPageAndAClosedOneLosesIt) {
     auto* second = run.selected();
     ASSERT_NE(second, first);
     ASSERT_TRUE(connected(second));
-    QPointer<hl::XtermWebView> secondView = run.view(second);
-    ASSERT_TRUE(spinUntil([&] { return secondView->coordinator().isReady(); }, 30s));
+    const Terminal secondView = run.view(second);
+    ASSERT_TRUE(spinUntil([&] { return secondView.isReady(); }, 30s));
+    ASSERT_NE(secondView.view, firstView.view) << "a document for each tab";
     const QUuid secondTab = *run.workspace().selectedTabID();
-    EXPECT_FALSE(firstView.isNull());
-    EXPECT_FALSE(firstView->isVisible());
+    ASSERT_TRUE(firstView);
+    EXPECT_FALSE(firstView.view->isVisible());
 
     run.workspace().selectTab(firstTab);
-    ASSERT_TRUE(spinUntil([&] { return firstView && firstView->isVisible(); }));
-    EXPECT_EQ(run.view(first), firstView.data());
+    ASSERT_TRUE(spinUntil([&] { return firstView && firstView.view->isVisible(); }));
+    EXPECT_EQ(run.view(first).view, firstView.view);
+    EXPECT_EQ(run.view(first).coordinator, firstView.coordinator);
     EXPECT_EQ(evaluate(firstView, "String(window.kept)"), "1");
     EXPECT_EQ(evaluate(firstView, "String(terminal.buffer.active.viewportY)"), viewport);
     EXPECT_EQ(evaluate(firstView, "terminal.getSelection()"), selection);
 
     // Closing the hidden tab destroys its view; the bound drops the other one.
     run.workspace().closeTab(secondTab);
-    EXPECT_TRUE(spinUntil([&] { return secondView.isNull(); }));
+    EXPECT_TRUE(spinUntil([&] { return secondView.view.isNull(); }));
     run.workspace().newTerminal();
     ASSERT_TRUE(connected(run.selected()));
     auto* workspaceView = run.window.contentView()->workspaceView();
     EXPECT_EQ(workspaceView->keptLayoutCount(), 2);
     workspaceView->setKeptPaneLimit(1);
-    EXPECT_TRUE(spinUntil([&] { return firstView.isNull(); }));
+    EXPECT_TRUE(spinUntil([&] { return firstView.view.isNull(); }));
     EXPECT_EQ(workspaceView->keptLayoutCount(), 1);
     run.workspace().selectTab(firstTab);
-    EXPECT_TRUE(spinUntil([&] { return run.view(first) && run.view(first)->isVisible(); }));
+    EXPECT_TRUE(spinUntil([&] { return run.view(first) && run.view(first).view->isVisible(); }));
 }
 
 TEST(TerminalWindowTest, FontZoomIsKeptAcrossARestart) {
     {
         RunningApp run;
         run.workspace().createScratchTerminal();
-        auto* view = run.view(run.selected());
-        ASSERT_TRUE(spinUntil([&] { return view->coordinator().isReady(); }, 30s));
+        const Terminal view = run.view(run.selected());
+        ASSERT_TRUE(spinUntil([&] { return view.isReady(); }, 30s));
         run.press(Qt::Key_Equal, Qt::ControlModifier);
         run.press(Qt::Key_Plus, Qt::ControlModifier | Qt::ShiftModifier);
         EXPECT_EQ(hl::XtermWebView::fontSize(), 15);
@@ -310,9 +326,9 @@ TEST(TerminalWindowTest, FontZoomIsKeptAcrossARestart) {
     hl::XtermWebView::setFontSizeForAll(hl::XtermWebView::defaultFontSize);
     RunningApp again;
     EXPECT_EQ(hl::XtermWebView::fontSize(), 15);
-    auto* view = again.view(again.selected());
-    ASSERT_NE(view, nullptr);
-    ASSERT_TRUE(spinUntil([&] { return view->coordinator().isReady(); }, 30s));
+    const Terminal view = again.view(again.selected());
+    ASSERT_TRUE(view);
+    ASSERT_TRUE(spinUntil([&] { return view.isReady(); }, 30s));
     EXPECT_TRUE(spinUntil([&] { return evaluate(view, "terminal.options.fontSize") == "15"; }));
     again.press(Qt::Key_0, Qt::ControlModifier);
     EXPECT_EQ(hl::XtermWebView::fontSize(), hl::XtermWebView::defaultFontSize);

@@ -17,7 +17,7 @@ namespace {
 // Records every script the coordinator evaluates.
 class RecordingPage : public hl::TerminalWebPage {
   public:
-    void evaluate(const QString& script) override { scripts.push_back(script); }
+    void call(const QString& script) override { scripts.push_back(script); }
     std::vector<QString> scripts;
 };
 
@@ -83,9 +83,9 @@ TEST_F(XtermCoordinatorTest, WritesWaitForReadyThenTheStartFollows) {
 
     coordinator.didReceiveScriptMessage("ready", QJsonValue());
     ASSERT_EQ(page.scripts.size(), 3u);
-    EXPECT_EQ(page.scripts[0], "window.harborlattice.writeBase64(\"\", true)");
-    EXPECT_EQ(page.scripts[1], "window.harborlattice.writeBase64(\"AAA=\", false)");
-    EXPECT_EQ(page.scripts[2], "window.harborlattice.writeBase64(\"QkJC\", true)");
+    EXPECT_EQ(page.scripts[0], "writeBase64(\"\", true)");
+    EXPECT_EQ(page.scripts[1], "writeBase64(\"AAA=\", false)");
+    EXPECT_EQ(page.scripts[2], "writeBase64(\"QkJC\", true)");
     EXPECT_TRUE(coordinator.pending().empty());
     EXPECT_FALSE(a.wasStarted()) << "the start runs after the current update";
     runDeferred();
@@ -94,9 +94,9 @@ TEST_F(XtermCoordinatorTest, WritesWaitForReadyThenTheStartFollows) {
     coordinator.write("Q0M=");
     coordinator.search("a \"b\"", true);
     coordinator.resignFocus();
-    EXPECT_EQ(page.scripts[3], "window.harborlattice.writeBase64(\"Q0M=\", false)");
-    EXPECT_EQ(page.scripts[4], "window.harborlattice.search(\"a \\\"b\\\"\", true)");
-    EXPECT_EQ(page.scripts[5], "window.harborlattice.blur()");
+    EXPECT_EQ(page.scripts[3], "writeBase64(\"Q0M=\", false)");
+    EXPECT_EQ(page.scripts[4], "search(\"a \\\"b\\\"\", true)");
+    EXPECT_EQ(page.scripts[5], "blur()");
 }
 
 TEST_F(XtermCoordinatorTest, RebindingDropsTheOldControllersWritesAndStartsOnlyTheLatest) {
@@ -133,7 +133,7 @@ TEST_F(XtermCoordinatorTest, AFocusAskedForWhileLoadingFollowsTheWrites) {
     EXPECT_GE(hostFocus, 1) << "the host view takes the toolkit's focus at once";
     coordinator.terminalDidBecomeReady();
     ASSERT_EQ(page.scripts.size(), 2u);
-    EXPECT_EQ(page.scripts[1], "window.harborlattice.focus()");
+    EXPECT_EQ(page.scripts[1], "focus()");
 }
 
 TEST_F(XtermCoordinatorTest, DetachingBeforeTheDeferredRunStartsNothing) {

@@ -92,50 +92,79 @@ std::string history(const hl::TerminalController& controller) {
     return bytes.toStdString();
 }
 
-TEST(XtermWebViewTest, KeysReachTheShellAndItsOutputReachesThePage) {
-    hl::node::testing::NodeHarness node;
+hl::TerminalController* makeController(hl::node::testing::NodeHarness& node, QObject* parent) {
     hl::TerminalControllerHooks hooks;
     hooks.ensureNodeRunning = [] {};
-    hl::TerminalController controller(
+    auto* controller = new hl::TerminalController(
         std::nullopt, node.folder(), false, true, true, {},
         QStringLiteral("Working directory unavailable · focus to retry"),
         QStringLiteral("Saved workspace data is unsafe · new session blocked"),
         std::make_shared<hl::UnixSocketClient>(node.socketPath()), hooks);
-    hl::XtermWebView view(&controller);
+    controller->setParent(parent);
+    return controller;
+}
+
+// The text a pane's terminal shows.
+QString screen(hl::XtermWebView& view, const QUuid& pane) {
+    return evaluate(view.webView(), "document.querySelector('[data-pane=\"" +
+                                        pane.toString(QUuid::WithoutBraces) +
+                                        "\"] .xterm-rows').innerText")
+        .toString();
+}
+
+// Two panes in one document: each pane's keys reach its own shell and each
+// shell's output its own terminal, at the place its pane gave it.
+TEST(XtermWebViewTest, KeysReachTheirShellAndOutputItsTerminalInADocumentOfTwo) {
+    hl::node::testing::NodeHarness node;
+    QObject owner;
+    hl::TerminalController* left = makeController(node, &owner);
+    hl::TerminalController* right = makeController(node, &owner);
+    const QUuid leftPane = QUuid::createUuid();
+    const QUuid rightPane = QUuid::createUuid();
+    hl::XtermWebView view;
     std::vector<QUrl> opened;
-    view.coordinator().openExternal = [&](const QUrl& url) { opened.push_back(url); };
+    view.open(leftPane, left)->openExternal = [&](const QUrl& url) { opened.push_back(url); };
+    view.open(rightPane, right);
+    view.place(leftPane, QRect(0, 0, 446, 500));
+    view.place(rightPane, QRect(454, 0, 446, 500));
     view.resize(900, 500);
     view.show();
     QApplication::setActiveWindow(&view);
     EXPECT_TRUE(QTest::qWaitForWindowActive(&view));
 
-    ASSERT_TRUE(spinUntil([&] { return view.coordinator().isReady(); }))
-        << "the document said ready";
-    ASSERT_TRUE(spinUntil([&] { return controller.status() == "Connected"; }))
-        << controller.status().toStdString();
-    ASSERT_TRUE(spinUntil([&] { return !history(controller).empty(); })) << "the shell's prompt";
+    for (const QUuid& pane : {leftPane, rightPane}) {
+        ASSERT_TRUE(spinUntil([&] { return view.coordinator(pane)->isReady(); }))
+            << "the terminal said ready";
+    }
+    for (auto* controller : {left, right}) {
+        ASSERT_TRUE(spinUntil([&] { return controller->status() == "Connected"; }))
+            << controller->status().toStdString();
+        ASSERT_TRUE(spinUntil([&] { return !history(*controller).empty(); }))
+            << "the shell's prompt";
+    }
+    EXPECT_EQ(view.paneAt(QPoint(500, 10)), rightPane);
+    EXPECT_EQ(view.paneAt(QPoint(450, 10)), std::nullopt) << "the gap between them";
     QTest::qWait(300);
 
     view.webView()->setFocus();
-    controller.requestFocus();
+    right->requestFocus();
+    QWidget* target = view.webView()->focusProxy() ? view.webView()->focusProxy() : view.webView();
     ASSERT_TRUE(spinUntil(
         [&] {
             return evaluate(view.webView(),
-                            "document.activeElement && document.activeElement.tagName")
-                       .toString() == "TEXTAREA";
+                            "document.activeElement?.closest('[data-pane]')?.dataset.pane ?? ''")
+                       .toString() == rightPane.toString(QUuid::WithoutBraces);
         },
         10s))
-        << "the terminal has the keyboard";
-    QWidget* target = view.webView()->focusProxy() ? view.webView()->focusProxy() : view.webView();
+        << "the right terminal has the keyboard";
     QTest::keyClicks(target, "echo web-$((6*7))");
     QTest::keyClick(target, Qt::Key_Return);
-    ASSERT_TRUE(spinUntil([&] { return history(controller).find("web-42") != std::string::npos; }))
-        << history(controller);
-    ASSERT_TRUE(spinUntil([&] {
-        return evaluate(view.webView(), "document.querySelector('.xterm-rows').innerText")
-            .toString()
-            .contains("web-42");
-    })) << "the page shows the output";
+    ASSERT_TRUE(spinUntil([&] { return history(*right).find("web-42") != std::string::npos; }))
+        << history(*right);
+    ASSERT_TRUE(spinUntil([&] { return screen(view, rightPane).contains("web-42"); }))
+        << "the page shows the output";
+    EXPECT_EQ(history(*left).find("web-"), std::string::npos) << history(*left);
+    EXPECT_FALSE(screen(view, leftPane).contains("web-"));
 
     const QString screenshots = QString(HL_SCREENSHOT_DIR);
     QDir().mkpath(screenshots);
@@ -149,17 +178,31 @@ TEST(XtermWebViewTest, KeysReachTheShellAndItsOutputReachesThePage) {
     evaluate(view.webView(), "location.href = 'harborlattice://terminal/xterm.js'; 1");
     QTest::qWait(300);
     EXPECT_EQ(view.webView()->page()->url(), hl::TerminalDocumentScheme::documentUrl());
-    EXPECT_TRUE(view.coordinator().isReady());
+    EXPECT_TRUE(view.coordinator(leftPane)->isReady());
     EXPECT_TRUE(opened.empty());
-    // A link posted by the page goes out only through the check.
-    evaluate(view.webView(),
-             "window.webkit.messageHandlers.openLink.postMessage('https://example.org/x');"
-             "window.webkit.messageHandlers.openLink.postMessage('file:///etc/passwd'); 1");
+    // A link posted by the page goes out only through the check, and only
+    // for a pane that is open.
+    const QString post =
+        "window.webkit.messageHandlers.openLink.postMessage({pane: '%1', body: '%2'});";
+    evaluate(
+        view.webView(),
+        post.arg(leftPane.toString(QUuid::WithoutBraces), "https://example.org/x") +
+            post.arg(leftPane.toString(QUuid::WithoutBraces), "file:///etc/passwd") +
+            post.arg(QUuid::createUuid().toString(QUuid::WithoutBraces), "https://example.org/y") +
+            "1");
     ASSERT_TRUE(spinUntil([&] { return !opened.empty(); }, 5s));
     QTest::qWait(200);
-    EXPECT_EQ(opened.size(), 1u);
+    EXPECT_EQ(opened, std::vector<QUrl>{QUrl("https://example.org/x")});
 
-    controller.close();
+    // A closed pane's terminal leaves the document and its controller.
+    view.close(leftPane);
+    EXPECT_EQ(left->surface(), nullptr);
+    EXPECT_TRUE(spinUntil([&] {
+        return evaluate(view.webView(), "document.querySelectorAll('[data-pane]').length")
+                   .toInt() == 1;
+    }));
+    left->close();
+    right->close();
 }
 
 // Pages that start together wait for the first to load, and then find its
@@ -173,16 +216,17 @@ TEST(XtermWebViewTest, PagesStartedTogetherFetchTheScriptsOnce) {
         nullptr, [](void*) { hl::XtermWebView::profile()->setUrlRequestInterceptor(nullptr); });
     QWidget window;
     auto* layout = new QHBoxLayout(&window);
-    std::vector<hl::XtermWebView*> views;
+    std::vector<hl::XtermCoordinator*> terminals;
     for (int i = 0; i < 3; ++i) {
-        views.push_back(new hl::XtermWebView(nullptr, &window));
-        layout->addWidget(views.back());
+        auto* view = new hl::XtermWebView(&window);
+        terminals.push_back(view->open(QUuid::createUuid(), nullptr));
+        layout->addWidget(view);
     }
     window.resize(900, 300);
     window.show();
     ASSERT_TRUE(spinUntil([&] {
-        return std::all_of(views.begin(), views.end(),
-                           [](auto* view) { return view->coordinator().isReady(); });
+        return std::all_of(terminals.begin(), terminals.end(),
+                           [](auto* terminal) { return terminal->isReady(); });
     })) << "every page said ready";
     const QUrl documentUrl = hl::TerminalDocumentScheme::documentUrl();
     std::map<QString, int> asked;

@@ -20,10 +20,17 @@ namespace hl::bench {
 
 // Reads the rows' text without laying the page out, which would load the
 // renderer with work of the benchmark's own while the pages start.
-const QString promptProbe = QStringLiteral(R"JS((function () {
-  const rows = document.querySelector('.xterm-rows');
+QString rowsSelector(const QString& pane) {
+    return QStringLiteral("[data-pane=\"%1\"] .xterm-rows").arg(pane);
+}
+
+QString promptProbe(const QString& pane) {
+    return QStringLiteral(R"JS((function () {
+  const rows = document.querySelector('%1');
   return !!rows && Array.prototype.some.call(rows.children, row => /[$#]\s*$/.test(row.textContent));
-})())JS");
+})())JS")
+        .arg(rowsSelector(pane));
+}
 
 void useStateFolder(const fs::path& state) {
     for (const char* folder : {"home", "config", "data"})
@@ -103,22 +110,27 @@ bool pageAnswersTrue(QWebEngineView* view, const QString& script,
     return answer->value_or(false);
 }
 
-QList<QWebEngineView*> visiblePaneViews(QWidget* window) {
-    QList<QWebEngineView*> views;
-    for (auto* pane : window->findChildren<hl::XtermWebView*>()) {
-        if (pane->isVisible()) views << pane->webView();
-    }
-    return views;
-}
-
-QList<QWebEngineView*> tabPaneViews(QWidget* window, const TerminalTab& tab) {
-    QList<QWebEngineView*> views;
-    for (auto* pane : window->findChildren<hl::XtermWebView*>()) {
-        for (auto* each : tab.panes()) {
-            if (pane->coordinator().controller() == &each->controller()) views << pane->webView();
+QList<PaneTerminal> visiblePaneTerminals(QWidget* window, bool ready) {
+    QList<PaneTerminal> terminals;
+    for (auto* document : window->findChildren<hl::XtermWebView*>()) {
+        if (!document->isVisible()) continue;
+        for (const QUuid& pane : document->panes()) {
+            if (!ready || document->coordinator(pane)->isReady())
+                terminals.append({document->webView(), pane.toString(QUuid::WithoutBraces)});
         }
     }
-    return views;
+    return terminals;
+}
+
+QList<PaneTerminal> tabPaneTerminals(QWidget* window, const TerminalTab& tab) {
+    QList<PaneTerminal> terminals;
+    for (auto* document : window->findChildren<hl::XtermWebView*>()) {
+        for (auto* each : tab.panes()) {
+            if (document->coordinator(each->id()))
+                terminals.append({document->webView(), each->id().toString(QUuid::WithoutBraces)});
+        }
+    }
+    return terminals;
 }
 
 }  // namespace hl::bench

@@ -62,17 +62,28 @@ struct TreeCpu {
 };
 TreeCpu treeCpu();
 
-// True once the page's terminal rows end a line with a prompt sign.
-extern const QString promptProbe;
+// A pane's terminal: its tab's page and the pane's name in that page.
+struct PaneTerminal {
+    QWebEngineView* view = nullptr;
+    QString pane;
+    bool operator==(const PaneTerminal&) const = default;
+};
+
+// The selector of a pane's terminal rows in its page.
+QString rowsSelector(const QString& pane);
+
+// True once the pane's terminal rows end a line with a prompt sign.
+QString promptProbe(const QString& pane);
 
 // Runs `script` in the view's page and waits for its answer (false when the
 // page does not answer within `timeout`).
 bool pageAnswersTrue(QWebEngineView* view, const QString& script,
                      std::chrono::milliseconds timeout = std::chrono::seconds(5));
 
-// The page views of the window's terminals that are shown now.
-QList<QWebEngineView*> visiblePaneViews(QWidget* window);
-// The page views of `tab`'s panes, shown or not.
-QList<QWebEngineView*> tabPaneViews(QWidget* window, const TerminalTab& tab);
+// The terminals of the window's panes that are shown now; with `ready`, only
+// those whose terminal has said "ready".
+QList<PaneTerminal> visiblePaneTerminals(QWidget* window, bool ready = false);
+// The terminals of `tab`'s panes, shown or not.
+QList<PaneTerminal> tabPaneTerminals(QWidget* window, const TerminalTab& tab);
 
 }  // namespace hl::bench

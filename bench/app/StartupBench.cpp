@@ -34,31 +34,41 @@ namespace {
 constexpr int settleMilliseconds = 1500;
 constexpr int pollMilliseconds = 20;
 
-// The prompt probe, after writing a prompt into the bare document's terminal once its rows exist.
-const QString barePromptProbe = QStringLiteral(R"JS((function () {
-  const rows = document.querySelector('.xterm-rows');
+// The prompt probe of a bare document: it opens the page's one terminal over
+// the whole page, and writes a prompt into it once its rows exist.
+QString barePromptProbe(const QString& pane) {
+    return QStringLiteral(R"JS((function (pane) {
+  const host = window.harborlattice;
+  if (!host) return false;
+  if (!host.terminal(pane))
+    host.open(pane, { left: 0, top: 0, width: innerWidth, height: innerHeight });
+  const rows = document.querySelector('%1');
   if (!rows) return false;
-  if (!window.benchPromptWritten && typeof terminal !== 'undefined') {
+  if (!window.benchPromptWritten) {
     window.benchPromptWritten = true;
-    terminal.write('bare$ ');
+    host.terminal(pane).writeBase64(btoa('bare$ '), false);
   }
   return /[$#]\s*$/m.test(rows.innerText);
-})())JS");
+})('%2'))JS")
+        .arg(rowsSelector(pane), pane);
+}
 
 // Message handlers that accept and drop every post: the bare document runs to
 // its end without the application's web channel.
-const QString silentHandlers = QStringLiteral(R"JS(window.webkit = { messageHandlers: {} };
-["input", "resize", "openLink", "ready"].forEach(function (name) {
-  window.webkit.messageHandlers[name] = { postMessage: function () {} };
-});)JS");
+const QString silentHandlers =
+    QStringLiteral(R"JS(window.webkit = { messageHandlers: new Proxy({}, {
+  get: () => ({ postMessage: function () {} }) }) };)JS");
 
 // Polls every view's page until each shows a prompt, then reports the times
 // and, after a moment to settle, the memory of the process tree; ends the loop.
 class PromptWatch : public QObject {
   public:
-    PromptWatch(std::function<QList<QWebEngineView*>()> views, int expected, QString probe,
-                std::int64_t since)
-        : views_(std::move(views)), expected_(expected), probe_(std::move(probe)), since_(since) {
+    PromptWatch(std::function<QList<PaneTerminal>()> terminals, int expected,
+                std::function<QString(const QString&)> probe, std::int64_t since)
+        : terminals_(std::move(terminals)),
+          expected_(expected),
+          probe_(std::move(probe)),
+          since_(since) {
         connect(&timer_, &QTimer::timeout, this, &PromptWatch::poll);
         timer_.start(pollMilliseconds);
         QTimer::singleShot(120s, this, [] {
@@ -73,24 +83,26 @@ class PromptWatch : public QObject {
         std::optional<std::int64_t> sentAt;
     };
 
-    // Asks each view that has shown nothing yet, one question at a time per view.
+    // Asks each terminal that has shown nothing yet, one question at a time each.
     void poll() {
         const auto now = monotonicNanoseconds();
-        for (QWebEngineView* view : views_()) {
-            Probe& probe = probes_[view];
+        for (const PaneTerminal& terminal : terminals_()) {
+            const auto key = std::make_pair(terminal.view, terminal.pane);
+            Probe& probe = probes_[key];
             if (probe.shown || (probe.sentAt && now - *probe.sentAt < 1'000'000'000)) continue;
             probe.sentAt = now;
-            QPointer<QWebEngineView> guard(view);
-            view->page()->runJavaScript(probe_, [this, guard, view](const QVariant& result) {
-                if (!guard) return;
-                probes_[view].sentAt.reset();
-                if (result.toBool()) shown(view);
-            });
+            QPointer<QWebEngineView> guard(terminal.view);
+            terminal.view->page()->runJavaScript(probe_(terminal.pane),
+                                                 [this, guard, key](const QVariant& result) {
+                                                     if (!guard) return;
+                                                     probes_[key].sentAt.reset();
+                                                     if (result.toBool()) shown(key);
+                                                 });
         }
     }
 
-    void shown(QWebEngineView* view) {
-        Probe& probe = probes_[view];
+    void shown(const std::pair<QWebEngineView*, QString>& key) {
+        Probe& probe = probes_[key];
         if (probe.shown) return;
         probe.shown = true;
         ++shownCount_;
@@ -112,12 +124,12 @@ class PromptWatch : public QObject {
         });
     }
 
-    std::function<QList<QWebEngineView*>()> views_;
+    std::function<QList<PaneTerminal>()> terminals_;
     int expected_;
-    QString probe_;
+    std::function<QString(const QString&)> probe_;
     std::int64_t since_;
     QTimer timer_;
-    std::map<QWebEngineView*, Probe> probes_;
+    std::map<std::pair<QWebEngineView*, QString>, Probe> probes_;
     int shownCount_ = 0;
     double firstMs_ = 0;
 };
@@ -201,10 +213,8 @@ int runApp(int argc, char** argv, const fs::path& state, std::int64_t since) {
     bool ready = false;
     bool connected = false;
     QObject::connect(&steps, &QTimer::timeout, [&] {
-        const auto views = window.findChildren<hl::XtermWebView*>();
-        if (!ready && static_cast<std::size_t>(views.size()) == tab->paneCount() &&
-            std::all_of(views.begin(), views.end(),
-                        [](auto* view) { return view->coordinator().isReady(); })) {
+        if (!ready && static_cast<std::size_t>(visiblePaneTerminals(&window, true).size()) ==
+                          tab->paneCount()) {
             ready = true;
             std::printf("ready_ms %.1f\n", millisecondsSince(since));
         }
@@ -221,15 +231,8 @@ int runApp(int argc, char** argv, const fs::path& state, std::int64_t since) {
     // A page is asked only once its document is ready: asking pages that are
     // still loading, every 20 ms each, loads the one renderer with work the
     // application never does.
-    PromptWatch watch(
-        [&window] {
-            QList<QWebEngineView*> views;
-            for (auto* pane : window.findChildren<hl::XtermWebView*>()) {
-                if (pane->isVisible() && pane->coordinator().isReady()) views << pane->webView();
-            }
-            return views;
-        },
-        static_cast<int>(tab->paneCount()), promptProbe, since);
+    PromptWatch watch([&window] { return visiblePaneTerminals(&window, true); },
+                      static_cast<int>(tab->paneCount()), promptProbe, since);
     return QApplication::exec();
 }
 
@@ -258,10 +261,11 @@ int runBare(int argc, char** argv, const fs::path& state, int count, std::int64_
         views << view;
     }
     window.show();
-    QList<QWebEngineView*> loaded;
+    QList<PaneTerminal> loaded;
     for (auto* view : views) {
         QObject::connect(view, &QWebEngineView::loadFinished, view, [view, &loaded](bool ok) {
-            if (ok && !loaded.contains(view)) loaded << view;
+            const PaneTerminal terminal{view, QStringLiteral("bare")};
+            if (ok && !loaded.contains(terminal)) loaded << terminal;
         });
     }
     PromptWatch watch([&loaded] { return loaded; }, count, barePromptProbe, since);

@@ -28,18 +28,19 @@ namespace {
 
 // True once the page has painted a frame since this probe first saw `token`
 // and its rows show a prompt. A hidden page paints no frame.
-QString framedPromptProbe(int token) {
-    return QStringLiteral(R"JS((function (token) {
-  const rows = document.querySelector('.xterm-rows');
+QString framedPromptProbe(const QString& pane, int token) {
+    return QStringLiteral(R"JS((function (pane, token) {
+  const rows = document.querySelector('%1');
   if (!rows) return false;
-  if (window.benchToken !== token) {
-    window.benchToken = token;
-    window.benchFrame = false;
-    requestAnimationFrame(() => { window.benchFrame = true; });
+  const seen = window.benchTokens ??= {};
+  if (seen[pane]?.token !== token) {
+    const probe = seen[pane] = { token, frame: false };
+    requestAnimationFrame(() => { probe.frame = true; });
     return false;
   }
-  return window.benchFrame && /[$#]\s*$/m.test(rows.innerText);
-})(%1))JS")
+  return seen[pane].frame && /[$#]\s*$/m.test(rows.innerText);
+})('%2', %3))JS")
+        .arg(rowsSelector(pane), pane)
         .arg(token);
 }
 
@@ -49,14 +50,15 @@ QString framedPromptProbe(int token) {
 double untilShown(QWidget* window, const TerminalTab& tab, int token, std::int64_t start) {
     const bool shown = spinUntil(
         [&] {
-            const auto visible = visiblePaneViews(window);
-            QList<QWebEngineView*> views;
-            for (auto* view : tabPaneViews(window, tab)) {
-                if (visible.contains(view)) views << view;
+            const auto visible = visiblePaneTerminals(window);
+            QList<PaneTerminal> terminals;
+            for (const auto& terminal : tabPaneTerminals(window, tab)) {
+                if (visible.contains(terminal)) terminals << terminal;
             }
-            if (views.size() != static_cast<qsizetype>(tab.paneCount())) return false;
-            for (auto* view : views) {
-                if (!pageAnswersTrue(view, framedPromptProbe(token))) return false;
+            if (terminals.size() != static_cast<qsizetype>(tab.paneCount())) return false;
+            for (const auto& terminal : terminals) {
+                if (!pageAnswersTrue(terminal.view, framedPromptProbe(terminal.pane, token)))
+                    return false;
             }
             return true;
         },
@@ -139,12 +141,14 @@ int runCat(int argc, char** argv, const fs::path& state, const fs::path& file) {
     }
     spinUntil([] { return false; }, 1500ms);
     const TreeMemory before = treeProportionalSet();
-    QWebEngineView* view = tabPaneViews(&window, *tab).front();
-    const QString lastLine = QStringLiteral(R"JS((function () {
-  const rows = document.querySelector('.xterm-rows');
-  return !!rows && rows.innerText.includes('%1');
+    const PaneTerminal terminal = tabPaneTerminals(&window, *tab).front();
+    QWebEngineView* view = terminal.view;
+    const QString lastLine =
+        QStringLiteral(R"JS((function () {
+  const rows = document.querySelector('%1');
+  return !!rows && rows.innerText.includes('%2');
 })())JS")
-                                 .arg(QString::fromLatin1(catEndMarker));
+            .arg(rowsSelector(terminal.pane), QString::fromLatin1(catEndMarker));
     const auto start = monotonicNanoseconds();
     tab->panes().front()->controller().terminalSurfaceDidReceiveInput(
         QStringLiteral("cat %1\r").arg(QString::fromStdString(file.string())));

@@ -1,8 +1,9 @@
 // The terminal document in a real Chromium: the document that
 // terminal_document_dump composes from the packaged assets, loaded as a data URL
 // with no base (as the host loads it), with window.webkit.messageHandlers
-// replaced by a recorder of posts. Checks the start-up order, writeBase64,
-// the keyboard bridge and links.
+// replaced by a recorder of posts. Every case starts with terminal 'a' open over
+// the whole page. Checks the start-up order, writeBase64, the keyboard bridge,
+// links, and terminals side by side in one document.
 import { after, before, beforeEach, afterEach, describe, test } from 'node:test';
 import assert from 'node:assert/strict';
 import { execFileSync } from 'node:child_process';
@@ -26,25 +27,34 @@ function composedDocument() {
   return execFileSync(dumpPath, { env, maxBuffer: 16 * 1024 * 1024 });
 }
 
-// Installed before the document's own script: records every post in order and,
-// for "ready", what was in place at that moment.
+// Installed before the document's own script: records every post in order, a
+// terminal's as { name, pane, body }, and for "loaded" and "ready" what was in
+// place at that moment.
 function recordPosts() {
   const posts = [];
   window.recordedPosts = posts;
   window.webkit = { messageHandlers: {} };
-  for (const name of ['input', 'resize', 'openLink', 'ready', 'title', 'bell', 'selection',
+  const functions = (object, names) => names.every((name) => typeof object?.[name] === 'function');
+  for (const name of ['loaded', 'input', 'resize', 'openLink', 'ready', 'title', 'bell', 'selection',
     'pastePrimary', 'link', 'searchResults']) {
     window.webkit.messageHandlers[name] = {
-      postMessage(body) {
-        const post = { name, body: structuredClone(body) };
+      postMessage(message) {
+        if (name === 'loaded') {
+          posts.push({ name, body: message, inPlace: {
+            host: functions(window.harborlattice, ['open', 'place', 'close', 'terminal']),
+            terminals: document.querySelectorAll('.terminal').length,
+          } });
+          return;
+        }
+        const post = { name, pane: message.pane, body: structuredClone(message.body) };
         if (name === 'ready') {
-          const host = window.harborlattice ?? {};
+          const pane = `[data-pane="${CSS.escape(message.pane)}"]`;
           post.inPlace = {
-            host: ['writeBase64', 'focus', 'blur', 'search'].every(
-              (operation) => typeof host[operation] === 'function'),
-            terminalOpen: document.querySelector('#terminal .xterm') !== null,
-            outputLabel: document.querySelector('#terminal .xterm')?.getAttribute('aria-label'),
-            inputLabel: document.querySelector('#terminal textarea')?.getAttribute('aria-label'),
+            host: functions(window.harborlattice.terminal(message.pane),
+              ['writeBase64', 'focus', 'blur', 'search', 'clearSearch', 'paste', 'selectAll', 'setFontSize']),
+            terminalOpen: document.querySelector(`${pane} .xterm`) !== null,
+            outputLabel: document.querySelector(`${pane} .xterm`)?.getAttribute('aria-label'),
+            inputLabel: document.querySelector(`${pane} textarea`)?.getAttribute('aria-label'),
           };
         }
         posts.push(post);
@@ -88,6 +98,18 @@ beforeEach(async () => {
   page.on('pageerror', (error) => pageErrors.push(error.message));
   await page.addInitScript(recordPosts);
   await page.goto(documentUrl);
+  await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'loaded'));
+  await page.evaluate(() => {
+    // The xterm.js terminal in each container, for the cases that look inside one.
+    const opened = [];
+    const open = Terminal.prototype.open;
+    Terminal.prototype.open = function (container) {
+      opened.push([container.dataset.pane, this]);
+      return open.call(this, container);
+    };
+    window.terminalOf = (pane) => opened.findLast(([id]) => id === pane)?.[1];
+    window.harborlattice.open('a', { left: 0, top: 0, width: innerWidth, height: innerHeight });
+  });
   await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'ready'));
 });
 
@@ -102,27 +124,25 @@ afterEach(async () => {
 
 const posts = () => page.evaluate(() => window.recordedPosts);
 const clearPosts = () => page.evaluate(() => { window.recordedPosts.length = 0; });
-const inputs = async () => (await posts()).filter((post) => post.name === 'input').map((post) => post.body);
+const inputs = async (pane = 'a') => (await posts())
+  .filter((post) => post.name === 'input' && post.pane === pane).map((post) => post.body);
 
-// Hands bytes to writeBase64 and waits until the terminal has parsed them.
-async function writeBytes(bytes, replace = false) {
+// Hands bytes to a terminal's writeBase64 and waits until the terminal has parsed them.
+async function writeBytes(bytes, replace = false, pane = 'a') {
   const value = Buffer.from(bytes).toString('base64');
-  await page.evaluate(([value, replace]) => new Promise((resolve) => {
-    window.harborlattice.writeBase64(value, replace);
-    terminal.write('', resolve);
-  }), [value, replace]);
+  await page.evaluate(([value, replace, pane]) => new Promise((resolve) => {
+    window.harborlattice.terminal(pane).writeBase64(value, replace);
+    terminalOf(pane).write('', resolve);
+  }), [value, replace, pane]);
 }
-const write = (text, replace = false) => writeBytes(Buffer.from(text, 'utf8'), replace);
+const write = (text, replace = false, pane = 'a') => writeBytes(Buffer.from(text, 'utf8'), replace, pane);
 
-const stacks = () => page.evaluate(() => ({
-  normal: [...keyboardProtocolFlagStacks.normal],
-  alternate: [...keyboardProtocolFlagStacks.alternate],
-}));
-const line = (row) => page.evaluate((row) => terminal.buffer.active.getLine(row).translateToString(true), row);
+const line = (row, pane = 'a') => page.evaluate(([row, pane]) =>
+  terminalOf(pane).buffer.active.getLine(row).translateToString(true), [row, pane]);
 
 // The input posted for one Shift+Enter (or other chord) typed into the focused terminal.
 async function typed(chord) {
-  await page.evaluate(() => window.harborlattice.focus());
+  await page.evaluate(() => window.harborlattice.terminal('a').focus());
   await clearPosts();
   await page.keyboard.press(chord);
   return inputs();
@@ -131,7 +151,7 @@ async function typed(chord) {
 describe('start-up', () => {
   test('the printable characters measured at once have the widths the renderer measures', async () => {
     const widths = await page.evaluate(() => {
-      const cache = terminal._core._renderService._renderer.value._widthCache;
+      const cache = terminalOf('a')._core._renderService._renderer.value._widthCache;
       const seeded = [];
       const measured = [];
       for (let code = 32; code < 127; code += 1) {
@@ -144,16 +164,18 @@ describe('start-up', () => {
     assert.deepEqual(widths.seeded, widths.measured);
   });
 
-  test('"ready" is posted once, last, with the terminal and the host interface in place', async () => {
+  test('"loaded" comes first, with no terminal; an opened one posts "ready" last, in place', async () => {
     const all = await posts();
+    assert.deepEqual(all[0], { name: 'loaded', body: '', inPlace: { host: true, terminals: 0 } });
+    assert.equal(all.filter((post) => post.name === 'loaded').length, 1);
     const readyAt = all.findIndex((post) => post.name === 'ready');
     assert.equal(all.filter((post) => post.name === 'ready').length, 1);
-    assert.equal(all[readyAt].body, '');
-    assert.deepEqual(all[readyAt].inPlace, {
+    assert.deepEqual(all[readyAt], { name: 'ready', pane: 'a', body: '', inPlace: {
       host: true, terminalOpen: true, outputLabel: 'Terminal output', inputLabel: 'Terminal input',
-    });
-    // The first fit resizes the terminal to the page before "ready".
-    const before = all.slice(0, readyAt);
+    } });
+    assert.ok(all.slice(1).every((post) => post.pane === 'a'), JSON.stringify(all));
+    // The first fit resizes the terminal to its container before "ready".
+    const before = all.slice(1, readyAt);
     const resize = before.find((post) => post.name === 'resize');
     assert.ok(resize, `a resize before "ready": ${JSON.stringify(before)}`);
     assert.ok(Number.isInteger(resize.body.cols) && resize.body.cols > 20, JSON.stringify(resize));
@@ -176,16 +198,18 @@ describe('writeBase64', () => {
     const errors = await page.evaluate(() => new Promise((resolve) => {
       const chunk = btoa(`${'x'.repeat(78)}\r\n`.repeat(13000));
       const raised = [];
+      const host = window.harborlattice.terminal('a');
       for (let i = 0; i < 52; i += 1) {
         try {
-          window.harborlattice.writeBase64(chunk, false);
+          host.writeBase64(chunk, false);
         } catch (error) {
           raised.push(String(error));
         }
       }
-      window.harborlattice.writeBase64(btoa('last line\r\n'), false);
-      const done = () => (terminal.buffer.active.getLine(terminal.buffer.active.baseY +
-        terminal.buffer.active.cursorY - 1)?.translateToString(true) === 'last line'
+      host.writeBase64(btoa('last line\r\n'), false);
+      const buffer = () => terminalOf('a').buffer.active;
+      const done = () => (buffer().getLine(buffer().baseY + buffer().cursorY - 1)
+        ?.translateToString(true) === 'last line'
         ? resolve(raised) : setTimeout(done, 50));
       done();
     }));
@@ -197,27 +221,29 @@ describe('writeBase64', () => {
     const results = async () => (await posts()).filter((post) => post.name === 'searchResults')
       .map((post) => post.body);
     await clearPosts();
-    assert.equal(await page.evaluate(() => window.harborlattice.search('needle', false)), true);
-    assert.equal(await page.evaluate(() => window.harborlattice.search('needle', false)), true);
-    assert.equal(await page.evaluate(() => window.harborlattice.search('needle', true)), true);
-    assert.equal(await page.evaluate(() => window.harborlattice.search('absent', false)), false);
+    const search = (value, backwards) => page.evaluate(([value, backwards]) =>
+      window.harborlattice.terminal('a').search(value, backwards), [value, backwards]);
+    assert.equal(await search('needle', false), true);
+    assert.equal(await search('needle', false), true);
+    assert.equal(await search('needle', true), true);
+    assert.equal(await search('absent', false), false);
     const reported = await results();
     assert.equal(reported.length, 4);
     assert.deepEqual(reported.map((result) => result.count), [3, 3, 3, 0]);
     const [first, second, back] = reported.map((result) => result.index);
     assert.ok(first >= 0 && second === (first + 1) % 3 && back === first, JSON.stringify(reported));
     assert.equal(reported[3].index, -1);
-    await page.evaluate(() => window.harborlattice.clearSearch());
-    assert.equal(await page.evaluate(() => terminal.hasSelection()), false);
+    await page.evaluate(() => window.harborlattice.terminal('a').clearSearch());
+    assert.equal(await page.evaluate(() => terminalOf('a').hasSelection()), false);
   });
 });
 
 describe('cursor', () => {
   test('blinks by turns of a class, with no animation, and shows whole after a redraw', async () => {
-    await page.evaluate(() => window.harborlattice.focus());
+    const cursorOff = () => document.querySelector('[data-pane="a"]').classList.contains('cursor-off');
+    await page.evaluate(() => window.harborlattice.terminal('a').focus());
     await page.waitForFunction(() => document.querySelector('.xterm-cursor.xterm-cursor-blink'));
-    await page.waitForFunction(() => terminalElement.classList.contains('cursor-off'), null,
-      { timeout: 3000 });
+    await page.waitForFunction(cursorOff, null, { timeout: 3000 });
     assert.equal(await page.evaluate(() => document.getAnimations().length), 0);
     const colours = await page.evaluate(() => {
       const style = getComputedStyle(document.querySelector('.xterm-cursor'));
@@ -225,11 +251,10 @@ describe('cursor', () => {
     });
     assert.deepEqual(colours, ['rgba(0, 0, 0, 0)', 'rgb(126, 231, 135)']);
     await write('x');
-    await page.waitForFunction(() => !terminalElement.classList.contains('cursor-off'));
-    await page.waitForFunction(() => terminalElement.classList.contains('cursor-off'), null,
-      { timeout: 3000 });
-    await page.evaluate(() => window.harborlattice.blur());
-    assert.equal(await page.evaluate(() => terminalElement.classList.contains('cursor-off')), false);
+    await page.waitForFunction(() => !document.querySelector('[data-pane="a"]').classList.contains('cursor-off'));
+    await page.waitForFunction(cursorOff, null, { timeout: 3000 });
+    await page.evaluate(() => window.harborlattice.terminal('a').blur());
+    assert.equal(await page.evaluate(cursorOff), false);
   });
 });
 
@@ -245,90 +270,60 @@ describe('replays', () => {
     assert.equal(await line(0), '');
   });
 
-  test('queries in history are answered only when they arrive live', async () => {
+  test('what the user types or pastes while a replay is parsed reaches the shell', async () => {
     await clearPosts();
-    await write(`prompt$ ${queries}top${ESC}[?1049h${queries}`, true);
-    await page.waitForTimeout(300);
-    assert.deepEqual(await inputs(), []);
-    // The same queries in live output are answered, as a program expects.
-    await write(`${ESC}[c`);
-    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'input'));
-    assert.match((await inputs()).join(''), /^\x1b\[\?[0-9;]+c$/);
-  });
-
-  test('what the user types while a long replay is written reaches the shell', async () => {
-    await clearPosts();
-    const line = `${'x'.repeat(70)}${ESC}[6n${ESC}[c\r\n`;
-    const history = Buffer.from(line.repeat(20000), 'utf8').toString('base64');
+    const history = Buffer.from(`${'x'.repeat(70)}${queries}\r\n`.repeat(20000), 'utf8').toString('base64');
     // Typed text arrives as an input event of the terminal's text area, here
-    // while the replay is certainly still being parsed.
-    const inFlight = await page.evaluate((history) => {
-      window.harborlattice.writeBase64(history, true);
-      const during = replayWritesInFlight;
+    // before the terminal has parsed any of the replay.
+    const parsedBefore = await page.evaluate((history) => {
+      const terminal = terminalOf('a');
+      window.harborlattice.terminal('a').writeBase64(history, true);
+      const parsed = terminal.buffer.active.getLine(0).translateToString(true);
       terminal.textarea.dispatchEvent(new InputEvent('input', { data: 'k', inputType: 'insertText' }));
-      return during;
+      window.harborlattice.terminal('a').paste('pasted');
+      return new Promise((resolve) => terminal.write('', () => resolve(parsed)));
     }, history);
-    await page.waitForFunction(() => replayWritesInFlight === 0, null, { timeout: 60000 });
-    assert.equal(inFlight, 1);
-    assert.deepEqual(await inputs(), ['k']);
-  });
-
-  test('a paste from the host while a replay is written reaches the shell', async () => {
-    await clearPosts();
-    const history = Buffer.from(`${queries}\r\n`.repeat(20000), 'utf8').toString('base64');
-    await page.evaluate((history) => {
-      window.harborlattice.writeBase64(history, true);
-      window.harborlattice.paste('pasted');
-    }, history);
-    await page.waitForFunction(() => replayWritesInFlight === 0, null, { timeout: 60000 });
-    assert.deepEqual(await inputs(), ['pasted']);
+    assert.equal(parsedBefore, '');
+    assert.deepEqual(await inputs(), ['k', 'pasted']);
   });
 });
 
 describe('keyboard bridge stacks', () => {
-  test('sixty-five pushes keep 64 entries, the base and the most recent on top; pops', async () => {
-    let pushes = '';
-    for (let flags = 1; flags <= 65; flags += 1) pushes += `${ESC}[>${flags}u`;
-    await write(pushes);
-    const expected = [0, ...Array.from({ length: 63 }, (_, i) => i + 3)];
-    assert.deepEqual((await stacks()).normal, expected);
+  const push = (flags) => `${ESC}[>${flags}u`;
+  const pop = (count) => `${ESC}[<${count}u`;
 
-    await write(`${ESC}[<u`);
-    assert.deepEqual((await stacks()).normal, expected.slice(0, -1));
-    await write(`${ESC}[<2u`);
-    assert.deepEqual((await stacks()).normal, expected.slice(0, -3));
-    await write(`${ESC}[<100u`);
-    assert.deepEqual(await stacks(), { normal: [0], alternate: [0] });
-    await write(`${ESC}[<u`);
-    assert.deepEqual((await stacks()).normal, [0]);
+  test('a stack holds 64 entries with its base, then drops the oldest above it', async () => {
+    // 1 under 62 × 2: the 64 entries are all kept.
+    await write(push(1) + push(2).repeat(62) + pop(62));
+    assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
+    // 1 under 63 × 2: the 1 is gone.
+    await write(push(2).repeat(63) + pop(63));
+    assert.deepEqual(await typed('Shift+Enter'), ['\r']);
+    // On a full stack the flags pushed last are on top.
+    await write(push(2).repeat(63) + push(1));
+    assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
   });
 
   test('flags pushed in the alternate buffer stay there', async () => {
     await write(`${ESC}[?1049h${ESC}[>1u`);
-    assert.deepEqual(await stacks(), { normal: [0], alternate: [0, 1] });
     assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
-
     await write(`${ESC}[?1049l`);
     assert.deepEqual(await typed('Shift+Enter'), ['\r']);
-
     await write(`${ESC}[?1049h`);
     assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
-    assert.deepEqual(await stacks(), { normal: [0], alternate: [0, 1] });
   });
 
   test('a replace write and a full reset cut both stacks back to their base', async () => {
     await write(`${ESC}[>1u${ESC}[>9u${ESC}[?1049h${ESC}[>8u`);
-    assert.deepEqual(await stacks(), { normal: [0, 1, 9], alternate: [0, 8] });
     await write('replayed text', true);
-    assert.deepEqual(await stacks(), { normal: [0], alternate: [0] });
     assert.deepEqual(await typed('Shift+Enter'), ['\r']);
-
+    await write(`${ESC}[?1049h`);
+    assert.deepEqual(await typed('Shift+Enter'), ['\r']);
     await write(`replayed ${ESC}[>1u`, true);
-    assert.deepEqual(await stacks(), { normal: [0, 1], alternate: [0] });
     assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
-
-    await write(`${ESC}[?1049h${ESC}[>3u${ESC}c`);
-    assert.deepEqual(await stacks(), { normal: [0], alternate: [0] });
+    await write(`${ESC}[>1u${ESC}[?1049h${ESC}[>3u${ESC}c`);
+    assert.deepEqual(await typed('Shift+Enter'), ['\r']);
+    await write(`${ESC}[?1049h`);
     assert.deepEqual(await typed('Shift+Enter'), ['\r']);
   });
 });
@@ -336,7 +331,7 @@ describe('keyboard bridge stacks', () => {
 describe('Shift+Enter', () => {
   // Shift down, Enter held for `repeats` auto-repeats, then both released.
   async function heldShiftEnter(repeats) {
-    await page.evaluate(() => window.harborlattice.focus());
+    await page.evaluate(() => window.harborlattice.terminal('a').focus());
     await clearPosts();
     await page.keyboard.down('Shift');
     for (let i = 0; i <= repeats; i += 1) await page.keyboard.down('Enter');
@@ -345,20 +340,17 @@ describe('Shift+Enter', () => {
     return inputs();
   }
 
-  test('with flags 1: the first sequence on each press, nothing on release', async () => {
-    await write(`${ESC}[>1u`);
-    assert.deepEqual(await heldShiftEnter(2), [shiftEnter, shiftEnter, shiftEnter]);
+  test('with flags 1, or 8 alone: the first sequence on each press, nothing on release', async () => {
+    for (const flags of [1, 8]) {
+      await write(`${ESC}[>${flags}u`);
+      assert.deepEqual(await heldShiftEnter(2), [shiftEnter, shiftEnter, shiftEnter]);
+    }
   });
 
   test('with flags 1+2+8: press, repeats, then release', async () => {
     await write(`${ESC}[>11u`);
     assert.deepEqual(await heldShiftEnter(2),
       [shiftEnter, shiftEnterRepeat, shiftEnterRepeat, shiftEnterRelease]);
-  });
-
-  test('with flags 8 alone it is encoded, but no release without event types', async () => {
-    await write(`${ESC}[>8u`);
-    assert.deepEqual(await heldShiftEnter(1), [shiftEnter, shiftEnter]);
   });
 
   test('with flags 2 alone, and for other chords, the terminal answers as usual', async () => {
@@ -388,7 +380,7 @@ describe('terminal events', () => {
   });
 
   test('a middle click asks for the primary selection unless a program follows the mouse', async () => {
-    const box = await page.locator('#terminal .xterm-screen').boundingBox();
+    const box = await page.locator('.terminal .xterm-screen').boundingBox();
     const middleClick = () => page.mouse.click(box.x + 40, box.y + 10, { button: 'middle' });
     await clearPosts();
     await middleClick();
@@ -403,17 +395,25 @@ describe('terminal events', () => {
   });
 
   test('font size changes refit the terminal; pasted text is bracketed when asked', async () => {
-    const before = await page.evaluate(() => terminal.cols);
-    await page.evaluate(() => window.harborlattice.setFontSize(20));
-    assert.ok(await page.evaluate(() => terminal.cols) < before);
+    const before = await page.evaluate(() => terminalOf('a').cols);
+    await page.evaluate(() => window.harborlattice.terminal('a').setFontSize(20));
+    assert.ok(await page.evaluate(() => terminalOf('a').cols) < before);
     await write(`${ESC}[?2004h`);
     await clearPosts();
-    await page.evaluate(() => window.harborlattice.paste('one\ntwo'));
+    await page.evaluate(() => window.harborlattice.terminal('a').paste('one\ntwo'));
     assert.deepEqual(await inputs(), [`${ESC}[200~one\rtwo${ESC}[201~`]);
   });
 });
 
 describe('links', () => {
+  // The middle of a cell of terminal 'a', in page coordinates.
+  async function cellCentre(column, row) {
+    const box = await page.locator('.terminal .xterm-screen').boundingBox();
+    const size = await page.evaluate(() => ({ cols: terminalOf('a').cols, rows: terminalOf('a').rows }));
+    const cell = { width: box.width / size.cols, height: box.height / size.rows };
+    return { x: box.x + (column + 0.5) * cell.width, y: box.y + (row + 0.5) * cell.height };
+  }
+
   test('a clicked link is posted as "openLink" and opened nowhere', async () => {
     const url = 'https://harborlattice.test/docs?topic=links';
     await write(`see ${url} here`);
@@ -421,15 +421,11 @@ describe('links', () => {
     context.on('page', (popup) => popups.push(popup.url()));
     await clearPosts();
 
-    const box = await page.locator('#terminal .xterm-screen').boundingBox();
-    const size = await page.evaluate(() => ({ cols: terminal.cols, rows: terminal.rows }));
-    const cell = { width: box.width / size.cols, height: box.height / size.rows };
-    const x = box.x + (4 + 10) * cell.width + cell.width / 2;
-    const y = box.y + cell.height / 2;
+    const { x, y } = await cellCentre(4 + 10, 0);
     await page.mouse.move(x, y + 1);
     await page.mouse.move(x, y);
     await page.waitForFunction(
-      () => document.querySelector('#terminal .xterm-screen').classList.contains('xterm-cursor-pointer'),
+      () => document.querySelector('.terminal .xterm-screen').classList.contains('xterm-cursor-pointer'),
       null, { timeout: 5000 });
     await page.mouse.click(x, y);
 
@@ -446,23 +442,96 @@ describe('links', () => {
     const url = 'https://harborlattice.test/embedded?x=1';
     await write(`${ESC}]8;;${url}\x07embedded link${ESC}]8;;\x07 and more`);
     await clearPosts();
-    const box = await page.locator('#terminal .xterm-screen').boundingBox();
-    const size = await page.evaluate(() => ({ cols: terminal.cols, rows: terminal.rows }));
-    const cell = { width: box.width / size.cols, height: box.height / size.rows };
-    const x = box.x + 3 * cell.width + cell.width / 2;
-    const y = box.y + cell.height / 2;
+    const { x, y } = await cellCentre(3, 0);
     await page.mouse.move(x, y + 1);
     await page.mouse.move(x, y);
     await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'link'));
     await page.mouse.click(x, y);
     await page.waitForFunction(
       () => window.recordedPosts.some((post) => post.name === 'openLink'), null, { timeout: 5000 });
-    await page.mouse.move(box.x + 30 * cell.width, box.y + 5 * cell.height);
+    const away = await cellCentre(30, 5);
+    await page.mouse.move(away.x, away.y);
     await page.waitForFunction(() => window.recordedPosts.filter((post) => post.name === 'link').length >= 2);
     const all = await posts();
     assert.deepEqual(all.filter((post) => post.name === 'openLink').map((post) => post.body), [url]);
     const hovers = all.filter((post) => post.name === 'link').map((post) => post.body);
     assert.deepEqual([hovers[0], hovers.at(-1)], [url, ''], JSON.stringify(hovers));
     assert.equal(page.url(), documentUrl);
+  });
+});
+
+describe('terminals side by side', () => {
+  test('share nothing, post with their own id, follow their rectangles and close', async () => {
+    const resizes = async (pane) => (await posts())
+      .filter((post) => post.name === 'resize' && post.pane === pane).map((post) => post.body.cols);
+    const colsBefore = await page.evaluate(() => terminalOf('a').cols);
+    await clearPosts();
+    // 'b' opens with no width: it keeps the terminal's own size until it has one.
+    await page.evaluate(() => {
+      window.harborlattice.open('b', { left: 400, top: 0, width: 0, height: 400 });
+      window.harborlattice.open('b', { left: 0, top: 0, width: 800, height: 400 });
+    });
+    await page.evaluate(() => new Promise((resolve) => requestAnimationFrame(() => setTimeout(resolve, 50))));
+    assert.equal(await page.evaluate(() => document.querySelectorAll('[data-pane="b"]').length), 1);
+    assert.deepEqual(await resizes('b'), []);
+    await page.evaluate(() => {
+      window.harborlattice.place('a', { left: 0, top: 0, width: 400, height: 400 });
+      window.harborlattice.place('b', { left: 400, top: 100, width: 400, height: 300 });
+    });
+    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'resize' && post.pane === 'b'));
+    const colsA = await page.evaluate(() => terminalOf('a').cols);
+    assert.ok(colsA > 10 && colsA < colsBefore, `${colsA} against ${colsBefore}`);
+    assert.deepEqual([await resizes('a'), await resizes('b')], [[colsA], [colsA]]);
+    const boxB = await page.locator('[data-pane="b"] .xterm-screen').boundingBox();
+    assert.deepEqual([boxB.x, boxB.y], [400, 100]);
+
+    await clearPosts();
+    await page.evaluate(() => window.harborlattice.terminal('b').focus());
+    await page.keyboard.type('x');
+    await page.evaluate(() => window.harborlattice.terminal('a').focus());
+    await page.keyboard.type('y');
+    assert.deepEqual((await posts()).filter((post) => post.name === 'input')
+      .map((post) => [post.pane, post.body]), [['b', 'x'], ['a', 'y']]);
+
+    // Output after a keystroke is parsed at once, later output in a task of its own.
+    await write('only in a');
+    await write('only in b', false, 'b');
+    assert.deepEqual([await line(0), await line(0, 'b')], ['only in a', 'only in b']);
+    // A replay into 'b' is answered by neither terminal, on either screen, and
+    // live output that 'a' parses while the replay waits is answered as usual.
+    await clearPosts();
+    const history = Buffer.from(`${`prompt$ ${queries}\r\n`.repeat(100)}${ESC}[?1049h${queries}`,
+      'utf8').toString('base64');
+    await page.evaluate((history) => new Promise((resolve) => {
+      window.harborlattice.terminal('a').writeBase64(btoa('\x1b[c'), false);
+      window.harborlattice.terminal('b').writeBase64(history, true);
+      terminalOf('b').write('', resolve);
+    }), history);
+    await page.waitForTimeout(200);
+    const answers = (await posts()).filter((post) => post.name === 'input');
+    assert.deepEqual(answers.map((post) => post.pane), ['a'], JSON.stringify(answers));
+    assert.match(answers[0].body, /^\x1b\[\?[0-9;]+c$/);
+
+    // A closed terminal is gone; what the host kept of it does nothing.
+    await clearPosts();
+    const after = await page.evaluate(() => new Promise((resolve) => {
+      const kept = window.harborlattice.terminal('b');
+      kept.writeBase64(btoa('\x1b[c\x1b]2;late\x07\x07'), false);
+      window.harborlattice.close('b');
+      window.harborlattice.close('b');
+      window.harborlattice.place('b', { left: 0, top: 0, width: 100, height: 100 });
+      kept.writeBase64(btoa('\x1b[c'), false);
+      kept.paste('late');
+      kept.search('late', false);
+      kept.setFontSize(30);
+      setTimeout(() => resolve({
+        containers: document.querySelectorAll('[data-pane="b"]').length,
+        interface: typeof window.harborlattice.terminal('b'),
+      }), 200);
+    }));
+    assert.deepEqual(after, { containers: 0, interface: 'undefined' });
+    assert.deepEqual(await posts(), []);
+    await write(`${ESC}[c`);
+    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'input' && post.pane === 'a'));
   });
 });
