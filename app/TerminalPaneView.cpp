@@ -92,9 +92,8 @@ TerminalPaneView::TerminalPaneView(TerminalPane* pane, XtermWebView* document,
     setSelected(false);
 }
 
-TerminalPaneView::~TerminalPaneView() {
-    if (document_ && pane_) document_->close(pane_->id());
-}
+// The layout view closes the terminal when it lets the pane go.
+TerminalPaneView::~TerminalPaneView() = default;
 
 void TerminalPaneView::placeTerminal() {
     const QRect place = terminal_->geometry();

@@ -16,6 +16,7 @@
 #include "SavedWorkspace.h"
 #include "TerminalPaneView.h"
 #include "TerminalWorkspaceView.h"
+#include "XtermWebView.h"
 
 namespace {
 
@@ -40,13 +41,16 @@ std::vector<hl::SavedTab> savedTabs() {
     return saved.tabs;
 }
 
-// Presses the mouse inside the pane's renderer, where a user clicks.
-void clickInto(hl::TerminalPaneView* view) {
+// Presses the mouse inside the pane's terminal, where a user clicks: on the
+// tab's page, at the middle of the place the pane leaves open for it.
+void clickInto(hl::PaneLayoutView* layout, hl::TerminalPaneView* view) {
     ASSERT_NE(view, nullptr);
-    auto* web = view->findChild<QWebEngineView*>();
-    ASSERT_NE(web, nullptr);
+    QWebEngineView* web = layout->document()->webView();
     QWidget* target = web->focusProxy() ? web->focusProxy() : web;
-    QTest::mouseClick(target, Qt::LeftButton, {}, target->rect().center());
+    auto* place = view->findChild<QWidget*>("pane.terminal");
+    ASSERT_NE(place, nullptr);
+    QTest::mouseClick(target, Qt::LeftButton, {},
+                      target->mapFromGlobal(place->mapToGlobal(place->rect().center())));
 }
 
 TEST(DeepLayoutTest, ClosingEveryPositionKeepsTheSavedModelWholeAcrossRestarts) {
@@ -81,7 +85,7 @@ TEST(DeepLayoutTest, ClosingEveryPositionKeepsTheSavedModelWholeAcrossRestarts) 
 
         for (int position : closeAt) {
             const QUuid target = tab->layout().paneIDs().at(position);
-            clickInto(layoutView->paneView(target));
+            clickInto(layoutView, layoutView->paneView(target));
             ASSERT_EQ(tab->selectedPaneID(), target) << "a click in a terminal selects its pane";
             QWidget* keys = QApplication::focusWidget() ? QApplication::focusWidget() : &run.window;
             QTest::keyClick(keys, Qt::Key_W, Qt::ControlModifier | Qt::ShiftModifier);

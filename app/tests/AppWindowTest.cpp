@@ -28,6 +28,7 @@
 #include "RunningApp.h"
 #include "TerminalPaneView.h"
 #include "TerminalWorkspaceView.h"
+#include "XtermWebView.h"
 
 namespace {
 
@@ -205,7 +206,7 @@ TEST(ApplicationWindowTest, AProjectLivesThroughSplitsDialogsAndARestart) {
 
         // Command keys typed while a terminal has the keyboard still reach the
         // window, through the platform's path for keys.
-        auto* page = layoutView->paneView(*tab->selectedPaneID())->findChild<QWebEngineView*>();
+        QWebEngineView* page = layoutView->document()->webView();
         ASSERT_NE(page, nullptr);
         page->setFocus();
         QTest::keyClick(run.window.windowHandle(), Qt::Key_E,
