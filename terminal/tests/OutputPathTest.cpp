@@ -26,16 +26,23 @@ std::string pattern(std::size_t size, char seed = 0) {
     return bytes;
 }
 
-TEST(TerminalOutputBatcher, ShortBurstWaitsForAnIdlePoll) {
+TEST(TerminalOutputBatcher, ShortBurstLeavesOnAnIdlePollOrAtTheLatencyEdge) {
     TerminalOutputBatcher batcher;
     EXPECT_TRUE(batcher.ingest(b64("ls\r\n"), 1000).empty());
     EXPECT_EQ(batcher.firstByteAtMilliseconds(), 1000u);
     // The idle poll releases it however little time has passed.
-    const auto batches = batcher.ingest(std::nullopt, 1001);
+    auto batches = batcher.ingest(std::nullopt, 1001);
     ASSERT_EQ(batches.size(), 1u);
     EXPECT_EQ(unb64(batches[0]), "ls\r\n");
     EXPECT_FALSE(batcher.firstByteAtMilliseconds().has_value());
     EXPECT_TRUE(batcher.ingest(std::string(), 1002).empty());
+
+    EXPECT_TRUE(batcher.ingest(b64("a"), 2000).empty());
+    EXPECT_TRUE(batcher.ingest(b64("b"), 2089).empty());
+    EXPECT_TRUE(batcher.ingest(b64("c"), 1999).empty());  // clock went back: no flush
+    batches = batcher.ingest(b64("d"), 2090);
+    ASSERT_EQ(batches.size(), 1u);
+    EXPECT_EQ(unb64(batches[0]), "abcd");
 }
 
 TEST(TerminalOutputBatcher, FullBatchesLeaveAtOnceAndTheRestKeepsItsTime) {
@@ -58,16 +65,6 @@ TEST(TerminalOutputBatcher, FullBatchesLeaveAtOnceAndTheRestKeepsItsTime) {
     batches = batcher.ingest(b64("y"), 100);
     ASSERT_EQ(batches.size(), 1u);
     EXPECT_EQ(unb64(batches[0]), flood.substr(262144) + "xy");
-}
-
-TEST(TerminalOutputBatcher, LatencyEdgeAndBackwardClock) {
-    TerminalOutputBatcher batcher;
-    EXPECT_TRUE(batcher.ingest(b64("a"), 1000).empty());
-    EXPECT_TRUE(batcher.ingest(b64("b"), 1089).empty());
-    EXPECT_TRUE(batcher.ingest(b64("c"), 999).empty());  // clock went back: no flush
-    const auto batches = batcher.ingest(b64("d"), 1090);
-    ASSERT_EQ(batches.size(), 1u);
-    EXPECT_EQ(unb64(batches[0]), "abcd");
 }
 
 TEST(TerminalOutputBatcher, InvalidOutputIsDroppedAndTouchesNothing) {
@@ -131,16 +128,7 @@ class HistoryTest : public ::testing::Test {
     std::unique_ptr<TerminalController> controller_;
 };
 
-TEST_F(HistoryTest, OneHugeOutputKeepsItsLastFourMebibytes) {
-    const auto huge = pattern(5 * 1024 * 1024);
-    controller_->retain(b64("before"));
-    controller_->retain(b64(huge));
-    ASSERT_EQ(controller_->rendererHistory().size(), 1u);
-    EXPECT_EQ(controller_->rendererHistoryBytes(), TerminalController::maximumHistoryBytes);
-    EXPECT_EQ(history(), huge.substr(huge.size() - TerminalController::maximumHistoryBytes));
-}
-
-TEST_F(HistoryTest, WholeChunksAreDroppedOldestFirst) {
+TEST_F(HistoryTest, WholeChunksAreDroppedOldestFirstAndOneHugeOutputKeepsItsTail) {
     const std::size_t mebibyte = 1024 * 1024;
     std::vector<std::string> chunks;
     for (char i = 0; i < 5; ++i)
@@ -159,6 +147,14 @@ TEST_F(HistoryTest, WholeChunksAreDroppedOldestFirst) {
     controller_->retain("%%%");
     controller_->retain("");
     EXPECT_EQ(controller_->rendererHistory().size(), 4u);
+
+    // One output past the cap replaces everything with its last four mebibytes
+    // (one byte over whole periods of the pattern, so that its head differs).
+    const auto huge = pattern(5 * mebibyte + 1);
+    controller_->retain(b64(huge));
+    ASSERT_EQ(controller_->rendererHistory().size(), 1u);
+    EXPECT_EQ(controller_->rendererHistoryBytes(), TerminalController::maximumHistoryBytes);
+    EXPECT_EQ(history(), huge.substr(huge.size() - TerminalController::maximumHistoryBytes));
 }
 
 TEST_F(HistoryTest, ReplayReplacesHistoryAndSurfaceAndAFreshSurfaceIsRepainted) {

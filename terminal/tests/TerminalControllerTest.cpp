@@ -106,60 +106,27 @@ class ControllerTest : public ::testing::Test {
     std::atomic<bool> directoryReady{true};
 };
 
-TEST_F(ControllerTest, LostSavedSessionGetsValidatedReplacement) {
-    node->on("list_sessions", [](const NodeRequestData&) {
-        return reply({{"session_ids", JSONValue::array({JSONValue::number(1)})}});
-    });
-    createGives("new1");
-    auto& c = make({.sessionID = "s1"});
-    c.start();
-    ASSERT_TRUE(reaches("Replacement connected · saved session was lost"));
-    EXPECT_EQ(
-        log().texts,
-        (std::vector<std::string>{
-            "Reconnecting…", "Saved session unavailable · starting validated replacement",
-            "Starting validated replacement…", "Replacement connected · saved session was lost"}));
-    EXPECT_TRUE(c.isReplacementSession());
-    EXPECT_EQ(c.sessionID(), "new1");
-    EXPECT_EQ(c.reconnectCandidate(), "new1");
-    EXPECT_EQ(ready, std::vector<std::string>{"new1"});
-    EXPECT_TRUE(closeRequired.empty());
-    const auto creates = node->requests("create_session");
-    ASSERT_EQ(creates.size(), 1u);
-    EXPECT_EQ(textOf(creates[0], "cwd"), "/w");
-}
-
-TEST_F(ControllerTest, LostSavedSessionWithoutCreationKeepsTheCandidate) {
-    node->on("list_sessions", [](const NodeRequestData&) { return reply(); });
-    auto& c = make({.sessionID = "s1", .sessionCreationIsAllowed = false, .directoryIsReady = [&] {
-                        return directoryReady.load();
-                    }});
-    c.start();
-    ASSERT_TRUE(reaches(blocked));
-    EXPECT_EQ(c.reconnectCandidate(), "s1");
-    EXPECT_FALSE(c.sessionID().has_value());
-
-    directoryReady = false;
-    c.requestFocus();  // the promised retry
-    ASSERT_TRUE(reaches(unavailable));
-    EXPECT_EQ(node->count("list_sessions"), 2);
-    EXPECT_EQ(node->count("create_session"), 0);
-    EXPECT_EQ(c.reconnectCandidate(), "s1");
-    EXPECT_TRUE(ready.empty());
-}
-
-// The node says "session cwd mismatch", or answers with another directory, or none.
-class MismatchTest : public ControllerTest, public ::testing::WithParamInterface<int> {
+// Why the saved session is not reattached: the node lists no such session
+// (only an entry that is no id), says "session cwd mismatch", answers with
+// another directory, or with none.
+class RefusedReattachTest : public ControllerTest, public ::testing::WithParamInterface<int> {
   protected:
-    void scriptMismatch() {
+    bool lost() const { return GetParam() == 0; }
+    void scriptRefusal() {
+        if (lost()) {
+            node->on("list_sessions", [](const NodeRequestData&) {
+                return reply({{"session_ids", JSONValue::array({JSONValue::number(1)})}});
+            });
+            return;
+        }
         node->on("list_sessions", [](const NodeRequestData&) { return sessionList({"s1"}); });
         switch (GetParam()) {
-            case 0:
+            case 1:
                 node->on("replay_session", [](const NodeRequestData&) -> NodeResponse {
                     throw NodeClientError::daemon("session cwd mismatch");
                 });
                 break;
-            case 1:
+            case 2:
                 replayWith("/w/", "other directory's output");
                 break;
             default:
@@ -168,36 +135,64 @@ class MismatchTest : public ControllerTest, public ::testing::WithParamInterface
     }
 };
 
-TEST_P(MismatchTest, StartsReplacementWhenAllowedAndLeavesTheSessionAlone) {
-    scriptMismatch();
+TEST_P(RefusedReattachTest, StartsAValidatedReplacementAndLeavesTheSessionAlone) {
+    scriptRefusal();
     createGives("new1");
     auto& c = make({.sessionID = "s1"});
     c.start();
     ASSERT_TRUE(reaches("Replacement connected · saved session was lost"));
     EXPECT_EQ(log().texts, (std::vector<std::string>{
-                               "Reconnecting…", "Saved session cwd mismatch · starting replacement",
+                               "Reconnecting…",
+                               lost() ? "Saved session unavailable · starting validated replacement"
+                                      : "Saved session cwd mismatch · starting replacement",
                                "Starting validated replacement…",
                                "Replacement connected · saved session was lost"}));
+    EXPECT_TRUE(c.isReplacementSession());
+    EXPECT_EQ(c.sessionID(), "new1");
+    EXPECT_EQ(c.reconnectCandidate(), "new1");
+    EXPECT_EQ(ready, std::vector<std::string>{"new1"});
     EXPECT_TRUE(closeRequired.empty());
     EXPECT_TRUE(c.rendererHistory().empty());
-    EXPECT_EQ(ready, std::vector<std::string>{"new1"});
+    const auto creates = node->requests("create_session");
+    ASSERT_EQ(creates.size(), 1u);
+    EXPECT_EQ(textOf(creates[0], "cwd"), "/w");
 }
 
-TEST_P(MismatchTest, BlocksReattachWhenCreationIsForbidden) {
-    scriptMismatch();
-    auto& c = make({.sessionID = "s1", .sessionCreationIsAllowed = false});
+TEST_P(RefusedReattachTest, WithoutCreationKeepsTheCandidateRetriesOnFocusAndClosesItOnce) {
+    scriptRefusal();
+    auto& c = make({.sessionID = "s1",
+                    .isReplacementSession = true,
+                    .sessionCreationIsAllowed = false,
+                    .directoryIsReady = [&] { return directoryReady.load(); }});
     c.start();
-    ASSERT_TRUE(reaches("Saved session cwd mismatch · reattach blocked"));
+    const std::string refused = lost() ? blocked : "Saved session cwd mismatch · reattach blocked";
+    ASSERT_TRUE(reaches(refused));
     EXPECT_EQ(c.reconnectCandidate(), "s1");
+    EXPECT_FALSE(c.sessionID().has_value());
     EXPECT_FALSE(c.isConnected());
+
+    // The promised retry; a session that is gone while its folder is gone says so.
+    directoryReady = false;
+    c.requestFocus();
+    ASSERT_TRUE(reaches(lost() ? unavailable : refused));
+    EXPECT_EQ(node->count("list_sessions"), 2);
     EXPECT_EQ(node->count("create_session"), 0);
+    EXPECT_EQ(c.reconnectCandidate(), "s1");
     EXPECT_TRUE(closeRequired.empty());
     EXPECT_TRUE(ready.empty());
+
+    c.close();
+    c.close();
+    c.requestFocus();  // a closed terminal starts nothing again
+    EXPECT_EQ(status(), "Closed");
+    EXPECT_EQ(closeRequired, std::vector<std::string>{"s1"});
+    EXPECT_FALSE(c.isReplacementSession());
+    EXPECT_FALSE(c.reconnectCandidate().has_value());
 }
 
-INSTANTIATE_TEST_SUITE_P(Replies, MismatchTest, ::testing::Values(0, 1, 2));
+INSTANTIATE_TEST_SUITE_P(Replies, RefusedReattachTest, ::testing::Values(0, 1, 2, 3));
 
-TEST_F(ControllerTest, NothingToDoSendsNothingAndSaysWhy) {
+TEST_F(ControllerTest, AFreshStartSendsNothingUntilItMayThenWaitsForASessionId) {
     directoryReady = false;
     auto& c = make({.directoryIsReady = [&] { return directoryReady.load(); }});
     c.start();
@@ -214,71 +209,53 @@ TEST_F(ControllerTest, NothingToDoSendsNothingAndSaysWhy) {
     spinFor(30ms);
     EXPECT_TRUE(node->operations().empty());
 
-    // Once the directory is back, focus starts the terminal.
-    createGives("new1");
+    // Once the directory is back, focus starts the terminal; a create reply
+    // without a session id is a node problem, retried until the id comes.
+    node->on("create_session", [](const NodeRequestData&) {
+        return reply({{"session_id", JSONValue::number(7)}});
+    });
     directoryReady = true;
     c.requestFocus();
+    ASSERT_TRUE(spinUntil([&] { return node->count("create_session") >= 3; }));
+    EXPECT_EQ(c.status().toStdString(), "Node unavailable · retrying");
+    EXPECT_TRUE(ready.empty());
+    createGives("new1");
     ASSERT_TRUE(spinUntil([&] { return c.status() == "Connected"; }));
     EXPECT_FALSE(c.isReplacementSession());
+    EXPECT_EQ(ready, std::vector<std::string>{"new1"});
 }
 
-TEST_F(ControllerTest, UnreachableNodeRetriesUntilItAnswers) {
-    limit = 3;
-    node->on("list_sessions", [this](const NodeRequestData&) {
-        if (step++ < limit) throw NodeClientError::connection();
-        return sessionList({"s1"});
-    });
-    replayWith("/w", "back");
-    auto& c = make({.sessionID = "s1"});
-    c.start();
-    ASSERT_TRUE(reaches("Reconnected"));
-    EXPECT_TRUE(log().sawInOrder({"Reconnecting…", "Node unavailable · retrying", "Reconnecting…",
-                                  "Node unavailable · retrying", "Reconnecting…",
-                                  "Node unavailable · retrying", "Reconnecting…", "Reconnected"}));
-    EXPECT_EQ(ensureCalls, 3);
-    EXPECT_EQ(node->count("list_sessions"), 4);
-}
-
-TEST_F(ControllerTest, NonsenseFromTheNodeRetriesAndLosesNothing) {
-    // Each attempt meets another kind of nonsense; the saved id survives them all.
+TEST_F(ControllerTest, AnAbsentOrNonsensicalNodeIsRetriedAndLosesNothing) {
+    // Each attempt meets another failure; the saved id survives them all, and
+    // every failure asks for the node to be started.
     node->on("list_sessions", [this](const NodeRequestData&) -> NodeResponse {
         switch (step++) {
             case 0:
-                return hl::decodeNodeReply("garbage\n");  // the parser's own error
+                throw NodeClientError::connection();
             case 1:
-                return hl::decodeNodeReply("[]\n");  // invalid response
+                return hl::decodeNodeReply("garbage\n");  // the parser's own error
             case 2:
+                return hl::decodeNodeReply("[]\n");  // invalid response
+            case 3:
                 throw NodeClientError::daemon("session cwd mismatch, sort of");
             default:
                 return sessionList({"s1"});
         }
     });
     node->on("replay_session", [this](const NodeRequestData&) -> NodeResponse {
-        if (step++ == 4) throw NodeClientError::daemon("Node request failed.");
+        if (step++ == 5) throw NodeClientError::daemon("Node request failed.");
         return reply({{"cwd", JSONValue::string("/w")}, {"exited", JSONValue::string("yes")}});
     });
     auto& c = make({.sessionID = "s1"});
     c.start();
     ASSERT_TRUE(reaches("Reconnected"));
-    EXPECT_EQ(std::count(log().texts.begin(), log().texts.end(), "Node unavailable · retrying"), 4);
-    EXPECT_FALSE(log().saw("Saved session cwd mismatch · starting replacement"));
+    EXPECT_EQ(std::count(log().texts.begin(), log().texts.end(), "Node unavailable · retrying"), 5);
+    EXPECT_FALSE(log().sawInOrder({"Saved session cwd mismatch · starting replacement"}));
+    EXPECT_EQ(ensureCalls, 5);
+    EXPECT_EQ(node->count("list_sessions"), 6);
     EXPECT_TRUE(c.isConnected());  // "exited" that is no boolean counts as false
     EXPECT_EQ(node->count("create_session"), 0);
     EXPECT_TRUE(closeRequired.empty());
-}
-
-TEST_F(ControllerTest, CreateWithoutSessionIdIsANodeProblem) {
-    node->on("create_session", [](const NodeRequestData&) {
-        return reply({{"session_id", JSONValue::number(7)}});
-    });
-    auto& c = make({});
-    c.start();
-    ASSERT_TRUE(spinUntil([&] { return node->count("create_session") >= 3; }));
-    EXPECT_EQ(c.status().toStdString(), "Node unavailable · retrying");
-    EXPECT_TRUE(ready.empty());
-    createGives("new1");
-    ASSERT_TRUE(reaches("Connected"));
-    EXPECT_FALSE(c.isReplacementSession());
 }
 
 TEST_F(ControllerTest, DroppedControllerStopsRetrying) {
@@ -302,7 +279,7 @@ TEST_F(ControllerTest, CloseDuringCreateHandsTheNewSessionToTheOwner) {
     c.close();
     EXPECT_EQ(status(), "Closed");
     EXPECT_TRUE(closeRequired.empty());  // no id known yet
-    node->release("create_session");
+    node->releaseAll();
     ASSERT_TRUE(spinUntil([&] { return !closeRequired.empty(); }));
     EXPECT_EQ(closeRequired, std::vector<std::string>{"new1"});
     c.close();
@@ -311,18 +288,6 @@ TEST_F(ControllerTest, CloseDuringCreateHandsTheNewSessionToTheOwner) {
     EXPECT_EQ(status(), "Closed");
     EXPECT_TRUE(ready.empty());
     EXPECT_EQ(node->count("poll"), 0);
-}
-
-TEST_F(ControllerTest, CloseTwiceReportsTheSavedIdOnce) {
-    auto& c = make({.sessionID = "s1", .isReplacementSession = true});
-    c.close();
-    c.close();
-    EXPECT_EQ(closeRequired, std::vector<std::string>{"s1"});
-    EXPECT_FALSE(c.isReplacementSession());
-    EXPECT_FALSE(c.reconnectCandidate().has_value());
-    c.start();
-    c.requestFocus();
-    EXPECT_TRUE(node->operations().empty());
 }
 
 TEST_F(ControllerTest, SuspendDuringCreateKeepsTheNewSessionForLater) {
@@ -337,7 +302,7 @@ TEST_F(ControllerTest, SuspendDuringCreateKeepsTheNewSessionForLater) {
     EXPECT_EQ(status(), "Suspended locally · terminal remains on this Mac");
     EXPECT_EQ(c.surface(), nullptr);
     EXPECT_EQ(surface.resignCount, 1);
-    node->release("create_session");
+    node->releaseAll();
     ASSERT_TRUE(spinUntil([&] { return !ready.empty(); }));
     EXPECT_EQ(ready, std::vector<std::string>{"new1"});
     EXPECT_EQ(c.reconnectCandidate(), "new1");
@@ -380,38 +345,36 @@ TEST_F(ControllerTest, ControllersDroppedWithRequestsInFlightAreNotTouched) {
     EXPECT_TRUE(closeRequired.empty());
 }
 
-TEST_F(ControllerTest, ReattachToAnExitedShellShowsItWithoutPolling) {
-    node->on("list_sessions", [](const NodeRequestData&) { return sessionList({"s1"}); });
-    replayWith("/w", "last words", true);
-    auto& c = make({.sessionID = "s1"});
-    c.start();
-    ASSERT_TRUE(reaches("Exited"));
-    EXPECT_FALSE(c.isConnected());
-    EXPECT_EQ(c.sessionID(), "s1");
-    EXPECT_EQ(ready, std::vector<std::string>{"s1"});
-    EXPECT_EQ(c.rendererHistory(), std::vector<std::string>{b64("last words")});
-    spinFor(40ms);
-    EXPECT_EQ(node->count("poll"), 0);
-}
-
-TEST_F(ControllerTest, ShellExitDeliversItsLastOutputThenStopsPolling) {
+// One shell exits while it is polled, another had exited before it was
+// reattached: each shows its last output, keeps its id and is polled no more.
+TEST_F(ControllerTest, AnExitedShellShowsItsLastOutputAndIsPolledNoMore) {
     createGives("new1");
     node->on("poll", [this](const NodeRequestData&) {
         if (++step < 3) return reply();
         return reply({{"output_base64", JSONValue::string(b64("bye\r\n"))},
                       {"exited", JSONValue::boolean(true)}});
     });
-    auto& c = make({});
+    auto& polled = make({});
     RecordingSurface surface;
-    c.setSurface(&surface);
-    c.start();
+    polled.setSurface(&surface);
+    polled.start();
     ASSERT_TRUE(reaches("Exited"));
     EXPECT_EQ(surface.shown, "bye\r\n");
-    EXPECT_FALSE(c.isConnected());
-    EXPECT_FALSE(c.isPolling());
-    EXPECT_EQ(c.sessionID(), "new1");  // the pane keeps pointing at the dead session
+    EXPECT_FALSE(polled.isConnected());
+    EXPECT_FALSE(polled.isPolling());
+    EXPECT_EQ(polled.sessionID(), "new1");  // the pane keeps pointing at the dead session
+
+    node->on("list_sessions", [](const NodeRequestData&) { return sessionList({"s1"}); });
+    replayWith("/w", "last words", true);
+    auto& reattached = make({.sessionID = "s1"});
+    reattached.start();
+    ASSERT_TRUE(reaches("Exited"));
+    EXPECT_FALSE(reattached.isConnected());
+    EXPECT_EQ(reattached.sessionID(), "s1");
+    EXPECT_EQ(ready, (std::vector<std::string>{"new1", "s1"}));
+    EXPECT_EQ(reattached.rendererHistory(), std::vector<std::string>{b64("last words")});
     spinFor(50ms);
-    EXPECT_EQ(step, 3);
+    EXPECT_EQ(node->count("poll"), 3);
 }
 
 TEST_F(ControllerTest, FailedPollReconnectsToTheSameSession) {
@@ -423,7 +386,7 @@ TEST_F(ControllerTest, FailedPollReconnectsToTheSameSession) {
     });
     auto& c = make({.sessionID = "s1", .isReplacementSession = true});
     c.start();
-    ASSERT_TRUE(spinUntil([&] { return log().saw("Node unavailable · reconnecting"); }));
+    ASSERT_TRUE(spinUntil([&] { return log().sawInOrder({"Node unavailable · reconnecting"}); }));
     ASSERT_TRUE(reaches("Replacement reconnected · original session was lost"));
     // A replacement stays one through every reattach.
     EXPECT_EQ(log().texts, (std::vector<std::string>{
@@ -437,15 +400,17 @@ TEST_F(ControllerTest, FailedPollReconnectsToTheSameSession) {
     EXPECT_EQ(node->count("create_session"), 0);
 }
 
-TEST_F(ControllerTest, InputIsDroppedBeforeASessionAndSentInOrderAfter) {
+TEST_F(ControllerTest, InputIsDroppedBeforeASessionThenSentInOrderAndWakesThePollLoop) {
     createGives("new1");
     node->hold("create_session");
-    auto& c = make({});
+    // Only a wake can bring the next poll.
+    auto& c = make({}, [](auto& hooks) { hooks.idlePollInterval = 60s; });
     c.start();
     c.terminalSurfaceDidReceiveInput("lost");
     c.terminalSurfaceDidResize(80, 24);
-    node->release("create_session");
+    node->releaseAll();
     ASSERT_TRUE(reaches("Connected"));
+    ASSERT_TRUE(spinUntil([&] { return node->count("poll") == 1; }));
 
     const std::string typed = "echo héllo\r";
     for (const QChar ch : QString::fromUtf8(typed.c_str()))
@@ -467,6 +432,7 @@ TEST_F(ControllerTest, InputIsDroppedBeforeASessionAndSentInOrderAfter) {
     const auto resize = node->requests("resize").at(1);
     EXPECT_EQ(hl::test::numberOf(resize, "cols"), 100);
     EXPECT_EQ(hl::test::numberOf(resize, "rows"), 30);
+    EXPECT_TRUE(spinUntil([&] { return node->count("poll") >= 2; }));
 }
 
 // A new shell waits for its renderer's size, so that it never starts at the
@@ -494,17 +460,6 @@ TEST_F(ControllerTest, ANewSessionStartsAtTheSizeTheRendererReported) {
     EXPECT_EQ(hl::test::numberOf(creates[0], "rows"), 27);
     EXPECT_EQ(hl::test::numberOf(creates[1], "cols"), 120);
     EXPECT_EQ(hl::test::numberOf(creates[1], "rows"), 36);
-}
-
-TEST_F(ControllerTest, InputWakesAnIdlePollLoop) {
-    createGives("new1");
-    // Only a wake can bring the next poll.
-    auto& c = make({}, [](auto& hooks) { hooks.idlePollInterval = 60s; });
-    c.start();
-    ASSERT_TRUE(spinUntil([&] { return node->count("poll") == 1; }));
-    c.terminalSurfaceDidReceiveInput("x");
-    ASSERT_TRUE(spinUntil([&] { return node->count("poll") == 2; }));
-    EXPECT_EQ(node->count("input"), 1);
 }
 
 TEST_F(ControllerTest, SurfaceReplacedDuringFloodSeesEveryByteOnce) {

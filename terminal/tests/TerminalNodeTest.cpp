@@ -1,14 +1,8 @@
 // The controller against the real harborlattice-node over its real socket, with
-// real shells in real pseudo-terminals: typing and its echo through the poll
-// loop and the batcher, a node that dies and is started again, a shell that
-// exits, a second controller that reattaches, and a peer that answers nonsense.
+// real shells in real pseudo-terminals: one session typed into through the poll
+// loop and the batcher, suspended, reattached by a second controller and ended
+// by its shell, and a node that dies and is started again.
 #include <gtest/gtest.h>
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <thread>
 
 #include "NodeSupervisor.h"
 #include "TerminalController.h"
@@ -50,7 +44,7 @@ class RealNodeTest : public ::testing::Test {
                              std::shared_ptr<const hl::NodeClientTransport> client = {}) {
         hl::TerminalControllerHooks hooks;
         hooks.ensureNodeRunning = [this] {
-            if (restartNode && !node.running()) node.launch();
+            if (!node.running()) node.launch();
         };
         if (!client) client = std::make_shared<hl::UnixSocketClient>(socket);
         controllers.push_back(std::make_unique<TerminalController>(
@@ -80,33 +74,65 @@ class RealNodeTest : public ::testing::Test {
     hl::test::NodeProcess node;
     std::vector<std::unique_ptr<TerminalController>> controllers;
     std::vector<std::string> ready, closeRequired;
-    bool restartNode = true;
 };
 
-TEST_F(RealNodeTest, TypedCommandEchoesThroughThePollLoop) {
+TEST_F(RealNodeTest, OneSessionTypedIntoReattachedElsewhereAndEndedByItsShell) {
     ASSERT_TRUE(node.start());
-    auto& c = make(std::nullopt);
-    StatusLog log(c);
-    RecordingSurface surface;
-    c.setSurface(&surface);
-    c.start();
-    ASSERT_TRUE(spinUntil([&] { return c.status() == "Connected"; }));
-    EXPECT_TRUE(c.isConnected());
+    auto& first = make(std::nullopt);
+    StatusLog log(first);
+    RecordingSurface firstSurface;
+    first.setSurface(&firstSurface);
+    first.start();
+    ASSERT_TRUE(spinUntil([&] { return first.status() == "Connected"; }));
+    EXPECT_TRUE(first.isConnected());
     ASSERT_EQ(ready.size(), 1u);
-    EXPECT_EQ(c.sessionID(), ready[0]);
+    EXPECT_EQ(first.sessionID(), ready[0]);
 
-    type(c, "echo $((40+2)) $(pwd -P)\r");
-    ASSERT_TRUE(shows(surface, "42 " + cwd)) << surface.shown;
-    EXPECT_FALSE(surface.offMainThread);
-    EXPECT_GE(surface.writes.size(), 1u);
+    type(first, "echo $((40+2)) $(pwd -P)\r");
+    ASSERT_TRUE(shows(firstSurface, "42 " + cwd + "\r\n")) << firstSurface.shown;
+    EXPECT_FALSE(firstSurface.offMainThread);
+    first.terminalSurfaceDidResize(91, 27);
+    type(first, "stty size\r");
+    ASSERT_TRUE(shows(firstSurface, "27 91")) << firstSurface.shown;
+    first.suspend();
+    EXPECT_EQ(log.texts, std::vector<std::string>(
+                             {"Connected", "Suspended locally · terminal remains on this Mac"}));
+    const auto saved = first.reconnectCandidate();
+    ASSERT_EQ(saved, ready[0]);
 
-    c.terminalSurfaceDidResize(91, 27);
-    type(c, "stty size\r");
-    ASSERT_TRUE(shows(surface, "27 91")) << surface.shown;
+    // Another directory: refused by the node itself, and nothing is started.
+    auto& elsewhere = make(saved, dir.path().string(), false);
+    elsewhere.start();
+    ASSERT_TRUE(spinUntil(
+        [&] { return elsewhere.status() == "Saved session cwd mismatch · reattach blocked"; }));
+    EXPECT_EQ(elsewhere.reconnectCandidate(), saved);
 
-    c.close();
-    EXPECT_EQ(closeRequired, ready);
-    EXPECT_EQ(log.texts, std::vector<std::string>({"Connected", "Closed"}));
+    auto counting = std::make_shared<hl::test::CountingTransport>(socket);
+    auto& second = make(saved, {}, true, counting);
+    RecordingSurface secondSurface;
+    second.setSurface(&secondSurface);
+    second.start();
+    ASSERT_TRUE(spinUntil([&] { return second.status() == "Reconnected"; }));
+    EXPECT_EQ(second.sessionID(), saved);
+    EXPECT_FALSE(second.isReplacementSession());
+    ASSERT_FALSE(secondSurface.replays.empty());
+    EXPECT_NE(secondSurface.replays.back().find("42 " + cwd + "\r\n"), std::string::npos);
+    type(second, "echo $((50+5))\r");
+    EXPECT_TRUE(shows(secondSurface, "55\r\n"));
+    EXPECT_FALSE(secondSurface.offMainThread);
+    EXPECT_TRUE(closeRequired.empty());
+
+    // The shell ends: the polling stops, and the pane still closes its session.
+    type(second, "echo goodbye; exit\r");
+    ASSERT_TRUE(spinUntil([&] { return second.status() == "Exited"; }));
+    EXPECT_FALSE(second.isConnected());
+    EXPECT_FALSE(second.isPolling());
+    EXPECT_NE(secondSurface.shown.find("goodbye"), std::string::npos);
+    const int polls = counting->count("poll");
+    spinFor(500ms);  // more than two idle intervals
+    EXPECT_EQ(counting->count("poll"), polls);
+    second.close();
+    EXPECT_EQ(closeRequired, std::vector<std::string>{*saved});
 }
 
 TEST_F(RealNodeTest, NodeStartedAgainAfterItDiedGetsAValidatedReplacement) {
@@ -153,116 +179,6 @@ TEST_F(RealNodeTest, NodeStartedAgainAfterItDiedGetsAValidatedReplacement) {
     c.close();
     // The supervisor's check reads the environment: it must be over before it changes back.
     EXPECT_TRUE(spinUntil([] { return !hl::NodeSupervisor::shared().launchInFlight(); }));
-}
-
-TEST_F(RealNodeTest, ShellThatExitsStopsThePolling) {
-    ASSERT_TRUE(node.start());
-    auto counting = std::make_shared<hl::test::CountingTransport>(socket);
-    auto& c = make(std::nullopt, {}, true, counting);
-    RecordingSurface surface;
-    c.setSurface(&surface);
-    c.start();
-    ASSERT_TRUE(spinUntil([&] { return c.status() == "Connected"; }));
-    type(c, "echo goodbye; exit\r");
-    ASSERT_TRUE(spinUntil([&] { return c.status() == "Exited"; }));
-    EXPECT_FALSE(c.isConnected());
-    EXPECT_FALSE(c.isPolling());
-    EXPECT_NE(surface.shown.find("goodbye"), std::string::npos);
-    const int polls = counting->count("poll");
-    spinFor(500ms);  // more than two idle intervals
-    EXPECT_EQ(counting->count("poll"), polls);
-}
-
-TEST_F(RealNodeTest, SecondControllerReattachesAndReplaysTheHistory) {
-    ASSERT_TRUE(node.start());
-    auto& first = make(std::nullopt);
-    RecordingSurface firstSurface;
-    first.setSurface(&firstSurface);
-    first.start();
-    ASSERT_TRUE(spinUntil([&] { return first.status() == "Connected"; }));
-    type(first, "echo $((40+2))\r");
-    ASSERT_TRUE(shows(firstSurface, "42\r\n"));
-    first.suspend();
-    const auto saved = first.reconnectCandidate();
-    ASSERT_TRUE(saved.has_value());
-
-    // Another directory: refused by the node itself, and nothing is started.
-    auto& elsewhere = make(saved, dir.path().string(), false);
-    elsewhere.start();
-    ASSERT_TRUE(spinUntil(
-        [&] { return elsewhere.status() == "Saved session cwd mismatch · reattach blocked"; }));
-    EXPECT_EQ(elsewhere.reconnectCandidate(), saved);
-
-    auto& second = make(saved);
-    RecordingSurface secondSurface;
-    second.setSurface(&secondSurface);
-    second.start();
-    ASSERT_TRUE(spinUntil([&] { return second.status() == "Reconnected"; }));
-    EXPECT_EQ(second.sessionID(), saved);
-    EXPECT_FALSE(second.isReplacementSession());
-    ASSERT_FALSE(secondSurface.replays.empty());
-    EXPECT_NE(secondSurface.replays.back().find("42\r\n"), std::string::npos);
-    type(second, "echo $((50+5))\r");
-    EXPECT_TRUE(shows(secondSurface, "55\r\n"));
-    EXPECT_FALSE(secondSurface.offMainThread);
-    EXPECT_TRUE(closeRequired.empty());
-}
-
-// Answers every connection with a line that is no JSON.
-class NonsensePeer {
-  public:
-    explicit NonsensePeer(const std::string& path) {
-        listener_ = ::socket(AF_UNIX, SOCK_STREAM, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::snprintf(address.sun_path, sizeof address.sun_path, "%s", path.c_str());
-        if (::bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
-            ::listen(listener_, 16) != 0)
-            throw std::runtime_error("cannot listen");
-        thread_ = std::thread([this] {
-            for (;;) {
-                const int connection = ::accept(listener_, nullptr, nullptr);
-                if (connection < 0 || stopping_) {
-                    if (connection >= 0) ::close(connection);
-                    return;
-                }
-                ++answered_;
-                const char answer[] = "this is not json\n";
-                (void)!::write(connection, answer, sizeof answer - 1);
-                ::close(connection);
-            }
-        });
-    }
-    ~NonsensePeer() {
-        stopping_ = true;
-        ::shutdown(listener_, SHUT_RDWR);
-        thread_.join();
-        ::close(listener_);
-    }
-    int answered() const { return answered_; }
-
-  private:
-    int listener_ = -1;
-    std::atomic<bool> stopping_{false};
-    std::atomic<int> answered_{0};
-    std::thread thread_;
-};
-
-TEST_F(RealNodeTest, PeerAnsweringNonsenseIsAnUnavailableNodeAndLosesNothing) {
-    NonsensePeer peer(socket);
-    restartNode = false;
-    auto& c = make(std::string("saved-id"));
-    c.start();
-    // The retry's own failure, not just its answer: between the two the
-    // status reads "Reconnecting…".
-    ASSERT_TRUE(spinUntil(
-        [&] { return peer.answered() >= 2 && c.status() == "Node unavailable · retrying"; }));
-    EXPECT_EQ(c.reconnectCandidate(), "saved-id");
-    EXPECT_FALSE(c.isConnected());
-    EXPECT_TRUE(ready.empty());
-    EXPECT_TRUE(closeRequired.empty());
-    c.close();
-    EXPECT_EQ(closeRequired, std::vector<std::string>{"saved-id"});
 }
 
 }  // namespace

@@ -34,10 +34,6 @@ std::string unb64(const std::string& text) {
     return bytes.value_or(std::string());
 }
 
-std::string unb64(const QString& text) {
-    return unb64(text.toStdString());
-}
-
 bool spinUntil(const std::function<bool()>& condition, std::chrono::milliseconds timeout) {
     return QTest::qWaitFor(condition, static_cast<int>(timeout.count()));
 }
@@ -85,14 +81,6 @@ void ScriptedTransport::on(const std::string& op, Handler handler) {
 void ScriptedTransport::hold(const std::string& op) {
     std::lock_guard guard(mutex_);
     held_.insert(op);
-}
-
-void ScriptedTransport::release(const std::string& op) {
-    {
-        std::lock_guard guard(mutex_);
-        held_.erase(op);
-    }
-    released_.notify_all();
 }
 
 void ScriptedTransport::releaseAll() {
@@ -163,23 +151,19 @@ NodeResponse CountingTransport::request(const std::string& op, const NodeRequest
 
 void RecordingSurface::write(const QString& base64) {
     offMainThread = offMainThread || QThread::currentThread() != qApp->thread();
-    writes.push_back(unb64(base64));
+    writes.push_back(unb64(base64.toStdString()));
     shown += writes.back();
 }
 
 void RecordingSurface::replaceWithReplay(const QString& base64) {
     offMainThread = offMainThread || QThread::currentThread() != qApp->thread();
-    replays.push_back(unb64(base64));
+    replays.push_back(unb64(base64.toStdString()));
     shown = replays.back();
 }
 
 StatusLog::StatusLog(TerminalController& controller) {
     connect(&controller, &TerminalController::statusChanged, this,
             [this, &controller] { texts.push_back(controller.status().toStdString()); });
-}
-
-bool StatusLog::saw(const std::string& status) const {
-    return std::find(texts.begin(), texts.end(), status) != texts.end();
 }
 
 bool StatusLog::sawInOrder(const std::vector<std::string>& sequence) const {

@@ -27,7 +27,6 @@ namespace hl::test {
 std::string b64(const std::string& bytes);
 // Base64 text back to bytes; fails the test on invalid text.
 std::string unb64(const std::string& text);
-std::string unb64(const QString& text);
 
 // Spins the Qt event loop until `condition` holds or `timeout` passes.
 bool spinUntil(const std::function<bool()>& condition,
@@ -45,14 +44,13 @@ std::int64_t numberOf(const NodeRequestData& data, const std::string& key);
 
 // A node transport whose replies are scripted per operation. An operation with
 // no handler fails as an absent node. Operations can be held in flight until
-// released, to test what happens meanwhile.
+// all are released, to test what happens meanwhile.
 class ScriptedTransport final : public NodeClientTransport {
   public:
     using Handler = std::function<NodeResponse(const NodeRequestData&)>;
 
     void on(const std::string& op, Handler handler);
     void hold(const std::string& op);
-    void release(const std::string& op);
     void releaseAll();
     // Requests of `op` now blocked by hold().
     int waiting(const std::string& op) const;
@@ -111,7 +109,6 @@ class StatusLog final : public QObject {
   public:
     explicit StatusLog(TerminalController& controller);
     std::vector<std::string> texts;
-    bool saw(const std::string& status) const;
     // True if `sequence` appears in the log in this order, not necessarily adjacent.
     bool sawInOrder(const std::vector<std::string>& sequence) const;
 };

@@ -238,36 +238,21 @@ describe('writeBase64', () => {
   });
 });
 
-describe('cursor', () => {
-  test('blinks by turns of a class, with no animation, and shows whole after a redraw', async () => {
-    const cursorOff = () => document.querySelector('[data-pane="a"]').classList.contains('cursor-off');
-    await page.evaluate(() => window.harborlattice.terminal('a').focus());
-    await page.waitForFunction(() => document.querySelector('.xterm-cursor.xterm-cursor-blink'));
-    await page.waitForFunction(cursorOff, null, { timeout: 3000 });
-    assert.equal(await page.evaluate(() => document.getAnimations().length), 0);
-    const colours = await page.evaluate(() => {
-      const style = getComputedStyle(document.querySelector('.xterm-cursor'));
-      return [style.backgroundColor, style.color];
-    });
-    assert.deepEqual(colours, ['rgba(0, 0, 0, 0)', 'rgb(126, 231, 135)']);
-    await write('x');
-    await page.waitForFunction(() => !document.querySelector('[data-pane="a"]').classList.contains('cursor-off'));
-    await page.waitForFunction(cursorOff, null, { timeout: 3000 });
-    await page.evaluate(() => window.harborlattice.terminal('a').blur());
-    assert.equal(await page.evaluate(cursorOff), false);
-  });
-});
-
 describe('replays', () => {
-  test('a replay takes the place of what was shown, the first one and every later one', async () => {
-    await write('first history', true);
+  test('a replay takes the place of what was shown, every time; its title counts, its bell not', async () => {
+    await clearPosts();
+    await write(`first history${ESC}]2;build log\x07\x07`, true);
     assert.equal(await line(0), 'first history');
-    await write(`${ESC}[31mlive output\r\nsecond line`);
+    await write(`${ESC}[31mlive output\r\nsecond line${ESC}]0;vim notes.txt\x07\x07`);
     await write('second history', true);
     assert.equal(await line(0), 'second history');
     assert.equal(await line(1), '');
     await write('', true);
     assert.equal(await line(0), '');
+    const all = await posts();
+    assert.deepEqual(all.filter((post) => post.name === 'title').map((post) => post.body),
+      ['build log', 'vim notes.txt']);
+    assert.equal(all.filter((post) => post.name === 'bell').length, 1);
   });
 
   test('what the user types or pastes while a replay is parsed reaches the shell', async () => {
@@ -288,9 +273,19 @@ describe('replays', () => {
   });
 });
 
-describe('keyboard bridge stacks', () => {
+describe('keyboard bridge', () => {
   const push = (flags) => `${ESC}[>${flags}u`;
   const pop = (count) => `${ESC}[<${count}u`;
+  // Shift down, Enter held for `repeats` auto-repeats, then both released.
+  async function heldShiftEnter(repeats) {
+    await page.evaluate(() => window.harborlattice.terminal('a').focus());
+    await clearPosts();
+    await page.keyboard.down('Shift');
+    for (let i = 0; i <= repeats; i += 1) await page.keyboard.down('Enter');
+    await page.keyboard.up('Enter');
+    await page.keyboard.up('Shift');
+    return inputs();
+  }
 
   test('a stack holds 64 entries with its base, then drops the oldest above it', async () => {
     // 1 under 62 × 2: the 64 entries are all kept.
@@ -304,17 +299,14 @@ describe('keyboard bridge stacks', () => {
     assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
   });
 
-  test('flags pushed in the alternate buffer stay there', async () => {
+  test('each buffer keeps its own stack; a replace write and a full reset cut both to their base', async () => {
     await write(`${ESC}[?1049h${ESC}[>1u`);
     assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
     await write(`${ESC}[?1049l`);
     assert.deepEqual(await typed('Shift+Enter'), ['\r']);
     await write(`${ESC}[?1049h`);
     assert.deepEqual(await typed('Shift+Enter'), [shiftEnter]);
-  });
-
-  test('a replace write and a full reset cut both stacks back to their base', async () => {
-    await write(`${ESC}[>1u${ESC}[>9u${ESC}[?1049h${ESC}[>8u`);
+    await write(`${ESC}[?1049l${ESC}[>9u`);
     await write('replayed text', true);
     assert.deepEqual(await typed('Shift+Enter'), ['\r']);
     await write(`${ESC}[?1049h`);
@@ -326,57 +318,44 @@ describe('keyboard bridge stacks', () => {
     await write(`${ESC}[?1049h`);
     assert.deepEqual(await typed('Shift+Enter'), ['\r']);
   });
-});
 
-describe('Shift+Enter', () => {
-  // Shift down, Enter held for `repeats` auto-repeats, then both released.
-  async function heldShiftEnter(repeats) {
-    await page.evaluate(() => window.harborlattice.terminal('a').focus());
-    await clearPosts();
-    await page.keyboard.down('Shift');
-    for (let i = 0; i <= repeats; i += 1) await page.keyboard.down('Enter');
-    await page.keyboard.up('Enter');
-    await page.keyboard.up('Shift');
-    return inputs();
-  }
-
-  test('with flags 1, or 8 alone: the first sequence on each press, nothing on release', async () => {
+  test('Shift+Enter: each set of flags answers in its own way, other chords as usual', async () => {
+    const usualCtrlShiftEnter = await typed('Control+Shift+Enter');
+    const usualAltShiftEnter = await typed('Alt+Shift+Enter');
+    assert.ok(!usualCtrlShiftEnter.join('').includes('[13;'), JSON.stringify(usualCtrlShiftEnter));
+    await write(`${ESC}[>2u`);
+    assert.deepEqual(await heldShiftEnter(1), ['\r', '\r']);
+    // 1, or 8 alone: the first sequence on each press, nothing on release.
     for (const flags of [1, 8]) {
       await write(`${ESC}[>${flags}u`);
       assert.deepEqual(await heldShiftEnter(2), [shiftEnter, shiftEnter, shiftEnter]);
     }
-  });
-
-  test('with flags 1+2+8: press, repeats, then release', async () => {
     await write(`${ESC}[>11u`);
     assert.deepEqual(await heldShiftEnter(2),
       [shiftEnter, shiftEnterRepeat, shiftEnterRepeat, shiftEnterRelease]);
-  });
-
-  test('with flags 2 alone, and for other chords, the terminal answers as usual', async () => {
-    const usualCtrlShiftEnter = await typed('Control+Shift+Enter');
-    const usualAltShiftEnter = await typed('Alt+Shift+Enter');
-    await write(`${ESC}[>2u`);
-    assert.deepEqual(await heldShiftEnter(1), ['\r', '\r']);
-
-    await write(`${ESC}[>11u`);
     assert.deepEqual(await typed('Enter'), ['\r']);
     assert.deepEqual(await typed('Control+Shift+Enter'), usualCtrlShiftEnter);
     assert.deepEqual(await typed('Alt+Shift+Enter'), usualAltShiftEnter);
-    assert.ok(!usualCtrlShiftEnter.join('').includes('[13;'), JSON.stringify(usualCtrlShiftEnter));
   });
 });
 
 describe('terminal events', () => {
-  test('titles and the bell of live output reach the host', async () => {
-    await clearPosts();
-    await write(`${ESC}]2;build log\x07\x07`, true);
-    await write(`${ESC}]0;vim notes.txt\x07\x07`);
-    const all = await posts();
-    assert.deepEqual(all.filter((post) => post.name === 'title').map((post) => post.body),
-      ['build log', 'vim notes.txt']);
-    // The bell in the replay is not rung again; the live one is.
-    assert.equal(all.filter((post) => post.name === 'bell').length, 1);
+  test('the cursor blinks by turns of a class, with no animation, and shows whole after a redraw', async () => {
+    const cursorOff = () => document.querySelector('[data-pane="a"]').classList.contains('cursor-off');
+    await page.evaluate(() => window.harborlattice.terminal('a').focus());
+    await page.waitForFunction(() => document.querySelector('.xterm-cursor.xterm-cursor-blink'));
+    await page.waitForFunction(cursorOff, null, { timeout: 3000 });
+    assert.equal(await page.evaluate(() => document.getAnimations().length), 0);
+    const colours = await page.evaluate(() => {
+      const style = getComputedStyle(document.querySelector('.xterm-cursor'));
+      return [style.backgroundColor, style.color];
+    });
+    assert.deepEqual(colours, ['rgba(0, 0, 0, 0)', 'rgb(126, 231, 135)']);
+    await write('x');
+    await page.waitForFunction(() => !document.querySelector('[data-pane="a"]').classList.contains('cursor-off'));
+    await page.waitForFunction(cursorOff, null, { timeout: 3000 });
+    await page.evaluate(() => window.harborlattice.terminal('a').blur());
+    assert.equal(await page.evaluate(cursorOff), false);
   });
 
   test('a middle click asks for the primary selection unless a program follows the mouse', async () => {
@@ -414,48 +393,31 @@ describe('links', () => {
     return { x: box.x + (column + 0.5) * cell.width, y: box.y + (row + 0.5) * cell.height };
   }
 
-  test('a clicked link is posted as "openLink" and opened nowhere', async () => {
-    const url = 'https://harborlattice.test/docs?topic=links';
-    await write(`see ${url} here`);
+  test('a plain link and one a program embeds (OSC 8) are hovered, posted as "openLink" and opened nowhere', async () => {
+    const plain = 'https://harborlattice.test/docs?topic=links';
+    const embedded = 'https://harborlattice.test/embedded?x=1';
+    await write(`see ${plain} here\r\n${ESC}]8;;${embedded}\x07embedded link${ESC}]8;;\x07 and more`);
     const popups = [];
     context.on('page', (popup) => popups.push(popup.url()));
     await clearPosts();
-
-    const { x, y } = await cellCentre(4 + 10, 0);
-    await page.mouse.move(x, y + 1);
-    await page.mouse.move(x, y);
-    await page.waitForFunction(
-      () => document.querySelector('.terminal .xterm-screen').classList.contains('xterm-cursor-pointer'),
-      null, { timeout: 5000 });
-    await page.mouse.click(x, y);
-
-    await page.waitForFunction(
-      () => window.recordedPosts.some((post) => post.name === 'openLink'), null, { timeout: 5000 });
-    assert.deepEqual((await posts()).filter((post) => post.name === 'openLink').map((post) => post.body),
-      [url]);
-    await page.waitForTimeout(300);
-    assert.deepEqual(popups, []);
-    assert.equal(page.url(), documentUrl);
-  });
-
-  test('a link a program embeds (OSC 8) is posted as "openLink", hovered and left', async () => {
-    const url = 'https://harborlattice.test/embedded?x=1';
-    await write(`${ESC}]8;;${url}\x07embedded link${ESC}]8;;\x07 and more`);
-    await clearPosts();
-    const { x, y } = await cellCentre(3, 0);
-    await page.mouse.move(x, y + 1);
-    await page.mouse.move(x, y);
-    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'link'));
-    await page.mouse.click(x, y);
-    await page.waitForFunction(
-      () => window.recordedPosts.some((post) => post.name === 'openLink'), null, { timeout: 5000 });
+    const posted = ([name, body]) => window.recordedPosts.some((post) => post.name === name && post.body === body);
+    for (const [column, row, url] of [[4 + 10, 0, plain], [3, 1, embedded]]) {
+      const { x, y } = await cellCentre(column, row);
+      await page.mouse.move(x, y + 1);
+      await page.mouse.move(x, y);
+      await page.waitForFunction(posted, ['link', url], { timeout: 5000 });
+      await page.mouse.click(x, y);
+      await page.waitForFunction(posted, ['openLink', url], { timeout: 5000 });
+    }
     const away = await cellCentre(30, 5);
     await page.mouse.move(away.x, away.y);
-    await page.waitForFunction(() => window.recordedPosts.filter((post) => post.name === 'link').length >= 2);
+    await page.waitForFunction(() => window.recordedPosts.findLast((post) => post.name === 'link').body === '');
     const all = await posts();
-    assert.deepEqual(all.filter((post) => post.name === 'openLink').map((post) => post.body), [url]);
-    const hovers = all.filter((post) => post.name === 'link').map((post) => post.body);
-    assert.deepEqual([hovers[0], hovers.at(-1)], [url, ''], JSON.stringify(hovers));
+    assert.deepEqual(all.filter((post) => post.name === 'openLink').map((post) => post.body), [plain, embedded]);
+    assert.deepEqual(all.filter((post) => post.name === 'link').map((post) => post.body),
+      [plain, '', embedded, '']);
+    await page.waitForTimeout(300);
+    assert.deepEqual(popups, []);
     assert.equal(page.url(), documentUrl);
   });
 });
