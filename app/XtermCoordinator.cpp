@@ -16,8 +16,33 @@ const QStringList XtermCoordinator::scriptMessageHandlerNames = {
     "input", "resize",    "openLink",     "ready", "title",
     "bell",  "selection", "pastePrimary", "link",  "searchResults"};
 
-const QString XtermCoordinator::assetsUnavailableDocument =
-    "<body style='background:#10131a;color:#ff7b72'>Terminal assets unavailable.</body>";
+// It says so at every pane's place, and opens no terminal: no pane says
+// "ready", so no shell is started for a page that cannot show it.
+const QString XtermCoordinator::assetsUnavailableDocument = QStringLiteral(R"HTML(<!doctype html>
+<html><body style="margin:0;background:#10131a;color:#ff7b72;font:13px monospace"><script>
+(() => {
+  const places = new Map();
+  function put(element, rect) {
+    Object.assign(element.style, { position: 'absolute', overflow: 'hidden', padding: '4px',
+      boxSizing: 'border-box', left: `${rect.left}px`, top: `${rect.top}px`,
+      width: `${rect.width}px`, height: `${rect.height}px` });
+  }
+  window.harborlattice = {
+    open(id, rect) {
+      if (places.has(id)) return;
+      const element = document.createElement('div');
+      element.textContent = 'Terminal assets unavailable.';
+      put(element, rect);
+      places.set(id, element);
+      document.body.append(element);
+    },
+    place(id, rect) { if (places.has(id)) put(places.get(id), rect); },
+    close(id) { places.get(id)?.remove(); places.delete(id); },
+    terminal() { return undefined; },
+  };
+  window.webkit?.messageHandlers?.loaded?.postMessage('');
+})();
+</script></body></html>)HTML");
 
 namespace {
 

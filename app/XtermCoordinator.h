@@ -38,7 +38,8 @@ class XtermCoordinator : public TerminalSurface {
     // the terminal's own, the rest serve copy and paste, links, find, titles
     // and the bell.
     static const QStringList scriptMessageHandlerNames;
-    // The document shown in place of the terminal when its assets cannot be found.
+    // The page shown when the terminal's assets cannot be found: it says so at
+    // every pane's place and opens no terminal.
     static const QString assetsUnavailableDocument;
 
     using DeferStart = std::function<void(std::function<void()>)>;
