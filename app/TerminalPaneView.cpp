@@ -168,9 +168,9 @@ bool TerminalPaneView::eventFilter(QObject* watched, QEvent* event) {
     // a press counts for this pane where it lands on this pane's terminal.
     if (type == QEvent::MouseButtonPress && widget != nullptr && document_ &&
         (widget == document_ || document_->isAncestorOf(widget))) {
-        const QPointF global = static_cast<QMouseEvent*>(event)->globalPosition();
-        if (!selected_ && terminal_->rect().contains(terminal_->mapFromGlobal(global.toPoint())) &&
-            onSelect_)
+        const QPoint global = static_cast<QMouseEvent*>(event)->globalPosition().toPoint();
+        if (!selected_ && pane_ &&
+            document_->paneAt(document_->mapFromGlobal(global)) == pane_->id() && onSelect_)
             onSelect_();
         return false;
     }

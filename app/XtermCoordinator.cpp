@@ -13,8 +13,8 @@
 namespace hl {
 
 const QStringList XtermCoordinator::scriptMessageHandlerNames = {
-    "input", "resize",    "openLink",     "ready", "title",
-    "bell",  "selection", "pastePrimary", "link",  "searchResults"};
+    "loaded", "input",     "resize",       "openLink", "ready",        "title",
+    "bell",   "selection", "pastePrimary", "link",     "searchResults"};
 
 // It says so at every pane's place, and opens no terminal: no pane says
 // "ready", so no shell is started for a page that cannot show it.

@@ -34,9 +34,8 @@ class TerminalWebPage : public QObject {
 class XtermCoordinator : public TerminalSurface {
     Q_OBJECT
   public:
-    // The names of the page's message channels, in order: the first four are
-    // the terminal's own, the rest serve copy and paste, links, find, titles
-    // and the bell.
+    // The names of the page's message channels: "loaded" is the page's own;
+    // every other is posted by one terminal, naming its pane.
     static const QStringList scriptMessageHandlerNames;
     // The page shown when the terminal's assets cannot be found: it says so at
     // every pane's place and opens no terminal.

@@ -155,7 +155,8 @@ QString messageHandlerBridgeScript() {
     QString script;
     if (channelScript.open(QIODevice::ReadOnly))
         script = QString::fromUtf8(channelScript.readAll());
-    script += QStringLiteral(R"JS(
+    script +=
+        QStringLiteral(R"JS(
 ;(function () {
   var queue = [];
   var bridge = null;
@@ -166,8 +167,7 @@ QString messageHandlerBridgeScript() {
     if (bridge) { send(name, body); } else { queue.push([name, body]); }
   }
   var handlers = {};
-  ["loaded", "input", "resize", "openLink", "ready", "title", "bell", "selection", "pastePrimary",
-   "link", "searchResults"].forEach(function (name) {
+  %1.forEach(function (name) {
     handlers[name] = { postMessage: function (body) { post(name, body); } };
   });
   window.webkit = { messageHandlers: handlers };
@@ -182,7 +182,10 @@ QString messageHandlerBridgeScript() {
   }
   connect();
 })();
-)JS");
+)JS")
+            .arg(QString::fromUtf8(QJsonDocument(QJsonArray::fromStringList(
+                                                     XtermCoordinator::scriptMessageHandlerNames))
+                                       .toJson(QJsonDocument::Compact)));
     return script;
 }
 
