@@ -119,7 +119,7 @@ class CopyWindowTest : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(CopyWindowTest, CopyIsOfferedWithAnOriginAndOpensTheCopiedProject) {
+TEST_F(CopyWindowTest, CopyIsOfferedWithAnOriginFailsWithAdviceAndOpensTheCopiedProject) {
     const hl::SharedProject plain{"plain-id", "plain", std::nullopt};
     publish({plain});
     QMessageBox* dialog = setUpDialog("plain");
@@ -129,47 +129,11 @@ TEST_F(CopyWindowTest, CopyIsOfferedWithAnOriginAndOpensTheCopiedProject) {
     EXPECT_EQ(texts(rowMenu("plain")), QStringList{"Choose Existing Folder…"});
     answerLater(dialog);
 
-    const auto atlas = originProject("atlas-id", "atlas", hl::test::TestSshServer::kOriginHost);
-    const QString root = atlas.origin->root;
-    publish({plain, atlas});
-    ASSERT_NE(dialog = setUpDialog("atlas"), nullptr);
-    EXPECT_EQ(dialog->informativeText(), "atlas exists on Test Origin at " + root +
-                                             ". Copy it to the same path on this computer?");
-    EXPECT_EQ(texts(rowMenu("atlas")),
-              (QStringList{"Copy from Test Origin…", "Choose Existing Folder…"}));
-    auto* copy = dialog->findChild<QAbstractButton*>("sync.setUp.copy");
-    ASSERT_NE(copy, nullptr);
-    EXPECT_EQ(copy->text(), "Copy from Test Origin");
-    copy->click();
-    ASSERT_TRUE(spinUntil([&] { return sheet() && sheet()->isVisible(); }));
-    EXPECT_TRUE(spinUntil([&] { return !window_->findChild<QMessageBox*>("sync.setUp"); }));
-
-    hl::ProjectCopyController& controller = app_->projectCopy();
-    ASSERT_TRUE(spinUntil([&] { return !controller.isRunning(); }, kCopyTimeout));
-    ASSERT_EQ(controller.phase(), Phase::Complete) << controller.detail().toStdString();
-    hl::apptest::saveScreenshot(sheet(), "copy-window-complete");
-    EXPECT_TRUE(fs::is_regular_file(root.toStdString() + "/src/main.c"));
-    ASSERT_EQ(app_->catalog().projects().size(), 1u);
-    EXPECT_EQ(app_->catalog().projects().front().root, root);
-    EXPECT_EQ(app_->workspace().activeProjectID(), QString("atlas-id"));
-    EXPECT_EQ(app_->workspace().tabs().size(), 1u);
-    EXPECT_EQ(app_->catalog().selectedProjectID(), QString("atlas-id"));
-    EXPECT_TRUE(spinUntil([&] { return rowMenu("atlas").isEmpty(); })) << "left From Cloud";
-    EXPECT_FALSE(rowMenu("plain").isEmpty());
-
-    for (auto* button : sheet()->findChildren<QPushButton*>())
-        if (button->text() == "Done") button->click();
-    EXPECT_FALSE(sheet()->isVisible());
-    EXPECT_FALSE(controller.isPresented());
-}
-
-TEST_F(CopyWindowTest, ADeniedKeyShowsTheAdviceAndMapsNothing) {
+    // A denied key: the sheet shows the advice, and nothing is mapped.
     const auto denied = originProject("denied-id", "denied", hl::test::TestSshServer::kDeniedHost);
-    publish({denied});
-    QMessageBox* dialog = setUpDialog("denied");
-    ASSERT_NE(dialog, nullptr);
+    publish({plain, denied});
+    ASSERT_NE(dialog = setUpDialog("denied"), nullptr);
     answerLater(dialog);
-
     const auto entries = rowMenu("denied");
     ASSERT_EQ(entries.size(), 2);
     entries.front()->trigger();
@@ -189,10 +153,41 @@ TEST_F(CopyWindowTest, ADeniedKeyShowsTheAdviceAndMapsNothing) {
     hl::apptest::saveScreenshot(sheet(), "copy-window-denied");
     EXPECT_TRUE(app_->catalog().projects().empty());
     EXPECT_FALSE(fs::exists(denied.origin->root.toStdString()));
-    EXPECT_FALSE(rowMenu("denied").isEmpty()) << "still waits in From Cloud";
-
     sheet()->reject();  // Escape once it has stopped closes it
     EXPECT_FALSE(sheet()->isVisible());
+
+    const auto atlas = originProject("atlas-id", "atlas", hl::test::TestSshServer::kOriginHost);
+    const QString root = atlas.origin->root;
+    publish({plain, denied, atlas});
+    ASSERT_NE(dialog = setUpDialog("atlas"), nullptr);
+    EXPECT_EQ(dialog->informativeText(), "atlas exists on Test Origin at " + root +
+                                             ". Copy it to the same path on this computer?");
+    EXPECT_EQ(texts(rowMenu("atlas")),
+              (QStringList{"Copy from Test Origin…", "Choose Existing Folder…"}));
+    auto* copy = dialog->findChild<QAbstractButton*>("sync.setUp.copy");
+    ASSERT_NE(copy, nullptr);
+    EXPECT_EQ(copy->text(), "Copy from Test Origin");
+    copy->click();
+    ASSERT_TRUE(spinUntil([&] { return sheet() && sheet()->isVisible(); }));
+    EXPECT_TRUE(spinUntil([&] { return !window_->findChild<QMessageBox*>("sync.setUp"); }));
+
+    ASSERT_TRUE(spinUntil([&] { return !controller.isRunning(); }, kCopyTimeout));
+    ASSERT_EQ(controller.phase(), Phase::Complete) << controller.detail().toStdString();
+    hl::apptest::saveScreenshot(sheet(), "copy-window-complete");
+    EXPECT_TRUE(fs::is_regular_file(root.toStdString() + "/src/main.c"));
+    ASSERT_EQ(app_->catalog().projects().size(), 1u);
+    EXPECT_EQ(app_->catalog().projects().front().root, root);
+    EXPECT_EQ(app_->workspace().activeProjectID(), QString("atlas-id"));
+    EXPECT_EQ(app_->workspace().tabs().size(), 1u);
+    EXPECT_EQ(app_->catalog().selectedProjectID(), QString("atlas-id"));
+    EXPECT_TRUE(spinUntil([&] { return rowMenu("atlas").isEmpty(); })) << "left From Cloud";
+    EXPECT_FALSE(rowMenu("plain").isEmpty());
+    EXPECT_FALSE(rowMenu("denied").isEmpty()) << "still waits in From Cloud";
+
+    for (auto* button : sheet()->findChildren<QPushButton*>())
+        if (button->text() == "Done") button->click();
+    EXPECT_FALSE(sheet()->isVisible());
+    EXPECT_FALSE(controller.isPresented());
 }
 
 TEST(CopyTextsTest, TheSetUpMessageUsesThePlatformsWordForAMachine) {

@@ -1,6 +1,6 @@
 // The close ledger against a scripted transport: durable pending set,
 // acknowledgement rules and the retry budget. WorkspaceNodeTest runs it against
-// a real node and against a socket nobody serves.
+// a socket nobody serves, and the window tests against a real node.
 #include <gtest/gtest.h>
 
 #include <atomic>

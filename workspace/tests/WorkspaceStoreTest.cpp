@@ -43,7 +43,6 @@ TEST_F(WorkspaceStoreTest, OpeningAProjectStartsAShellAndSavesItsSession) {
     EXPECT_EQ(tab->title(), "alpha");
     EXPECT_EQ(store->activeWorkspaceID(), "project:" + alpha.id);
     EXPECT_EQ(store->activeProjectID(), alpha.id);
-    EXPECT_EQ(store->activeWorkspaceTitle(), "alpha");
 
     auto* pane = tab->panes().front();
     ASSERT_TRUE(spinUntil([&] { return pane->sessionID().has_value(); }));
@@ -130,7 +129,6 @@ TEST_F(WorkspaceStoreTest, TabsAndWorkspacesSelectAndWrap) {
     store->newTerminal();
     const QUuid third = *store->selectedTabID();
     EXPECT_EQ(store->visibleTabs().size(), 3u);
-    EXPECT_EQ(store->selectedTab()->title(), "alpha");
 
     store->selectAdjacentTab(1);
     EXPECT_EQ(store->selectedTabID(), first) << "wraps from the last to the first";
@@ -335,7 +333,6 @@ TEST(WorkspacePathRulesTest, CanonicalDirectoriesAndScratchIdentity) {
     EXPECT_TRUE(WorkspaceStore::canonicalDirectoryIsAvailable(q("a/b/c"), root));
     EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(q("a/bc"), root)) << "a sibling";
     EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(q("a"), root));
-    EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(root + "/", root));
     EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(q("link/c"), root))
         << "through a link";
     EXPECT_FALSE(WorkspaceStore::canonicalDirectoryIsAvailable(q("link/c"), q("link")));
@@ -345,8 +342,6 @@ TEST(WorkspacePathRulesTest, CanonicalDirectoriesAndScratchIdentity) {
     const QUuid id = QUuid::fromString(QStringLiteral("0E5B1C2A-7F0D-4B0E-9A9B-2C3D4E5F6A7B"));
     EXPECT_TRUE(WorkspaceStore::scratchPathMatchesIdentity(
         "/s/Scratch/0e5b1c2a-7f0d-4b0e-9a9b-2c3d4e5f6a7b", id, "/s/Scratch"));
-    EXPECT_FALSE(WorkspaceStore::scratchPathMatchesIdentity(
-        "/s/Scratch/0E5B1C2A-7F0D-4B0E-9A9B-2C3D4E5F6A7B", id, "/s/Scratch"));
     EXPECT_FALSE(WorkspaceStore::scratchPathMatchesIdentity(
         "/s/Scratch/0e5b1c2a-7f0d-4b0e-9a9b-2c3d4e5f6a7b/", id, "/s/Scratch"));
 
