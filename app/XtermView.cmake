@@ -11,6 +11,7 @@ set_target_properties(terminal_host_tests PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${
 gtest_discover_tests(terminal_host_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
 add_library(hl_terminal_view STATIC ${CMAKE_CURRENT_LIST_DIR}/XtermWebView.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/PreviousShellMenu.cpp
   ${CMAKE_CURRENT_LIST_DIR}/TerminalDocumentScheme.cpp)
 target_link_libraries(hl_terminal_view PUBLIC hl_terminal_host hl_terminal_document
   Qt6::Widgets Qt6::WebEngineWidgets Qt6::WebChannel)

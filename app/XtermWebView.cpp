@@ -23,6 +23,7 @@
 #include <QWebEngineScriptCollection>
 #include <QWebEngineView>
 
+#include "PreviousShellMenu.h"
 #include "TerminalAssetLocator.h"
 #include "TerminalDocumentScheme.h"
 #include "XtermView.h"
@@ -423,6 +424,8 @@ QMenu* XtermWebView::contextMenu(QPoint position) {
             if (terminal) terminal->openLink(link);
         });
     }
+    if (TerminalController* controller = terminal->controller())
+        addPreviousShellActions(*menu, *controller);
     return menu;
 }
 

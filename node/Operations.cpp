@@ -1,4 +1,5 @@
 // Operations: what the node does for each request of its protocol.
+#include <fcntl.h>
 #include <signal.h>
 #include <sys/stat.h>
 
@@ -29,13 +30,31 @@ std::string newSessionId() {
     return text;
 }
 
-// Whether two paths name the same directory: the same text, or the same file
-// (as when one of them goes through a symbolic link).
-bool sameDirectory(const std::string& a, const std::string& b) {
-    if (a == b) return true;
-    struct stat first, second;
-    return ::stat(a.c_str(), &first) == 0 && ::stat(b.c_str(), &second) == 0 &&
-           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+#if defined(O_PATH)
+constexpr int lookupFlags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+#else
+constexpr int lookupFlags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+#endif
+
+// Whether the open directory `directory` is `folder` or lies anywhere below it,
+// compared by device and inode up the chain of parents, so that links and a
+// trailing slash do not matter. A deleted directory (no links left) is within
+// nothing, so a shell whose folder was deleted and made again is refused.
+bool directoryIsWithin(UniqueFd directory, const std::string& folder) {
+    struct stat target;
+    if (!directory || ::stat(folder.c_str(), &target) != 0 || !S_ISDIR(target.st_mode))
+        return false;
+    for (int depth = 0; depth < 4096; ++depth) {
+        struct stat here;
+        if (::fstat(directory.get(), &here) != 0 || here.st_nlink == 0) return false;
+        if (here.st_dev == target.st_dev && here.st_ino == target.st_ino) return true;
+        UniqueFd parent(::openat(directory.get(), "..", lookupFlags));
+        struct stat above;
+        if (!parent || ::fstat(parent.get(), &above) != 0) return false;
+        if (above.st_dev == here.st_dev && above.st_ino == here.st_ino) return false;  // the root
+        directory = std::move(parent);
+    }
+    return false;
 }
 
 const char* const unknownSession = "unknown session";
@@ -70,22 +89,28 @@ Session* Server::findSession(const std::string& id) const {
     return it == sessions_.end() ? nullptr : it->second.get();
 }
 
-std::string Server::listSessions() const {
+std::string Server::listSessions() {
     json ids = json::array();
-    for (const auto& [id, session] : sessions_)
+    json directories = json::array();
+    for (const auto& [id, session] : sessions_) {
         ids.push_back(id);
-    return successReply({{"session_ids", std::move(ids)}});
+        directories.push_back(session->directory());
+    }
+    // "session_cwds" is in the order of "session_ids": where each shell is now.
+    return successReply(
+        {{"session_ids", std::move(ids)}, {"session_cwds", std::move(directories)}});
 }
 
 std::string Server::replaySession(const Request& request, Clock::time_point now) {
     Session* session = findSession(request.sessionId);
     if (!session) return failureReply(unknownSession);
-    if (!sameDirectory(session->directory(), request.expectedCwd))
+    if (!directoryIsWithin(session->openDirectory(), request.expectedCwd))
         return failureReply("session cwd mismatch");
     session->markReplayed(now);
     if (session->wantsOutput(now)) session->readOutput(Session::tailLimit, now);
     const std::string output = session->replay(outputAllowance());
-    // The pane's own text, so that its exact comparison holds.
+    // The pane's own text, so that its exact comparison holds: a shell in a folder
+    // below the pane's is still the pane's shell.
     return successReply({{"cwd", request.expectedCwd}, {"exited", session->exited()}}, output);
 }
 

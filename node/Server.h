@@ -102,7 +102,7 @@ class Server {
     // The reply to one request (Operations.cpp); absent when it comes later.
     std::optional<std::string> handle(const Request& request, std::uint64_t ticket,
                                       Clock::time_point now);
-    std::string listSessions() const;
+    std::string listSessions();
     std::string replaySession(const Request& request, Clock::time_point now);
     std::optional<std::string> createSession(const Request& request, std::uint64_t ticket,
                                              Clock::time_point now);

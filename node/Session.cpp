@@ -1,6 +1,7 @@
 // Session: reading, writing and retention of one shell's terminal.
 #include "Session.h"
 
+#include <fcntl.h>
 #include <sys/ioctl.h>
 #include <unistd.h>
 
@@ -30,6 +31,21 @@ const std::string& Session::directory() {
         if (auto now = processDirectory(shellPid_)) directory_ = std::move(*now);
     }
     return directory_;
+}
+
+UniqueFd Session::openDirectory() {
+#if defined(O_PATH)
+    const int flags = O_PATH | O_DIRECTORY | O_CLOEXEC;
+#else
+    const int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC;
+#endif
+#if defined(__linux__)
+    if (!shellReaped_) {
+        UniqueFd live(::open(("/proc/" + std::to_string(shellPid_) + "/cwd").c_str(), flags));
+        if (live) return live;
+    }
+#endif
+    return UniqueFd(::open(directory().c_str(), flags));
 }
 
 void Session::markPolled(Clock::time_point now) {

@@ -47,6 +47,9 @@ class Session {
     const std::string& id() const { return id_; }
     // The shell's directory, refreshed from the system while the shell runs.
     const std::string& directory();
+    // The shell's directory itself, opened for lookups only (still the same
+    // directory when it has been deleted or renamed since); empty when unknown.
+    UniqueFd openDirectory();
     pid_t shellPid() const { return shellPid_; }
     int masterFd() const { return master_.get(); }
     // Takes the shell's pidfd (for the kill after a close).

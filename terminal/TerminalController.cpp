@@ -41,14 +41,6 @@ std::string_view tailOf(std::string_view bytes, std::int64_t limit) {
 
 }  // namespace
 
-struct TerminalController::AttachOutcome {
-    enum class Kind { Attached, SavedSessionUnavailable, CwdMismatch, Failed };
-    Kind kind = Kind::Failed;
-    std::string id;
-    bool exited = false;
-    std::optional<std::string> output;
-};
-
 TerminalController::TerminalController(std::optional<std::string> sessionID, std::string cwd,
                                        bool isReplacementSession, bool allowReconnect,
                                        bool sessionCreationIsAllowed,
@@ -119,8 +111,9 @@ void TerminalController::start() {
     try {
         runDetached([self = QPointer<TerminalController>(this), client = client_,
                      cwd = requestedCwd_, candidate, allowReconnect = allowReconnect_, mayCreate,
-                     size] {
-            auto outcome = attach(*client, cwd, candidate, allowReconnect, mayCreate, size);
+                     size, previous = previousShellIDs()] {
+            auto outcome =
+                attach(*client, cwd, candidate, allowReconnect, mayCreate, size, previous);
             postToMainThread([self, outcome = std::move(outcome), candidate, mayCreate] {
                 if (!self) return;
                 self->finish(outcome, candidate, mayCreate);
@@ -144,34 +137,44 @@ void TerminalController::start() {
 TerminalController::AttachOutcome TerminalController::attach(
     const NodeClientTransport& client, const std::string& cwd,
     const std::optional<std::string>& candidate, bool allowReconnect, bool mayCreate,
-    std::pair<int, int> size) {
+    std::pair<int, int> size, const std::vector<std::string>& previous) {
     using Kind = AttachOutcome::Kind;
     AttachOutcome outcome;
     try {
+        if ((candidate && allowReconnect) || !previous.empty()) {
+            outcome.directories = listSessions(client);
+            outcome.listed = true;
+        }
         if (candidate && allowReconnect) {
-            const auto listed = client.request("list_sessions")["session_ids"].arrayValue();
-            bool present = false;
-            for (const auto& value : listed.value_or(std::vector<JSONValue>{}))
-                present = present || value.stringValue() == *candidate;
-            if (!present) return {Kind::SavedSessionUnavailable, {}, false, {}};
+            if (outcome.directories.count(*candidate) == 0) {
+                outcome.kind = Kind::SavedSessionUnavailable;
+                return outcome;
+            }
             NodeResponse reply;
             try {
                 reply = client.request("replay_session",
                                        {{"session_id", *candidate}, {"expected_cwd", cwd}});
             } catch (const NodeClientError& error) {
-                if (error.kind() == NodeClientError::Kind::Daemon &&
-                    error.daemonText() == cwdMismatchText)
-                    return {Kind::CwdMismatch, {}, false, {}};
-                throw;
+                if (error.kind() != NodeClientError::Kind::Daemon ||
+                    error.daemonText() != cwdMismatchText)
+                    throw;
+                outcome.kind = Kind::CwdMismatch;
+                return outcome;
             }
-            if (!replayCwdMatches(reply, cwd)) return {Kind::CwdMismatch, {}, false, {}};
+            if (!replayCwdMatches(reply, cwd)) {
+                outcome.kind = Kind::CwdMismatch;
+                return outcome;
+            }
             outcome.kind = Kind::Attached;
             outcome.id = *candidate;
             outcome.output = reply["output_base64"].stringValue();
             outcome.exited = reply["exited"].boolValue().value_or(false);
             return outcome;
         }
-        if (!mayCreate) return {Kind::SavedSessionUnavailable, {}, false, {}};
+        if (!mayCreate) {
+            outcome.kind = Kind::SavedSessionUnavailable;
+            return outcome;
+        }
         const auto created =
             client.request("create_session", {{"cwd", cwd},
                                               {"cols", std::int64_t{size.first}},
@@ -183,7 +186,7 @@ TerminalController::AttachOutcome TerminalController::attach(
         return outcome;
     } catch (...) {
         // An absent node, a refusal and a reply that makes no sense all retry.
-        return {Kind::Failed, {}, false, {}};
+        return {Kind::Failed, {}, false, {}, false, {}};
     }
 }
 
@@ -195,6 +198,7 @@ bool TerminalController::replayCwdMatches(const NodeResponse& reply,
 // The end of a start's background work, back on the main thread.
 void TerminalController::finish(const AttachOutcome& outcome,
                                 const std::optional<std::string>& candidate, bool mayCreate) {
+    notePreviousShells(outcome);
     switch (outcome.kind) {
         case AttachOutcome::Kind::Attached:
             if (!attachResult(outcome.id, outcome.exited, candidate, outcome.output) &&
@@ -204,9 +208,13 @@ void TerminalController::finish(const AttachOutcome& outcome,
         case AttachOutcome::Kind::SavedSessionUnavailable:
             finishUnavailableReconnect(mayCreate);
             break;
-        case AttachOutcome::Kind::CwdMismatch:
-            mismatchResult(mayCreate);
+        case AttachOutcome::Kind::CwdMismatch: {
+            const auto where =
+                candidate ? outcome.directories.find(*candidate) : outcome.directories.end();
+            mismatchResult(mayCreate, candidate,
+                           where == outcome.directories.end() ? std::string() : where->second);
             break;
+        }
         case AttachOutcome::Kind::Failed:
             retryResult();
             break;
@@ -230,7 +238,10 @@ bool TerminalController::attachResult(const std::string& id, bool exited,
     unavailableNodeRetryAttempted_ = false;
     setIsConnected(!exited);
     const bool reattached = candidate == id;
-    setIsReplacementSession(isReplacementSession_ || (!reattached && isStartingReplacement_));
+    // A replacement beside a kept previous shell lost nothing.
+    const bool keptPrevious = std::exchange(keptPreviousShell_, false) && !reattached;
+    setIsReplacementSession(isReplacementSession_ ||
+                            (!reattached && isStartingReplacement_ && !keptPrevious));
     const char* next = nullptr;
     if (exited) {
         next = isReplacementSession_ ? "Replacement exited · saved session was lost" : "Exited";
@@ -241,7 +252,12 @@ bool TerminalController::attachResult(const std::string& id, bool exited,
         next =
             isStartingReplacement_ ? "Replacement connected · saved session was lost" : "Connected";
     }
-    setStatus(text(next));
+    if (keptPrevious && !exited && !previousShells_.empty()) {
+        setStatus(text("Replacement connected · previous shell still runs ") +
+                  previousShellPlace(previousShells_.back()));
+    } else {
+        setStatus(text(next));
+    }
     isStartingReplacement_ = false;
     if (output && !output->empty()) {
         receiveReplay(*output);
@@ -274,13 +290,17 @@ void TerminalController::finishUnavailableReconnect(bool mayCreate) {
     setStatus(blocked ? creationBlockedStatus_ : unavailableStatus_);
 }
 
-// The saved session lives in another directory; it is left alone, not closed.
-void TerminalController::mismatchResult(bool mayCreate) {
+// The saved session lives in another directory: it is left running, and kept
+// as a previous shell when a replacement takes its place.
+void TerminalController::mismatchResult(bool mayCreate, const std::optional<std::string>& candidate,
+                                        const std::string& candidateDirectory) {
     if (closed_ || suspended_) return;
     started_ = false;
     setSessionID(std::nullopt);
     setIsConnected(false);
     if (mayCreate) {
+        if (candidate) keepPreviousShell({*candidate, candidateDirectory});
+        keptPreviousShell_ = candidate.has_value();
         reconnectCandidate_.reset();
         isStartingReplacement_ = true;
         setStatus(text("Saved session cwd mismatch · starting replacement"));
@@ -350,6 +370,12 @@ void TerminalController::close() {
     setStatus(text("Closed"));
     onSessionReady = nullptr;
     if (id && onCloseRequired) onCloseRequired(*id);
+    // The pane's previous shells go with it.
+    const auto previous = std::exchange(previousShells_, {});
+    if (!previous.empty()) emit previousShellsChanged();
+    for (const auto& shell : previous) {
+        if (onCloseRequired) onCloseRequired(shell.id);
+    }
 }
 
 void TerminalController::suspend() {
@@ -362,7 +388,16 @@ void TerminalController::suspend() {
     if (sessionID_) reconnectCandidate_ = sessionID_;
     started_ = false;
     setIsConnected(false);
-    setStatus(text("Suspended locally · terminal remains on this Mac"));
+#if defined(__APPLE__)
+    setStatus(suspendedStatus(true));
+#else
+    setStatus(suspendedStatus(false));
+#endif
+}
+
+QString TerminalController::suspendedStatus(bool macWords) {
+    return text(macWords ? "Suspended locally · terminal remains on this Mac"
+                         : "Suspended locally · terminal remains on this computer");
 }
 
 void TerminalController::requestFocus() {

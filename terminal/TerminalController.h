@@ -7,8 +7,10 @@
 //
 // Words used here: the *candidate* is the saved session id to try on the next
 // start; a *replacement* is a new session started because the saved one was
-// lost. The controller lives on the main thread; node requests run on detached
-// threads and their results re-check the controller's state on arrival.
+// lost or had left the pane's folder; a *previous shell* is such a saved
+// session that is still running elsewhere, kept for the user to reattach or close. The controller
+// lives on the main thread; node requests run on detached threads and their results re-check the
+// controller's state on arrival.
 #pragma once
 
 #include <QObject>
@@ -18,6 +20,7 @@
 #include <cstdint>
 #include <deque>
 #include <functional>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -60,9 +63,18 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
         bool isReplacementSession READ isReplacementSession NOTIFY isReplacementSessionChanged)
     // The title a program gave the terminal; empty when none.
     Q_PROPERTY(QString title READ title NOTIFY titleChanged)
+    Q_PROPERTY(int previousShellCount READ previousShellCount NOTIFY previousShellsChanged)
 
   public:
     static constexpr std::int64_t maximumHistoryBytes = 4194304;
+
+    // A shell that had left the pane's folder when the pane last started. Its
+    // directory is where the node last saw it; empty until the node has said.
+    struct PreviousShell {
+        std::string id;
+        std::string directory;
+        bool operator==(const PreviousShell&) const = default;
+    };
 
     // `sessionID` is the saved session to try first; `client` empty means a
     // UnixSocketClient on the default socket; `directoryIsReady` empty means
@@ -88,6 +100,17 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     // The last search's matches and the selected one (-1 when none is).
     int searchMatchCount() const { return searchMatchCount_; }
     int searchMatchIndex() const { return searchMatchIndex_; }
+
+    const std::vector<PreviousShell>& previousShells() const { return previousShells_; }
+    int previousShellCount() const { return static_cast<int>(previousShells_.size()); }
+    // The previous shells a restored pane still holds; their directories are
+    // learned at the next start, and those the node no longer has are dropped.
+    void setPreviousShells(const std::vector<std::string>& ids);
+    // Swaps the previous shell in: the current session becomes a previous shell
+    // in its place, so that nothing is ended. Does nothing for an unknown id.
+    void reattachPreviousShell(const std::string& id);
+    // Lets the previous shell go: it is handed to onCloseRequired.
+    void closePreviousShell(const std::string& id);
 
     const std::string& requestedCwd() const { return requestedCwd_; }
     const std::optional<std::string>& reconnectCandidate() const { return reconnectCandidate_; }
@@ -128,6 +151,12 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     void terminalSurfaceDidFindMatches(int count, int index) override;
     void terminalSurfaceDidReload() override;
 
+    // Where a previous shell is, for its status and menu: "in <dir>", or
+    // "elsewhere" when the node has not said.
+    static QString previousShellPlace(const PreviousShell& shell);
+    // The status of a suspended terminal, in the words of the platform.
+    static QString suspendedStatus(bool macWords);
+
     // The bytes written between an old session's screen and a replacement's output.
     static const std::string replacementSeparator;
 
@@ -155,9 +184,20 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     void titleChanged();
     void bellRang();
     void searchMatchesChanged();
+    void previousShellsChanged();
 
   private:
-    struct AttachOutcome;
+    // What a start's background work found.
+    struct AttachOutcome {
+        enum class Kind { Attached, SavedSessionUnavailable, CwdMismatch, Failed };
+        Kind kind = Kind::Failed;
+        std::string id;
+        bool exited = false;
+        std::optional<std::string> output;
+        // Where the node's sessions were, when the start listed them.
+        bool listed = false;
+        std::map<std::string, std::string> directories;
+    };
     struct HistoryChunk {
         std::string base64;
         std::int64_t bytes;
@@ -167,7 +207,19 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     // A new session gets `size` (columns, rows), the renderer's when known.
     static AttachOutcome attach(const NodeClientTransport& client, const std::string& cwd,
                                 const std::optional<std::string>& candidate, bool allowReconnect,
-                                bool mayCreate, std::pair<int, int> size);
+                                bool mayCreate, std::pair<int, int> size,
+                                const std::vector<std::string>& previous);
+    // Replays a previous shell wherever it is now, on a detached thread.
+    static AttachOutcome attachPrevious(const NodeClientTransport& client, const std::string& id,
+                                        std::string directory);
+    // Where the listed sessions are: "session_cwds" in the order of "session_ids".
+    static std::map<std::string, std::string> listSessions(const NodeClientTransport& client);
+    // Learns where the previous shells are from a listing, dropping those gone.
+    void notePreviousShells(const AttachOutcome& outcome);
+    void finishPreviousReattach(const AttachOutcome& outcome, const std::string& id);
+    std::vector<std::string> previousShellIDs() const;
+    // Adds or updates one previous shell.
+    void keepPreviousShell(PreviousShell shell);
     // The poll loop of one session, on a thread of its own.
     static void pollLoop(QPointer<TerminalController> controller,
                          std::shared_ptr<const NodeClientTransport> client, std::string sessionID,
@@ -180,7 +232,8 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
                       const std::optional<std::string>& candidate,
                       const std::optional<std::string>& output);
     void finishUnavailableReconnect(bool mayCreate);
-    void mismatchResult(bool mayCreate);
+    void mismatchResult(bool mayCreate, const std::optional<std::string>& candidate,
+                        const std::string& candidateDirectory);
     void retryResult();
     void recover();
     void markExited();
@@ -224,6 +277,9 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     std::shared_ptr<PollingToken> polling_;
     bool unavailableNodeRetryAttempted_ = false;
     bool isStartingReplacement_ = false;
+    std::vector<PreviousShell> previousShells_;
+    // The replacement being started keeps the saved session as a previous shell.
+    bool keptPreviousShell_ = false;
     int startsInFlight_ = 0;
     // Keeps input and resize requests in the order the renderer sent them.
     SerialTaskQueue inputQueue_;

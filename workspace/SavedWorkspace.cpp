@@ -73,6 +73,19 @@ SavedTab decodeTab(const QJsonValue& value, bool legacy) {
             const QJsonValue flag = paneObject.value("isReplacement");
             if (!isAbsent(flag) && !flag.isBool()) throw Error("isReplacement is not a boolean");
             pane.isReplacement = flag.toBool(false);
+            const QJsonValue previous = paneObject.value("previousShells");
+            if (!isAbsent(previous)) {
+                for (const QJsonValue& shell : requireArray(previous, "pane previousShells")) {
+                    const QJsonObject shellObject = requireObject(shell, "previous shell");
+                    const QDateTime since = QDateTime::fromString(
+                        requireText(shellObject.value("since"), "previous shell since"),
+                        Qt::ISODateWithMs);
+                    if (!since.isValid()) throw Error("previous shell since is not a time");
+                    pane.previousShells.push_back(
+                        {requireText(shellObject.value("sessionID"), "previous shell sessionID"),
+                         since.toUTC()});
+                }
+            }
         }
         tab.panes.push_back(std::move(pane));
     }
@@ -126,6 +139,15 @@ QByteArray SavedWorkspace::encoded() const {
                                    {"context", pane.context.toJson()},
                                    {"isReplacement", pane.isReplacement}};
             if (pane.sessionID) paneObject.insert("sessionID", *pane.sessionID);
+            if (!pane.previousShells.empty()) {
+                QJsonArray previous;
+                for (const SavedPreviousShell& shell : pane.previousShells) {
+                    previous.append(
+                        QJsonObject{{"sessionID", shell.sessionID},
+                                    {"since", shell.since.toUTC().toString(Qt::ISODateWithMs)}});
+                }
+                paneObject.insert("previousShells", previous);
+            }
             paneList.append(paneObject);
         }
         tabObject.insert("panes", paneList);

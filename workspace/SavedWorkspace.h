@@ -4,6 +4,7 @@
 #pragma once
 
 #include <QByteArray>
+#include <QDateTime>
 #include <QString>
 #include <QUuid>
 
@@ -15,11 +16,19 @@
 
 namespace hl {
 
+// A shell the pane held before it got a replacement, kept running since `since`.
+struct SavedPreviousShell {
+    QString sessionID;
+    QDateTime since;
+    bool operator==(const SavedPreviousShell&) const = default;
+};
+
 struct SavedPane {
     QUuid id;
     std::optional<QString> sessionID;
     PaneContext context;
     bool isReplacement = false;
+    std::vector<SavedPreviousShell> previousShells;
     bool operator==(const SavedPane&) const = default;
 };
 

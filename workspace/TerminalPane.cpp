@@ -1,16 +1,34 @@
 // TerminalPane and TerminalTab: ownership and the tab's invariants.
 #include "TerminalPane.h"
 
+#include <algorithm>
+
 #include <cstdlib>
 
 namespace hl {
 
 TerminalPane::TerminalPane(const QUuid& id, PaneContext context, std::optional<QString> sessionID,
-                           std::unique_ptr<TerminalController> controller)
+                           std::unique_ptr<TerminalController> controller,
+                           std::vector<SavedPreviousShell> previousShells)
     : id_(id),
       context_(std::move(context)),
       sessionID_(std::move(sessionID)),
+      previousShells_(std::move(previousShells)),
       controller_(std::move(controller)) {}
+
+bool TerminalPane::followPreviousShells(const QDateTime& now) {
+    std::vector<SavedPreviousShell> next;
+    for (const auto& shell : controller_->previousShells()) {
+        const QString id = QString::fromStdString(shell.id);
+        auto known =
+            std::find_if(previousShells_.begin(), previousShells_.end(),
+                         [&](const SavedPreviousShell& each) { return each.sessionID == id; });
+        next.push_back(known != previousShells_.end() ? *known : SavedPreviousShell{id, now});
+    }
+    if (next == previousShells_) return false;
+    previousShells_ = std::move(next);
+    return true;
+}
 
 TerminalPane::~TerminalPane() = default;
 

@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "PaneLayout.h"
+#include "SavedWorkspace.h"
 #include "TerminalController.h"
 
 namespace hl {
@@ -33,7 +34,8 @@ class TerminalPane : public QObject {
   public:
     // Owns `controller`, which was built for this pane's context.
     TerminalPane(const QUuid& id, PaneContext context, std::optional<QString> sessionID,
-                 std::unique_ptr<TerminalController> controller);
+                 std::unique_ptr<TerminalController> controller,
+                 std::vector<SavedPreviousShell> previousShells = {});
     ~TerminalPane() override;
 
     const QUuid& id() const { return id_; }
@@ -41,6 +43,12 @@ class TerminalPane : public QObject {
     const std::optional<QString>& sessionID() const { return sessionID_; }
     QString sessionIDText() const { return sessionID_.value_or(QString()); }
     void setSessionID(const std::optional<QString>& sessionID);
+    // The shells this pane keeps beside its own (see TerminalController), with
+    // the time each was set aside.
+    const std::vector<SavedPreviousShell>& previousShells() const { return previousShells_; }
+    // Follows the controller's list: new shells are dated `now`, gone ones leave.
+    // False when nothing changed.
+    bool followPreviousShells(const QDateTime& now);
     TerminalController& controller() const { return *controller_; }
     // A retired pane has left the model and waits only for its controller's start.
     bool isRetired() const { return retired_; }
@@ -53,6 +61,7 @@ class TerminalPane : public QObject {
     QUuid id_;
     PaneContext context_;
     std::optional<QString> sessionID_;
+    std::vector<SavedPreviousShell> previousShells_;
     std::unique_ptr<TerminalController> controller_;
     bool retired_ = false;
 };

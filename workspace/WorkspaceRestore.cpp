@@ -107,6 +107,22 @@ void WorkspaceStore::restore() {
     retryablePendingCloseIDs_ = storageIsWritable_ ? closeLedger_->pending() : std::set<QString>{};
 }
 
+std::vector<SavedPreviousShell> WorkspaceStore::keepYoungPreviousShells(
+    const std::vector<SavedPreviousShell>& shells) {
+    std::vector<SavedPreviousShell> kept;
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    for (const auto& shell : shells) {
+        if (closeLedger_->pending().count(shell.sessionID) != 0) continue;  // closing already
+        const bool expired = shell.since.addDays(previousShellDays) < now;
+        if (expired && storageIsWritable_ && closeLedger_->record(shell.sessionID)) {
+            retryablePendingCloseIDs_.insert(shell.sessionID);
+            continue;
+        }
+        kept.push_back(shell);
+    }
+    return kept;
+}
+
 bool WorkspaceStore::restoredTabIsStructurallyValid(const SavedTab& tab) const {
     if (tab.panes.empty()) return false;
     QList<QUuid> paneIDs;
@@ -150,11 +166,14 @@ void WorkspaceStore::restore(const SavedWorkspace& saved, bool sanitizingLegacyD
             if (!pane.sessionID) continue;
             if (seenSessions.insert(*pane.sessionID).second) continue;
             ++duplicates;
-            if (sanitizingLegacyData) pane = SavedPane{pane.id, std::nullopt, pane.context, false};
+            if (sanitizingLegacyData)
+                pane = SavedPane{pane.id, std::nullopt, pane.context, false, {}};
         }
         kept.push_back(std::move(tab));
     }
     if (!sanitizingLegacyData && (invalid > 0 || duplicates > 0)) storageIsWritable_ = false;
+    // The shells of what a migration left out stay running: no sweep this run.
+    if (sanitizingLegacyData && (invalid > 0 || duplicates > 0)) migrationDroppedSessions_ = true;
 
     // Pass 2: panes whose close is still pending leave, with their leaves.
     bool droppedPendingPanes = false;
@@ -231,8 +250,8 @@ void WorkspaceStore::restore(const SavedWorkspace& saved, bool sanitizingLegacyD
         for (const SavedPane& pane : tab.panes) {
             std::optional<QString> session = pane.sessionID;
             if (session && !seenSessions.insert(*session).second) session.reset();
-            panes.push_back(
-                makePane(pane.id, pane.context, session, session && pane.isReplacement));
+            panes.push_back(makePane(pane.id, pane.context, session, session && pane.isReplacement,
+                                     keepYoungPreviousShells(pane.previousShells)));
         }
         tabs_.push_back(std::make_unique<TerminalTab>(
             tab.id, tab.title, tab.projectID, std::move(panes), tab.layout, tab.selectedPaneID));

@@ -16,7 +16,8 @@ SavedWorkspace WorkspaceStore::savedWorkspace() const {
                      {},         each->layout(), each->selectedPaneID()};
         for (TerminalPane* pane : each->panes()) {
             tab.panes.push_back(SavedPane{pane->id(), pane->sessionID(), pane->context(),
-                                          pane->controller().isReplacementSession()});
+                                          pane->controller().isReplacementSession(),
+                                          pane->previousShells()});
         }
         saved.tabs.push_back(std::move(tab));
     }

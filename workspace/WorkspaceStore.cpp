@@ -200,16 +200,23 @@ PaneRuntimePolicy WorkspaceStore::paneRuntimePolicy(const PaneContext& context) 
         QStringLiteral("Scratch directory unavailable · focus to retry")};
 }
 
-std::unique_ptr<TerminalPane> WorkspaceStore::makePane(const QUuid& id, const PaneContext& context,
-                                                       const std::optional<QString>& sessionID,
-                                                       bool isReplacementSession) {
+std::unique_ptr<TerminalPane> WorkspaceStore::makePane(
+    const QUuid& id, const PaneContext& context, const std::optional<QString>& sessionID,
+    bool isReplacementSession, std::vector<SavedPreviousShell> previousShells) {
     PaneRuntimePolicy policy = paneRuntimePolicy(context);
     auto controller = std::make_unique<TerminalController>(
         toStd(sessionID), context.cwd.toStdString(), isReplacementSession, policy.allowReconnect,
         policy.sessionCreationIsAllowed, policy.directoryIsReady, policy.unavailableStatus,
         QStringLiteral("Saved workspace data is unsafe · new session blocked"), client_,
         controllerHooks_);
-    auto pane = std::make_unique<TerminalPane>(id, context, sessionID, std::move(controller));
+    if (!previousShells.empty()) {
+        std::vector<std::string> ids;
+        for (const auto& shell : previousShells)
+            ids.push_back(shell.sessionID.toStdString());
+        controller->setPreviousShells(ids);
+    }
+    auto pane = std::make_unique<TerminalPane>(id, context, sessionID, std::move(controller),
+                                               std::move(previousShells));
 
     QPointer<WorkspaceStore> store(this);
     QPointer<TerminalPane> weakPane(pane.get());
@@ -230,6 +237,12 @@ std::unique_ptr<TerminalPane> WorkspaceStore::makePane(const QUuid& id, const Pa
         if (store) store->persist();
     };
     connect(&pane->controller(), &TerminalController::bellRang, this, [this, id] { bellRang(id); });
+    connect(&pane->controller(), &TerminalController::previousShellsChanged, this,
+            [this, weakPane] {
+                if (weakPane && weakPane->followPreviousShells(QDateTime::currentDateTimeUtc()) &&
+                    !weakPane->isRetired())
+                    persist();
+            });
     pane->controller().onCloseRequired = [store](const std::string& session) {
         if (!store) return;
         const QString sessionText = QString::fromStdString(session);

@@ -126,6 +126,8 @@ class WorkspaceStore : public QObject {
     // True when a tab of the workspace has a bell that was not seen.
     bool workspaceHasUnseenBell(const QString& workspaceID) const;
     static constexpr std::chrono::milliseconds sweepPause{3000};
+    // A previous shell that nobody reattached or closed is closed after this many days.
+    static constexpr int previousShellDays = 7;
 
     // The shape of each given project's workspace as other computers see it:
     // directories relative to the project's root, no sessions. A workspace with a
@@ -172,7 +174,8 @@ class WorkspaceStore : public QObject {
     PaneRuntimePolicy paneRuntimePolicy(const PaneContext& context) const;
     std::unique_ptr<TerminalPane> makePane(const QUuid& id, const PaneContext& context,
                                            const std::optional<QString>& sessionID,
-                                           bool isReplacementSession);
+                                           bool isReplacementSession,
+                                           std::vector<SavedPreviousShell> previousShells = {});
     void appendTab(const QString& title, const PaneContext& context, const QString& workspaceID);
     void resignFocusedPane();
     void focusSelectedPane();
@@ -191,6 +194,11 @@ class WorkspaceStore : public QObject {
     void markSelectedTabSeen();
     // False when it had to wait for a start in flight.
     bool closeSessionsNothingRecords(const std::set<QString>& nodeSessions);
+    // Every session id that the legacy workspace bytes name, read or not.
+    std::set<QString> legacySessionIDs() const;
+    // A restored pane's previous shells less those past their age, which are closed.
+    std::vector<SavedPreviousShell> keepYoungPreviousShells(
+        const std::vector<SavedPreviousShell>& shells);
     void retrySweep(int attemptsRemaining);
     void persistSuspendedPanes();
     void closeSuspendedPanes(const QString& projectID);
@@ -238,6 +246,8 @@ class WorkspaceStore : public QObject {
     bool suspendedPanesAreWritable_ = true;
     std::set<std::string> damagedKeys_;
     bool loadFailed_ = false;
+    // A migration left sessions out of the model: nothing may be swept this run.
+    bool migrationDroppedSessions_ = false;
     bool writeFailed_ = false;
     int operationDepth_ = 0;
     // Every session that arrived in this run, so that a sweep never takes one

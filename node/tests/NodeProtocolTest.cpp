@@ -154,34 +154,53 @@ TEST(NodeProtocolTest, CloseIsIdempotentAndReplayMovesTheReadPosition) {
     EXPECT_EQ(daemonError(node, "poll", {{"session_id", id}}), "unknown session");
 }
 
-TEST(NodeProtocolTest, ReplayHoldsToWhereTheShellIsNow) {
+TEST(NodeProtocolTest, ReplayAcceptsAShellInThePanesFolderOrBelowIt) {
     NodeHarness node;
     const std::string project = node.folder() + "/project";
+    const std::string sibling = node.folder() + "/project-sibling";
     const std::string link = node.folder() + "/link";
-    ASSERT_EQ(::mkdir(project.c_str(), 0700), 0);
+    for (const auto& folder : {project, project + "/src", project + "/src/deep", sibling})
+        ASSERT_EQ(::mkdir(folder.c_str(), 0700), 0);
     ASSERT_EQ(::symlink(project.c_str(), link.c_str()), 0);
     const auto id = node.createSession(project);
     auto replay = [&](const std::string& expected) {
         return daemonError(node, "replay_session",
                            {{"session_id", id}, {"expected_cwd", expected}});
     };
+    auto moveTo = [&](const std::string& folder, const std::string& marker) {
+        node.type(id, "cd '" + folder + "' && printf '%s-%s\\n' " + marker + " here\n");
+        node.pollUntilContains(id, marker + "-here");
+    };
     EXPECT_EQ(replay("/elsewhere"), "session cwd mismatch");
 
-    node.type(id, "cd /tmp && printf 'M%s\\n' oved\n");
-    node.pollUntilContains(id, "Moved");
-    EXPECT_EQ(replay(project), "session cwd mismatch");
-
-    node.type(id, "cd '" + project + "' && printf 'B%s\\n' ack\n");
-    node.pollUntilContains(id, "Back");
+    // Below the pane's folder, or back in it: still the pane's shell, answered
+    // in the pane's own words (through the link too, and with a trailing slash).
+    moveTo(project + "/src/deep", "deep");
     EXPECT_EQ(replay(project), "accepted");
-    // Through a symbolic link: the same directory, answered in the pane's own words.
+    EXPECT_EQ(replay(project + "/src/"), "accepted");
+    EXPECT_EQ(replay(project + "/src/deep/more"), "session cwd mismatch");
     const auto linked =
         node.client().request("replay_session", {{"session_id", id}, {"expected_cwd", link}});
     EXPECT_EQ(linked["cwd"].stringValue(), link);
+    const auto listed = node.client().request("list_sessions");
+    EXPECT_EQ(listed["session_cwds"].arrayValue()->at(0).stringValue(), project + "/src/deep");
+
+    // A sibling whose name starts with the folder's, and /tmp, are elsewhere.
+    moveTo(sibling, "sibling");
+    EXPECT_EQ(replay(project), "session cwd mismatch");
+    moveTo("/tmp", "tmp");
+    EXPECT_EQ(replay(project), "session cwd mismatch");
+
+    // A folder deleted and made again under the shell is not the shell's folder.
+    moveTo(project + "/src", "src");
+    ASSERT_EQ(::rmdir((project + "/src/deep").c_str()), 0);
+    ASSERT_EQ(::rmdir((project + "/src").c_str()), 0);
+    ASSERT_EQ(::mkdir((project + "/src").c_str(), 0700), 0);
+    EXPECT_EQ(replay(project), "session cwd mismatch");
+    EXPECT_EQ(replay(project + "/src"), "session cwd mismatch");
 
     // An exited shell keeps the directory it last had.
-    node.type(id, "cd /tmp && printf 'T%s\\n' here\n");
-    node.pollUntilContains(id, "There");
+    moveTo("/tmp", "there");
     node.type(id, "exit\n");
     node.pollUntil(id, [](const PollResult& r) { return r.exited; });
     EXPECT_EQ(replay(project), "session cwd mismatch");

@@ -140,14 +140,19 @@ TEST_P(RefusedReattachTest, StartsAValidatedReplacementAndLeavesTheSessionAlone)
     createGives("new1");
     auto& c = make({.sessionID = "s1"});
     c.start();
-    ASSERT_TRUE(reaches("Replacement connected · saved session was lost"));
+    // A session that lives elsewhere is not lost: it is kept beside the replacement.
+    const std::string connected =
+        lost() ? "Replacement connected · saved session was lost"
+               : "Replacement connected · previous shell still runs elsewhere";
+    ASSERT_TRUE(reaches(connected));
     EXPECT_EQ(log().texts, (std::vector<std::string>{
                                "Reconnecting…",
                                lost() ? "Saved session unavailable · starting validated replacement"
                                       : "Saved session cwd mismatch · starting replacement",
-                               "Starting validated replacement…",
-                               "Replacement connected · saved session was lost"}));
-    EXPECT_TRUE(c.isReplacementSession());
+                               "Starting validated replacement…", connected}));
+    EXPECT_EQ(c.isReplacementSession(), lost());
+    using Kept = std::vector<TerminalController::PreviousShell>;
+    EXPECT_EQ(c.previousShells(), (lost() ? Kept{} : Kept{{"s1", ""}}));
     EXPECT_EQ(c.sessionID(), "new1");
     EXPECT_EQ(c.reconnectCandidate(), "new1");
     EXPECT_EQ(ready, std::vector<std::string>{"new1"});
@@ -156,6 +161,11 @@ TEST_P(RefusedReattachTest, StartsAValidatedReplacementAndLeavesTheSessionAlone)
     const auto creates = node->requests("create_session");
     ASSERT_EQ(creates.size(), 1u);
     EXPECT_EQ(textOf(creates[0], "cwd"), "/w");
+
+    // Closing the pane lets both go.
+    c.close();
+    using Ids = std::vector<std::string>;
+    EXPECT_EQ(closeRequired, (lost() ? Ids{"new1"} : Ids{"new1", "s1"}));
 }
 
 TEST_P(RefusedReattachTest, WithoutCreationKeepsTheCandidateRetriesOnFocusAndClosesItOnce) {
@@ -299,7 +309,9 @@ TEST_F(ControllerTest, SuspendDuringCreateKeepsTheNewSessionForLater) {
     c.start();
     ASSERT_TRUE(spinUntil([&] { return node->waiting("create_session") == 1; }));
     c.suspend();
-    EXPECT_EQ(status(), "Suspended locally · terminal remains on this Mac");
+    EXPECT_EQ(status(), "Suspended locally · terminal remains on this computer");
+    EXPECT_EQ(TerminalController::suspendedStatus(true),
+              "Suspended locally · terminal remains on this Mac");
     EXPECT_EQ(c.surface(), nullptr);
     EXPECT_EQ(surface.resignCount, 1);
     node->releaseAll();
@@ -311,7 +323,6 @@ TEST_F(ControllerTest, SuspendDuringCreateKeepsTheNewSessionForLater) {
     spinFor(50ms);
     EXPECT_EQ(node->count("poll"), 0);
     EXPECT_TRUE(closeRequired.empty());
-    EXPECT_EQ(status(), "Suspended locally · terminal remains on this Mac");
     c.requestFocus();  // no way back
     c.close();         // still closes the kept id
     EXPECT_EQ(closeRequired, std::vector<std::string>{"new1"});

@@ -95,13 +95,17 @@ TEST_F(RealNodeTest, OneSessionTypedIntoReattachedElsewhereAndEndedByItsShell) {
     type(first, "stty size\r");
     ASSERT_TRUE(shows(firstSurface, "27 91")) << firstSurface.shown;
     first.suspend();
-    EXPECT_EQ(log.texts, std::vector<std::string>(
-                             {"Connected", "Suspended locally · terminal remains on this Mac"}));
+    EXPECT_EQ(log.texts,
+              std::vector<std::string>(
+                  {"Connected", "Suspended locally · terminal remains on this computer"}));
     const auto saved = first.reconnectCandidate();
     ASSERT_EQ(saved, ready[0]);
 
-    // Another directory: refused by the node itself, and nothing is started.
-    auto& elsewhere = make(saved, dir.path().string(), false);
+    // Another directory (a sibling; the parent would hold the shell's folder):
+    // refused by the node itself, and nothing is started.
+    const auto sibling = dir.path() / "sibling";
+    std::filesystem::create_directories(sibling);
+    auto& elsewhere = make(saved, sibling.string(), false);
     elsewhere.start();
     ASSERT_TRUE(spinUntil(
         [&] { return elsewhere.status() == "Saved session cwd mismatch · reattach blocked"; }));

@@ -130,6 +130,48 @@ TEST_F(WorkspaceRestoreTest, LegacyDuplicatesAreRepairedAndMigratedCurrentOnesFr
     EXPECT_EQ(other.stored(WorkspaceStore::storageKey), current.encoded().toStdString());
 }
 
+TEST_F(WorkspaceRestoreTest, PreviousShellsLiveAWeekAndLegacyShellsAreNeverSwept) {
+    const QDateTime now = QDateTime::currentDateTimeUtc();
+    for (const char* id : {"current", "young", "old", "legacy-shell", "orphan"})
+        f.node->adopt(id, "/tmp");
+    f.node->adopt("current", alpha.root.toStdString());
+    SavedPane pane = projectPane(alpha.root, QString("current"));
+    pane.previousShells = {{"young", now.addDays(-6)}, {"old", now.addDays(-8)}};
+    // A legacy tab dropped as invalid (its pane has no leaf) still names its shell.
+    SavedTab invalid = tabOf(alpha.id, {projectPane(alpha.root), projectPane(alpha.root)});
+    invalid.panes.back().sessionID = QString("legacy-shell");
+    invalid.layout = hl::PaneLayout::pane(invalid.panes.front().id);
+    store(WorkspaceStore::legacyKey,
+          SavedWorkspace{.tabs = {tabOf(alpha.id, {projectPane(alpha.root)}), invalid}}.encoded());
+    {
+        auto migrated = f.makeStore({alpha});
+        ASSERT_EQ(migrated->tabs().size(), 1u);
+        migrated->closeUnrecordedSessions();
+        spinFor(std::chrono::milliseconds(300));
+        EXPECT_EQ(f.node->sessions().count("orphan"), 1u)
+            << "nothing is swept after a lossy migration";
+    }
+
+    // A later start with a pane that keeps two previous shells: the week-old one
+    // is closed, the young one is kept and saved again, and the sweep spares the
+    // legacy shell.
+    store(SavedWorkspace{.tabs = {tabOf(alpha.id, {pane})}});
+    auto subject = f.makeStore({alpha});
+    auto* restored = subject->tabs().at(0)->panes().at(0);
+    ASSERT_EQ(restored->previousShells().size(), 1u);
+    EXPECT_EQ(restored->previousShells()[0].sessionID, "young");
+    EXPECT_TRUE(spinUntil([&] { return f.node->sessions().count("old") == 0; }));
+    subject->closeUnrecordedSessions();
+    EXPECT_TRUE(spinUntil([&] { return f.node->sessions().count("orphan") == 0; }));
+    EXPECT_EQ(f.node->sessions(), (std::set<std::string>{"current", "young", "legacy-shell"}));
+    ASSERT_TRUE(spinUntil([&] { return restored->controller().isConnected(); }));
+    const auto saved =
+        SavedWorkspace::decode(QByteArray::fromStdString(f.stored(WorkspaceStore::storageKey)));
+    EXPECT_EQ(saved.tabs.at(0).panes.at(0).previousShells, restored->previousShells());
+    EXPECT_EQ(saved.tabs.at(0).panes.at(0).previousShells.at(0).since.toSecsSinceEpoch(),
+              now.addDays(-6).toSecsSinceEpoch());
+}
+
 TEST_F(WorkspaceRestoreTest, InvalidTabsAreCountedAndOnlyTheirMessageIsShown) {
     SavedTab leafWithoutPane = tabOf(alpha.id, {projectPane(alpha.root), projectPane(alpha.root)});
     leafWithoutPane.panes.pop_back();
