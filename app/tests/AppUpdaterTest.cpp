@@ -4,6 +4,8 @@
 // that fails leaves the button usable.
 #include <gtest/gtest.h>
 
+#include <fstream>
+
 #include <sys/stat.h>
 
 #include <QApplication>
@@ -267,11 +269,37 @@ TEST(AppUpdaterWithoutServiceTest, ACheckRunsOnlyWhenOneCanStart) {
     on.checkForUpdates();
     EXPECT_EQ(checks, 1);
 
-    // The recorded channel can be used as it stands: HTTPS, and a key that decodes.
+    // The recorded key decodes; a build configured without a feed leaves its
+    // updates to the package manager.
     const auto standard = hl::UpdateChannel::standard();
-    EXPECT_TRUE(hl::isSecureUpdateURL(standard.feedURL));
     EXPECT_NE(hl::verifyArchiveSignature("x", QString(88, 'A'), standard.publicKey),
               hl::SignatureCheck::badKey);
+    if (standard.feedURL.isEmpty()) EXPECT_TRUE(standard.packageManaged);
+}
+
+TEST_F(AppUpdaterTest, APackagedBuildSaysItsPackageManagerUpdatesItAndFetchesNothing) {
+    // dpkg's list of the package's files names the executable, and only that package counts.
+    QTemporaryDir dpkg;
+    const fs::path info = dpkg.path().toStdString();
+    const fs::path executable = "/usr/bin/harborlattice";
+    auto list = [&](const char* name, const std::string& lines) {
+        std::ofstream(info / name) << lines;
+    };
+    list("other.list", "/usr/bin/harborlattice\n");
+    EXPECT_FALSE(hl::executableIsPackaged(executable, info));
+    list("harborlattice:amd64.list", "/.\n/usr\n/usr/bin\n/usr/bin/harborlattice\n");
+    EXPECT_TRUE(hl::executableIsPackaged(executable, info));
+    EXPECT_FALSE(hl::executableIsPackaged("/usr/local/bin/harborlattice", info));
+
+    writeFile("harborlattice-1.9.0.tar.gz", "new");
+    writeFeed({{"1.9.0", "harborlattice-1.9.0.tar.gz", keys.sign("new"), {}}});
+    auto packaged = channel(server.url("appcast.xml"));
+    packaged.packageManaged = true;
+    AppUpdater updater(std::make_unique<hl::AppcastUpdater>(packaged));
+    const auto result = check(updater);
+    EXPECT_EQ(result.outcome, Outcome::packageManaged);
+    EXPECT_EQ(hl::updateResultText(result).title, "Updates come from your package manager");
+    EXPECT_FALSE(fs::exists(packaged.downloadDirectory)) << "nothing was downloaded";
 }
 
 }  // namespace

@@ -9,7 +9,12 @@ TEST(AppcastFeedTest, VersionsCompareByNumberPartByPart) {
     EXPECT_LT(hl::compareVersions("1.9", "1.10"), 0);
     EXPECT_EQ(hl::compareVersions("2.0", "2.0.0"), 0);
     EXPECT_GT(hl::compareVersions("2.0.1", "2"), 0);
-    EXPECT_LT(hl::compareVersions("1.0.0", "1.0.0b"), 0);
+    // A pre-release ranks below its release, and above the release before it.
+    EXPECT_LT(hl::compareVersions("1.0.0b", "1.0.0"), 0);
+    EXPECT_LT(hl::compareVersions("1.0b", "1.0.0"), 0);
+    EXPECT_GT(hl::compareVersions("1.0.1rc1", "1.0.0"), 0);
+    EXPECT_LT(hl::compareVersions("2.0-beta", "2.0.0"), 0);
+    EXPECT_LT(hl::compareVersions("1.0.0a", "1.0.0b"), 0);
 }
 
 TEST(AppcastFeedTest, TheNewestItemForThisSystemIsChosen) {

@@ -31,22 +31,31 @@ struct UpdateChannel {
     bool automaticallyChecks = false;
     // Where a verified archive is kept.
     std::filesystem::path downloadDirectory;
+    // True when a package manager updates this build (it installed the
+    // executable, or the build has no feed): no check fetches anything then.
+    bool packageManaged = false;
 
     // The recorded channel: UpdaterConfiguration, this build's version, and
     // $XDG_CACHE_HOME/harborlattice/Updates (default ~/.cache/...).
     static UpdateChannel standard();
 };
 
+// Whether dpkg's database (`packageDatabase`, its info folder) lists
+// `executable` as a file of the harborlattice package.
+bool executableIsPackaged(const std::filesystem::path& executable,
+                          const std::filesystem::path& packageDatabase);
+
 // An HTTPS address with a host, or plain HTTP to this machine's loopback.
 bool isSecureUpdateURL(const QUrl& url);
 
 struct UpdateCheckResult {
-    enum class Outcome { upToDate, updateAvailable, failed };
+    enum class Outcome { upToDate, updateAvailable, failed, packageManaged };
     Outcome outcome = Outcome::failed;
     QString currentVersion;
     QString offeredVersion;             // with updateAvailable
     std::filesystem::path archivePath;  // with updateAvailable: the verified archive
     QString failure;                    // with failed: one line for the user
+    bool hasFeed = true;                // with packageManaged: whether a feed was set
 };
 
 struct UpdateResultText {

@@ -42,8 +42,10 @@ struct AppcastFeed {
     std::optional<AppcastItem> newestItem() const;
 };
 
-// Compares dotted versions part by part, numerically where both parts are
-// numbers; a missing part counts as 0. Negative, zero or positive.
+// Compares dotted versions part by part, numerically where both parts start
+// with a number; a missing part counts as 0, and a part with text after its
+// number is a pre-release, below the bare number ("1.0.0b" < "1.0.0").
+// Negative, zero or positive.
 int compareVersions(const QString& a, const QString& b);
 
 enum class SignatureCheck { valid, invalid, badKey };

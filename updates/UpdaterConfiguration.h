@@ -2,13 +2,20 @@
 // updater takes its channel from here; nothing else reads these values.
 #pragma once
 
+#ifndef HARBORLATTICE_UPDATE_FEED_URL
+#define HARBORLATTICE_UPDATE_FEED_URL ""
+#endif
+
 namespace hl {
 
 struct UpdaterConfiguration {
     UpdaterConfiguration() = delete;
 
-    // The channel's host is a deployment setting; the path is fixed.
-    static constexpr const char* feedURL = "https://updates.harborlattice.example/appcast.xml";
+    // The channel's feed, chosen when the build is configured; empty means this
+    // build leaves its updates to the package manager that installed it.
+    static constexpr const char* feedURL = HARBORLATTICE_UPDATE_FEED_URL;
+    // Where dpkg lists the files of each installed package.
+    static constexpr const char* packageDatabase = "/var/lib/dpkg/info";
     static constexpr int scheduledCheckInterval = 3600;  // seconds
     static constexpr bool automaticallyChecks = true;
     static constexpr bool allowsAutomaticUpdates = false;

@@ -1,6 +1,7 @@
 // The update check: feed, choice, archive, signature, result.
 #include "AppcastUpdater.h"
 
+#include <QFile>
 #include <QHostAddress>
 #include <QNetworkReply>
 #include <QNetworkRequest>
@@ -39,7 +40,29 @@ UpdateChannel UpdateChannel::standard() {
     const fs::path cacheHome =
         cache && cache[0] == '/' ? fs::path(cache) : RuntimePaths::homeDirectory() / ".cache";
     channel.downloadDirectory = cacheHome / "harborlattice" / "Updates";
+    std::error_code error;
+    const fs::path executable = fs::canonical("/proc/self/exe", error);
+    channel.packageManaged =
+        channel.feedURL.isEmpty() ||
+        (!error && executableIsPackaged(executable, UpdaterConfiguration::packageDatabase));
     return channel;
+}
+
+bool executableIsPackaged(const fs::path& executable, const fs::path& packageDatabase) {
+    std::error_code error;
+    for (const auto& entry : fs::directory_iterator(packageDatabase, error)) {
+        const std::string name = entry.path().filename().string();
+        // "harborlattice.list", or "harborlattice:amd64.list" under multiarch.
+        if (name != "harborlattice.list" && name.rfind("harborlattice:", 0) != 0) continue;
+        if (entry.path().extension() != ".list") continue;
+        QFile list(QString::fromStdString(entry.path().string()));
+        if (!list.open(QIODevice::ReadOnly)) continue;
+        const QByteArray wanted = QByteArray::fromStdString(executable.string());
+        while (!list.atEnd()) {
+            if (list.readLine().trimmed() == wanted) return true;
+        }
+    }
+    return false;
 }
 
 bool isSecureUpdateURL(const QUrl& url) {
@@ -60,6 +83,14 @@ UpdateResultText updateResultText(const UpdateCheckResult& result) {
                         ". The update was downloaded and its signature verified: " +
                         QString::fromStdString(result.archivePath.string()) +
                         ". Install it with your package manager."};
+        case UpdateCheckResult::Outcome::packageManaged:
+            return {QStringLiteral("Updates come from your package manager"),
+                    result.hasFeed
+                        ? "Harborlattice " + result.currentVersion +
+                              " was installed by a package. Your package manager updates it "
+                              "(on Debian: sudo apt update && sudo apt upgrade)."
+                        : "This build of Harborlattice " + result.currentVersion +
+                              " has no update feed. Update it the way it was installed."};
         case UpdateCheckResult::Outcome::failed:
             break;
     }
@@ -70,7 +101,8 @@ AppcastUpdater::AppcastUpdater(UpdateChannel channel, QObject* parent)
     : QObject(parent), channel_(std::move(channel)) {
     qRegisterMetaType<hl::UpdateCheckResult>();
     network_.setRedirectPolicy(QNetworkRequest::NoLessSafeRedirectPolicy);
-    if (channel_.automaticallyChecks && channel_.scheduledCheckInterval.count() > 0) {
+    if (channel_.automaticallyChecks && !channel_.packageManaged &&
+        channel_.scheduledCheckInterval.count() > 0) {
         schedule_.setInterval(std::chrono::milliseconds(channel_.scheduledCheckInterval));
         connect(&schedule_, &QTimer::timeout, this, &AppcastUpdater::checkInBackground);
         schedule_.start();
@@ -90,6 +122,16 @@ void AppcastUpdater::begin(bool userInitiated) {
     checking_ = true;
     userInitiated_ = userInitiated;
     emit canCheckForUpdatesChanged(false);
+    if (channel_.packageManaged) {
+        QTimer::singleShot(0, this, [this] {
+            UpdateCheckResult result;
+            result.outcome = UpdateCheckResult::Outcome::packageManaged;
+            result.currentVersion = channel_.currentVersion;
+            result.hasFeed = !channel_.feedURL.isEmpty();
+            finish(result);
+        });
+        return;
+    }
     if (!isSecureUpdateURL(channel_.feedURL)) {
         QTimer::singleShot(0, this, [this] {
             fail(QStringLiteral("The update feed is not an HTTPS address, so it is not used."));

@@ -96,21 +96,44 @@ std::optional<AppcastItem> AppcastFeed::newestItem() const {
     return newest;
 }
 
+namespace {
+
+// One dotted part: its leading number and what follows it ("0b2" is 0 and "b2").
+struct VersionPart {
+    bool numeric = false;
+    qulonglong number = 0;
+    QString rest;
+};
+
+VersionPart versionPart(const QString& text) {
+    qsizetype digits = 0;
+    while (digits < text.size() && text[digits].isDigit())
+        ++digits;
+    VersionPart part;
+    part.numeric = digits > 0;
+    part.number = text.left(digits).toULongLong();
+    part.rest = text.mid(digits);
+    return part;
+}
+
+}  // namespace
+
 int compareVersions(const QString& a, const QString& b) {
     const QStringList left = a.trimmed().split('.');
     const QStringList right = b.trimmed().split('.');
     for (qsizetype i = 0; i < std::max(left.size(), right.size()); ++i) {
-        const QString x = i < left.size() ? left[i] : QStringLiteral("0");
-        const QString y = i < right.size() ? right[i] : QStringLiteral("0");
-        bool xNumber = false;
-        bool yNumber = false;
-        const qulonglong xValue = x.toULongLong(&xNumber);
-        const qulonglong yValue = y.toULongLong(&yNumber);
-        if (xNumber && yNumber) {
-            if (xValue != yValue) return xValue < yValue ? -1 : 1;
-        } else if (const int order = x.compare(y); order != 0) {
-            return order < 0 ? -1 : 1;
+        const VersionPart x = versionPart(i < left.size() ? left[i] : QStringLiteral("0"));
+        const VersionPart y = versionPart(i < right.size() ? right[i] : QStringLiteral("0"));
+        if (!x.numeric || !y.numeric) {
+            const int order = (x.numeric ? QString::number(x.number) + x.rest : x.rest)
+                                  .compare(y.numeric ? QString::number(y.number) + y.rest : y.rest);
+            if (order != 0) return order < 0 ? -1 : 1;
+            continue;
         }
+        if (x.number != y.number) return x.number < y.number ? -1 : 1;
+        // A pre-release ("0b", "0rc1", "0-beta") ranks below its release ("0").
+        if (x.rest.isEmpty() != y.rest.isEmpty()) return x.rest.isEmpty() ? 1 : -1;
+        if (const int order = x.rest.compare(y.rest); order != 0) return order < 0 ? -1 : 1;
     }
     return 0;
 }
