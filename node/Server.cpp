@@ -36,6 +36,8 @@ constexpr std::size_t clientBudgetPerTurn = 256 * 1024;
 constexpr int acceptsPerTurn = 64;
 // How long accepting pauses when the node runs out of descriptors.
 constexpr std::chrono::milliseconds acceptPause{100};
+// A client whose reply has waited this long for it to read is stalled.
+constexpr std::chrono::milliseconds stallGrace{100};
 // How long the loop rests after a failed poll(2) before it tries again.
 constexpr int pollRetryMilliseconds = 10;
 
@@ -182,6 +184,7 @@ void Server::acceptClients(Clock::time_point now) {
 }
 
 void Server::readClient(Connection& client, Clock::time_point now) {
+    makeRoom(maximumRequestBytes, client, now);
     const std::size_t before = client.memory();
     const std::size_t others = memoryInUse_ > before ? memoryInUse_ - before : 0;
     const std::size_t allowance = clientMemoryLimit > others ? clientMemoryLimit - others : 0;
@@ -210,8 +213,10 @@ void Server::respond(Connection& client, const ParseWorker::Parsed& parsed, Cloc
             const auto& request = std::get<Request>(parsed);
             const bool carriesOutput = request.operation == Operation::Poll ||
                                        request.operation == Operation::ReplaySession;
-            // Output is taken only when its reply can be held.
-            if (carriesOutput && outputAllowance() == 0) {
+            if (carriesOutput) makeRoom(maximumReplyBytes, client, now);
+            // Output is taken only when its reply can be held: a poll takes
+            // what fits (perhaps nothing), a replay is all or nothing.
+            if (request.operation == Operation::ReplaySession && outputAllowance() == 0) {
                 client.drop();
                 return;
             }
@@ -329,11 +334,29 @@ std::size_t Server::clientMemory() const {
     return total;
 }
 
+std::size_t Server::freeClientMemory() const {
+    return clientMemoryLimit > memoryInUse_ ? clientMemoryLimit - memoryInUse_ : 0;
+}
+
+void Server::makeRoom(std::size_t wanted, const Connection& keep, Clock::time_point now) {
+    while (freeClientMemory() < wanted) {
+        Connection* stalest = nullptr;
+        for (const auto& client : clients_) {
+            if (client.get() == &keep || client->unsent() == 0) continue;
+            if (now - client->lastProgress() < stallGrace) continue;
+            if (!stalest || client->lastProgress() < stalest->lastProgress())
+                stalest = client.get();
+        }
+        if (!stalest) return;
+        stalest->drop();
+        memoryInUse_ = clientMemory();
+    }
+}
+
 std::size_t Server::outputAllowance() const {
     // Base64 makes four bytes of three; some room stays for the envelope.
     constexpr std::size_t envelope = 4096;
-    const std::size_t free =
-        clientMemoryLimit > memoryInUse_ ? clientMemoryLimit - memoryInUse_ : 0;
+    const std::size_t free = freeClientMemory();
     if (free < 2 * envelope) return 0;
     return std::min(maximumOutputPerReply, (free - envelope) / 4 * 3);
 }

@@ -6,8 +6,10 @@
 // *pending start* is a shell forked for create_session whose child has not yet
 // reported that it runs; a *pending kill* is a closed session whose processes
 // get SIGKILL if they are still there after a grace. *Client memory* is what
-// all connections and queued request texts hold together; it is capped, and a
-// client that would pass the cap is dropped.
+// all connections and queued request texts hold together; it is capped. When a
+// request needs memory that is not free, clients *stalled* on their replies
+// (see Connection) are dropped first, those that waited longest first; a client
+// that would still pass the cap is dropped.
 #pragma once
 
 #include <sys/types.h>
@@ -93,6 +95,11 @@ class Server {
     void shutDown();
     // Bytes that the clients and queued requests hold now.
     std::size_t clientMemory() const;
+    // Client memory not in use.
+    std::size_t freeClientMemory() const;
+    // Drops stalled clients other than keep until wanted bytes are free, or
+    // none is left.
+    void makeRoom(std::size_t wanted, const Connection& keep, Clock::time_point now);
     // Terminal bytes that one reply may carry within the client memory left.
     std::size_t outputAllowance() const;
     // Gives freed memory back to the system after a burst.
