@@ -53,7 +53,22 @@ void killThroughPidfd(int pidfd) {
 }  // namespace
 
 Server::Server(Listener listener, ShellSetup shell, RequestHook hook)
-    : listener_(std::move(listener)), shell_(std::move(shell)), hook_(std::move(hook)) {}
+    : listener_(std::move(listener)),
+      records_(listener_.path()),
+      shell_(std::move(shell)),
+      hook_(std::move(hook)) {
+    endLeftovers(Clock::now());
+}
+
+void Server::endLeftovers(Clock::time_point now) {
+    for (auto& leftover : records_.takeLeftovers()) {
+        const unsigned long long startedBy = processClockNow();
+        signalSession(leftover.leader, SIGHUP, startedBy);
+        signalSession(leftover.leader, SIGCONT, startedBy);
+        pendingKills_.push_back(
+            {leftover.leader, startedBy, UniqueFd(), now + killGrace, std::move(leftover.record)});
+    }
+}
 
 void Server::run() {
     while (!stopping_) {
@@ -271,6 +286,7 @@ void Server::expireDeadlines(Clock::time_point now) {
         if (now < kill.due) return false;
         killThroughPidfd(kill.pidfd.get());
         signalSession(kill.leader, SIGKILL, kill.startedBy);
+        records_.remove(kill.record);
         return true;
     });
 }
@@ -304,15 +320,18 @@ void Server::hangUpSession(Session& session, Clock::time_point now) {
     // SIGCONT wakes stopped jobs so that they see the hang-up.
     signalSession(session.shellPid(), SIGHUP, startedBy);
     signalSession(session.shellPid(), SIGCONT, startedBy);
-    pendingKills_.push_back({session.shellPid(), startedBy, session.takePidfd(), now + killGrace});
+    pendingKills_.push_back(
+        {session.shellPid(), startedBy, session.takePidfd(), now + killGrace, session.record()});
 }
 
 void Server::shutDown() {
     auto now = Clock::now();
     listener_.removeSocket();
     clients_.clear();
-    for (auto& start : pendingStarts_)
+    for (auto& start : pendingStarts_) {
         ::kill(start.shell.pid, SIGKILL);
+        records_.remove(start.record);
+    }
     pendingStarts_.clear();
     for (auto& [id, session] : sessions_)
         hangUpSession(*session, now);

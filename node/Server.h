@@ -28,6 +28,7 @@
 #include "ParseWorker.h"
 #include "Request.h"
 #include "Session.h"
+#include "SessionRecords.h"
 #include "Shell.h"
 #include "Signals.h"
 
@@ -61,12 +62,14 @@ class Server {
         unsigned long long startedBy;  // processes started later are not the session's
         UniqueFd pidfd;
         Clock::time_point due;
+        std::string record;  // removed once the kill is sent
     };
     struct PendingStart {
         ShellProcess shell;
         std::string cwd;
         std::uint64_t ticket;
         Clock::time_point due;
+        std::string record;
         bool reaped = false;
     };
 
@@ -91,6 +94,8 @@ class Server {
     int pollTimeout(Clock::time_point now) const;
     // Sends SIGHUP to every group of the session and arranges the SIGKILL.
     void hangUpSession(Session& session, Clock::time_point now);
+    // Hangs up the sessions that an earlier node left running.
+    void endLeftovers(Clock::time_point now);
     // Hangs up every session and waits until every pending kill is sent.
     void shutDown();
     // Bytes that the clients and queued requests hold now.
@@ -120,6 +125,7 @@ class Server {
     Session* findSession(const std::string& id) const;
 
     Listener listener_;
+    SessionRecords records_;
     ShellSetup shell_;
     RequestHook hook_;
     SignalPipe signals_;

@@ -7,6 +7,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -104,6 +105,78 @@ TEST(NodeDaemonTest, StoppingEndsEveryProcessOfEverySessionAfterTheGrace) {
     while (!processIsGone(stubborn) && std::chrono::steady_clock::now() < after)
         std::this_thread::sleep_for(20ms);
     EXPECT_TRUE(processIsGone(stubborn));
+}
+
+// The first number printed after the marker, as in "Q1234".
+pid_t numberAfter(const std::string& output, const std::string& marker) {
+    std::smatch match;
+    if (!std::regex_search(output, match, std::regex(marker + "([0-9]+)"))) return -1;
+    return static_cast<pid_t>(std::stol(match[1]));
+}
+
+bool allGone(const std::vector<pid_t>& pids, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (std::chrono::steady_clock::now() < deadline) {
+        if (std::all_of(pids.begin(), pids.end(), processIsGone)) return true;
+        std::this_thread::sleep_for(20ms);
+    }
+    return false;
+}
+
+TEST(NodeDaemonTest, TheNextNodeEndsWhatANodeKilledOutrightLeftRunning) {
+    NodeHarness node;
+    const auto id = node.createSession();
+    node.type(id,
+              "trap '' HUP; (trap '' HUP; exec sleep 1001) & printf 'Q%s\\n' $!; "
+              "nohup sleep 1002 >/dev/null 2>&1 & printf 'N%s\\n' $!; printf 'S%s\\n' $$\n");
+    const auto out = node.pollUntil(id,
+                                    [](const PollResult& r) {
+                                        return std::regex_search(r.output, std::regex("S[0-9]+"));
+                                    })
+                         .output;
+    const std::vector<pid_t> session = {numberAfter(out, "S"), numberAfter(out, "Q"),
+                                        numberAfter(out, "N")};
+    for (pid_t pid : session)
+        ASSERT_GT(pid, 0) << out;
+
+    // The record is private, and names the shell.
+    const std::string place = node.socketPath() + ".sessions";
+    EXPECT_EQ(modeOf(place), 0700);
+    std::vector<std::string> records;
+    for (const auto& entry : std::filesystem::directory_iterator(place))
+        records.push_back(entry.path().filename());
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].rfind(std::to_string(session[0]) + ".", 0), 0u) << records[0];
+    EXPECT_EQ(modeOf(place + "/" + records[0]), 0600);
+
+    // A process of the same user whose pid a stale record names (another start
+    // time: the pid was reused) is never touched.
+    const pid_t bystander = ::fork();
+    if (bystander == 0) {
+        ::setsid();
+        ::execlp("sleep", "sleep", "1003", static_cast<char*>(nullptr));
+        ::_exit(127);
+    }
+    { std::ofstream(place + "/" + std::to_string(bystander) + ".1"); }
+
+    ::kill(node.pid(), SIGKILL);
+    waitForExit(node.pid(), 5s);
+    std::this_thread::sleep_for(500ms);
+    EXPECT_FALSE(processIsGone(session[1])) << "a job ignoring the hang-up";
+    EXPECT_FALSE(processIsGone(session[2])) << "a nohup job";
+
+    const pid_t next = startNode(node.socketPath());
+    ASSERT_TRUE(nodeAnswers(node.socketPath()));
+    EXPECT_TRUE(allGone(session, 10s));
+    EXPECT_FALSE(processIsGone(bystander));
+    // Once the kills are sent, no record is left.
+    const auto deadline = std::chrono::steady_clock::now() + 5s;
+    while (!std::filesystem::is_empty(place) && std::chrono::steady_clock::now() < deadline)
+        std::this_thread::sleep_for(20ms);
+    EXPECT_TRUE(std::filesystem::is_empty(place));
+    stopNode(next);
+    ::kill(bystander, SIGKILL);
+    waitForExit(bystander, 5s);
 }
 
 TEST(NodeDaemonTest, RefusesAnotherUserWithoutAReply) {
