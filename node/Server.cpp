@@ -34,6 +34,9 @@ constexpr std::size_t readBudgetPerTurn = 1024 * 1024;
 constexpr std::size_t clientBudgetPerTurn = 256 * 1024;
 // Clients accepted per turn.
 constexpr int acceptsPerTurn = 64;
+// Time a turn spends on requests once it has served one; clients left over are
+// served in the next turns, so that a burst never holds up the loop for long.
+constexpr std::chrono::milliseconds requestTimePerTurn{20};
 // How long accepting pauses when the node runs out of descriptors.
 constexpr std::chrono::milliseconds acceptPause{100};
 // A client whose reply has waited this long for it to read is stalled.
@@ -119,6 +122,7 @@ void Server::turn() {
     }
     now = Clock::now();
     memoryInUse_ = clientMemory();
+    servingSince_.reset();
 
     for (std::size_t i = 0; i < fds.size(); ++i) {
         const short revents = fds[i].revents;
@@ -141,7 +145,7 @@ void Server::turn() {
             case Kind::Client: {
                 auto* client = static_cast<Connection*>(target.object);
                 if (client->state() == Connection::State::Reading) {
-                    readClient(*client, now);
+                    if (mayServeRequest()) readClient(*client, now);
                 } else if (client->state() == Connection::State::Writing) {
                     client->writeReply();
                 }
@@ -168,7 +172,7 @@ void Server::turn() {
 }
 
 void Server::acceptClients(Clock::time_point now) {
-    for (int accepted = 0; accepted < acceptsPerTurn; ++accepted) {
+    for (int accepted = 0; accepted < acceptsPerTurn && mayServeRequest(); ++accepted) {
         auto fd = listener_.accept();
         if (!fd) {
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
@@ -351,6 +355,12 @@ std::size_t Server::clientMemory() const {
     for (const auto& client : clients_)
         total += client->memory();
     return total;
+}
+
+bool Server::mayServeRequest() {
+    const auto now = Clock::now();
+    if (!servingSince_) servingSince_ = now;
+    return now - *servingSince_ < requestTimePerTurn;
 }
 
 std::size_t Server::freeClientMemory() const {

@@ -77,6 +77,9 @@ class Server {
     void turn();
     // Accepts waiting clients and serves those whose request is already there.
     void acceptClients(Clock::time_point now);
+    // Whether this turn may serve one more request: always the first one, then
+    // for as long as the turn's time for requests lasts.
+    bool mayServeRequest();
     // Reads from a client and answers once its request is complete.
     void readClient(Connection& client, Clock::time_point now);
     // Answers a parsed request (or leaves the client waiting for a shell start).
@@ -138,6 +141,7 @@ class Server {
     std::size_t memoryInUse_ = 0;
     std::size_t memoryPeak_ = 0;
     Clock::time_point acceptPausedUntil_{};
+    std::optional<Clock::time_point> servingSince_;  // this turn's first request
     bool stopping_ = false;
 };
 
