@@ -20,8 +20,7 @@ std::optional<std::pair<pid_t, unsigned long long>> parseRecord(const char* name
     long pid = 0;
     unsigned long long started = 0;
     int end = 0;
-    if (std::sscanf(name, "%ld.%llu%n", &pid, &started, &end) != 2 || name[end] != '\0' ||
-        pid <= 1)
+    if (std::sscanf(name, "%ld.%llu%n", &pid, &started, &end) != 2 || name[end] != '\0' || pid <= 1)
         return std::nullopt;
     return std::make_pair(static_cast<pid_t>(pid), started);
 }

@@ -75,7 +75,8 @@ Outcome measure(const NodeHarness& node, const std::string& request,
         const std::string health = R"({"version":1,"op":"health","data":{}})"
                                    "\n";
         const auto probeStart = Clock::now();
-        [[maybe_unused]] auto sent = ::send(probe.get(), health.data(), health.size(), MSG_NOSIGNAL);
+        [[maybe_unused]] auto sent =
+            ::send(probe.get(), health.data(), health.size(), MSG_NOSIGNAL);
         readReply(probe.get());
         outcome.probe = std::max(outcome.probe, millisecondsSince(probeStart));
         for (auto& fd : burst)
@@ -105,9 +106,10 @@ void burstRun(const char* executable) {
     node.pollUntil(other, [](const testing::PollResult& r) { return !r.output.empty(); });
     const std::string cwd = R"("expected_cwd":")" + node.folder() + "\"";
 
-    std::printf("burst: %d requests at once; the wait of a client already connected behind "
-                "them (the loop's stall), and the burst's own time (worst of %d)\n",
-                burstSize, rounds);
+    std::printf(
+        "burst: %d requests at once; the wait of a client already connected behind "
+        "them (the loop's stall), and the burst's own time (worst of %d)\n",
+        burstSize, rounds);
     struct Kind {
         const char* name;
         std::string request;
@@ -119,8 +121,8 @@ void burstRun(const char* executable) {
         {"input", envelope("input", R"("session_id":")" + other + R"(","input_base64":"")")},
         {"replay_session (4 MiB tail)",
          envelope("replay_session", R"("session_id":")" + full + "\"," + cwd)},
-        {"create_session", envelope("create_session", R"("cwd":")" + node.folder() +
-                                                          R"(","cols":120,"rows":36)")},
+        {"create_session",
+         envelope("create_session", R"("cwd":")" + node.folder() + R"(","cols":120,"rows":36)")},
     };
     // Sessions started by a burst are closed before the next round.
     const auto closeStarted = [&] {

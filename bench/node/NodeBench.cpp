@@ -428,10 +428,9 @@ int main(int argc, char** argv) {
         } else if (argument[0] != '-') {
             which = argument;
         } else {
-            std::fprintf(
-                stderr,
-                "usage: node_bench [flood|idle|memory|echo|faults|unattended|burst|all] "
-                "[--seconds N] [--megabytes N] [--node PATH]\n");
+            std::fprintf(stderr,
+                         "usage: node_bench [flood|idle|memory|echo|faults|unattended|burst|all] "
+                         "[--seconds N] [--megabytes N] [--node PATH]\n");
             return 2;
         }
     }

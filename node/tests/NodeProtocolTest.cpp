@@ -248,13 +248,12 @@ TEST(NodeProtocolTest, RepliesNobodyReadsCostTheirOwnConnectionsAndNoOneElsesPol
     NodeHarness node;
     const auto full = node.createSession();
     node.type(full, "head -c 5000000 /dev/zero | tr '\\0' r; printf 'F%s\\n' ULL\n");
-    ASSERT_NE(node.pollUntil(full,
-                             [](const PollResult& r) {
-                                 return r.output.find("FULL") != std::string::npos;
-                             },
-                             60s)
-                  .output.find("FULL"),
-              std::string::npos);
+    ASSERT_NE(
+        node.pollUntil(
+                full,
+                [](const PollResult& r) { return r.output.find("FULL") != std::string::npos; }, 60s)
+            .output.find("FULL"),
+        std::string::npos);
     const auto other = node.createSession();
 
     // Twelve clients each ask for the whole tail of the full session, and never read.
