@@ -94,9 +94,8 @@ TEST(NodeDaemonTest, StoppingEndsEveryProcessOfEverySessionAfterTheGrace) {
                                         return std::regex_search(r.output, std::regex("Q[0-9]+"));
                                     })
                          .output;
-    std::smatch match;
-    ASSERT_TRUE(std::regex_search(out, match, std::regex("Q([0-9]+)")));
-    const pid_t stubborn = static_cast<pid_t>(std::stol(match[1]));
+    const pid_t stubborn = numberAfter(out, "Q");
+    ASSERT_GT(stubborn, 0);
     ASSERT_FALSE(processIsGone(stubborn));
 
     ::kill(node.pid(), SIGTERM);
@@ -108,13 +107,6 @@ TEST(NodeDaemonTest, StoppingEndsEveryProcessOfEverySessionAfterTheGrace) {
     while (!processIsGone(stubborn) && std::chrono::steady_clock::now() < after)
         std::this_thread::sleep_for(20ms);
     EXPECT_TRUE(processIsGone(stubborn));
-}
-
-// The first number printed after the marker, as in "Q1234".
-pid_t numberAfter(const std::string& output, const std::string& marker) {
-    std::smatch match;
-    if (!std::regex_search(output, match, std::regex(marker + "([0-9]+)"))) return -1;
-    return static_cast<pid_t>(std::stol(match[1]));
 }
 
 bool allGone(const std::vector<pid_t>& pids, std::chrono::milliseconds timeout) {
