@@ -88,7 +88,8 @@ Answer whoAnswers(const sockaddr_un& address) {
 enum class Lock { Taken, Held, NotOurs, Failed };
 Lock tryLock(const std::string& lockPath, UniqueFd& lock) {
     lock.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!lock) return errno == EACCES || errno == EPERM ? Lock::NotOurs : Lock::Failed;
+    if (!lock)  // another user's file, or a link to anything
+        return errno == EACCES || errno == EPERM || errno == ELOOP ? Lock::NotOurs : Lock::Failed;
     if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return Lock::Taken;
     if (errno != EWOULDBLOCK) return Lock::Failed;
     struct stat info;
