@@ -52,8 +52,9 @@ double millisecondsSince(Clock::time_point start) {
 }
 
 struct Outcome {
-    double probe = 0;  // worst wait of the probe, ms
-    double burst = 0;  // worst time until every burst reply was read, ms
+    double probe = 0;     // worst wait of the probe, ms
+    double newcomer = 0;  // worst wait of a client that connects after the burst, ms
+    double burst = 0;     // worst time until every burst reply was read, ms
 };
 
 // One kind of request, sent burstSize times at once, rounds times over.
@@ -77,8 +78,12 @@ Outcome measure(const NodeHarness& node, const std::string& request,
         const auto probeStart = Clock::now();
         [[maybe_unused]] auto sent =
             ::send(probe.get(), health.data(), health.size(), MSG_NOSIGNAL);
+        UniqueFd newcomer = connectTo(node.socketPath());
+        sent = ::send(newcomer.get(), health.data(), health.size(), MSG_NOSIGNAL);
         readReply(probe.get());
         outcome.probe = std::max(outcome.probe, millisecondsSince(probeStart));
+        readReply(newcomer.get());
+        outcome.newcomer = std::max(outcome.newcomer, millisecondsSince(probeStart));
         for (auto& fd : burst)
             readReply(fd.get());
         outcome.burst = std::max(outcome.burst, millisecondsSince(start));
@@ -134,8 +139,8 @@ void burstRun(const char* executable) {
     };
     for (const auto& kind : kinds) {
         const Outcome outcome = measure(node, kind.request, closeStarted);
-        std::printf("  %-30s stall %8.1f ms   burst %8.1f ms\n", kind.name, outcome.probe,
-                    outcome.burst);
+        std::printf("  %-30s stall %7.1f ms   newcomer %7.1f ms   burst %7.1f ms\n", kind.name,
+                    outcome.probe, outcome.newcomer, outcome.burst);
     }
     node.closeSession(full);
     node.closeSession(other);
