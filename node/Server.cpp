@@ -34,13 +34,22 @@ constexpr std::size_t readBudgetPerTurn = 1024 * 1024;
 constexpr std::size_t clientBudgetPerTurn = 256 * 1024;
 // Clients accepted per turn.
 constexpr int acceptsPerTurn = 64;
-// Time a turn spends on requests once it has served one; clients left over are
-// served in the next turns, so that a burst never holds up the loop for long.
+// Time a turn spends on requests of each kind once it has served one of that
+// kind: on cheap ones (clients left over are read in the next turns) and on
+// costly ones (left over in their queue), so that no burst holds up the loop.
 constexpr std::chrono::milliseconds requestTimePerTurn{20};
+
+// Whether a request is costly: it starts a shell or copies a whole tail.
+bool isCostly(Operation operation) {
+    return operation == Operation::ReplaySession || operation == Operation::CreateSession;
+}
 // How long accepting pauses when the node runs out of descriptors.
 constexpr std::chrono::milliseconds acceptPause{100};
-// A client whose reply has waited this long for it to read is stalled.
-constexpr std::chrono::milliseconds stallGrace{100};
+// How long a reply must have waited for its client to read before the client
+// is dropped for the memory it holds: for a poll, which must keep its pace, and
+// for a replay, which must not undo the work of the replays before it.
+constexpr std::chrono::milliseconds stallGraceForPoll{100};
+constexpr std::chrono::milliseconds stallGraceForReplay{1000};
 // How long the loop rests after a failed poll(2) before it tries again.
 constexpr int pollRetryMilliseconds = 10;
 
@@ -122,7 +131,7 @@ void Server::turn() {
     }
     now = Clock::now();
     memoryInUse_ = clientMemory();
-    servingSince_.reset();
+    cheapTime_ = costlyTime_ = Clock::duration::zero();
 
     for (std::size_t i = 0; i < fds.size(); ++i) {
         const short revents = fds[i].revents;
@@ -164,6 +173,7 @@ void Server::turn() {
                 break;
         }
     }
+    serveDeferred();
     expireDeadlines(now);
     std::erase_if(pendingStarts_, [](const PendingStart& start) { return !start.shell.report; });
     std::erase_if(clients_,
@@ -203,7 +213,7 @@ void Server::acceptClients(Clock::time_point now) {
 }
 
 void Server::readClient(Connection& client, Clock::time_point now) {
-    makeRoom(maximumRequestBytes, client, now);
+    makeRoom(maximumRequestBytes, client, now, stallGraceForPoll);
     const std::size_t before = client.memory();
     const std::size_t others = memoryInUse_ > before ? memoryInUse_ - before : 0;
     const std::size_t allowance = clientMemoryLimit > others ? clientMemoryLimit - others : 0;
@@ -224,21 +234,37 @@ void Server::readClient(Connection& client, Clock::time_point now) {
 }
 
 void Server::respond(Connection& client, const ParseWorker::Parsed& parsed, Clock::time_point now) {
+    if (const auto* error = std::get_if<RequestError>(&parsed)) {
+        client.sendReply(failureReply(error->text));
+        memoryInUse_ += client.memory();
+        return;
+    }
+    const auto& request = std::get<Request>(parsed);
+    // A costly request waits its turn behind those already waiting.
+    if (isCostly(request.operation) && (!deferred_.empty() || costlyTime_ >= requestTimePerTurn)) {
+        deferred_.push_back({client.ticket(), request});
+        return;
+    }
+    serve(client, request, now);
+}
+
+void Server::serve(Connection& client, const Request& request, Clock::time_point now) {
+    const auto started = Clock::now();
     std::optional<std::string> reply;
     try {
-        if (const auto* error = std::get_if<RequestError>(&parsed)) {
-            reply = failureReply(error->text);
+        const bool carriesOutput =
+            request.operation == Operation::Poll || request.operation == Operation::ReplaySession;
+        if (carriesOutput) {
+            makeRoom(
+                maximumReplyBytes, client, now,
+                request.operation == Operation::Poll ? stallGraceForPoll : stallGraceForReplay);
+        }
+        // Output is taken only when its reply can be held: a poll takes what
+        // fits (perhaps nothing), a replay is all or nothing.
+        if (request.operation == Operation::ReplaySession && outputAllowance() == 0) {
+            client.drop();
+            reply.reset();
         } else {
-            const auto& request = std::get<Request>(parsed);
-            const bool carriesOutput = request.operation == Operation::Poll ||
-                                       request.operation == Operation::ReplaySession;
-            if (carriesOutput) makeRoom(maximumReplyBytes, client, now);
-            // Output is taken only when its reply can be held: a poll takes
-            // what fits (perhaps nothing), a replay is all or nothing.
-            if (request.operation == Operation::ReplaySession && outputAllowance() == 0) {
-                client.drop();
-                return;
-            }
             if (hook_) hook_(request);
             reply = handle(request, client.ticket(), now);
         }
@@ -250,6 +276,17 @@ void Server::respond(Connection& client, const ParseWorker::Parsed& parsed, Cloc
     if (reply) {
         client.sendReply(std::move(*reply));
         memoryInUse_ += client.memory();
+    }
+    (isCostly(request.operation) ? costlyTime_ : cheapTime_) += Clock::now() - started;
+}
+
+void Server::serveDeferred() {
+    while (!deferred_.empty() && costlyTime_ < requestTimePerTurn) {
+        const Deferred next = std::move(deferred_.front());
+        deferred_.pop_front();
+        Connection* client = findClient(next.ticket);
+        if (client && client->state() == Connection::State::Waiting)
+            serve(*client, next.request, Clock::now());
     }
 }
 
@@ -310,6 +347,7 @@ int Server::pollTimeout(Clock::time_point now) const {
         if (auto due = session->flowDeadline(now)) consider(*due);
     }
     if (acceptPausedUntil_ > now) consider(acceptPausedUntil_);
+    if (!deferred_.empty()) consider(now);
     if (!soonest) return -1;
     if (*soonest <= now) return 0;
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*soonest - now);
@@ -357,22 +395,21 @@ std::size_t Server::clientMemory() const {
     return total;
 }
 
-bool Server::mayServeRequest() {
-    const auto now = Clock::now();
-    if (!servingSince_) servingSince_ = now;
-    return now - *servingSince_ < requestTimePerTurn;
+bool Server::mayServeRequest() const {
+    return cheapTime_ < requestTimePerTurn;
 }
 
 std::size_t Server::freeClientMemory() const {
     return clientMemoryLimit > memoryInUse_ ? clientMemoryLimit - memoryInUse_ : 0;
 }
 
-void Server::makeRoom(std::size_t wanted, const Connection& keep, Clock::time_point now) {
+void Server::makeRoom(std::size_t wanted, const Connection& keep, Clock::time_point now,
+                      Clock::duration grace) {
     while (freeClientMemory() < wanted) {
         Connection* stalest = nullptr;
         for (const auto& client : clients_) {
             if (client.get() == &keep || client->unsent() == 0) continue;
-            if (now - client->lastProgress() < stallGrace) continue;
+            if (now - client->lastProgress() < grace) continue;
             if (!stalest || client->lastProgress() < stalest->lastProgress())
                 stalest = client.get();
         }

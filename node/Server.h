@@ -9,13 +9,17 @@
 // all connections and queued request texts hold together; it is capped. When a
 // request needs memory that is not free, clients *stalled* on their replies
 // (see Connection) are dropped first, those that waited longest first; a client
-// that would still pass the cap is dropped.
+// that would still pass the cap is dropped. A *costly* request (a shell start, a
+// replay of a whole tail) is served at once only while the turn's time for
+// costly requests lasts; otherwise it waits in a queue of its own, so that a
+// burst of them never holds up cheap requests such as polls.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -77,13 +81,19 @@ class Server {
     void turn();
     // Accepts waiting clients and serves those whose request is already there.
     void acceptClients(Clock::time_point now);
-    // Whether this turn may serve one more request: always the first one, then
-    // for as long as the turn's time for requests lasts.
-    bool mayServeRequest();
+    // Whether this turn may read one more request: until its time for cheap
+    // requests is spent.
+    bool mayServeRequest() const;
     // Reads from a client and answers once its request is complete.
     void readClient(Connection& client, Clock::time_point now);
-    // Answers a parsed request (or leaves the client waiting for a shell start).
+    // Answers a parsed request, or queues it when it is costly and this turn's
+    // time for costly requests is spent (or others wait before it).
     void respond(Connection& client, const ParseWorker::Parsed& parsed, Clock::time_point now);
+    // Handles a request and sends its reply (or leaves the client waiting for
+    // a shell start), counting the time it took against this turn.
+    void serve(Connection& client, const Request& request, Clock::time_point now);
+    // Serves queued costly requests, oldest first, while this turn's time lasts.
+    void serveDeferred();
     // Serves the parse worker's results.
     void takeParsed(Clock::time_point now);
     // Completes a pending start once its child has reported or timed out.
@@ -105,9 +115,10 @@ class Server {
     std::size_t clientMemory() const;
     // Client memory not in use.
     std::size_t freeClientMemory() const;
-    // Drops stalled clients other than keep until wanted bytes are free, or
-    // none is left.
-    void makeRoom(std::size_t wanted, const Connection& keep, Clock::time_point now);
+    // Drops clients other than keep whose replies have waited at least grace,
+    // longest first, until wanted bytes are free or none is left.
+    void makeRoom(std::size_t wanted, const Connection& keep, Clock::time_point now,
+                  Clock::duration grace);
     // Terminal bytes that one reply may carry within the client memory left.
     std::size_t outputAllowance() const;
     // Gives freed memory back to the system after a burst.
@@ -141,7 +152,13 @@ class Server {
     std::size_t memoryInUse_ = 0;
     std::size_t memoryPeak_ = 0;
     Clock::time_point acceptPausedUntil_{};
-    std::optional<Clock::time_point> servingSince_;  // this turn's first request
+    struct Deferred {
+        std::uint64_t ticket;
+        Request request;
+    };
+    std::deque<Deferred> deferred_;  // costly requests waiting for a turn's time
+    Clock::duration cheapTime_{};    // this turn's time on cheap requests
+    Clock::duration costlyTime_{};   // and on costly ones
     bool stopping_ = false;
 };
 
