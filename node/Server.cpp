@@ -38,11 +38,6 @@ constexpr int acceptsPerTurn = 64;
 // kind: on cheap ones (clients left over are read in the next turns) and on
 // costly ones (left over in their queue), so that no burst holds up the loop.
 constexpr std::chrono::milliseconds requestTimePerTurn{20};
-
-// Whether a request is costly: it starts a shell or copies a whole tail.
-bool isCostly(Operation operation) {
-    return operation == Operation::ReplaySession || operation == Operation::CreateSession;
-}
 // How long accepting pauses when the node runs out of descriptors.
 constexpr std::chrono::milliseconds acceptPause{100};
 // How long a reply must have waited for its client to read before the client
@@ -52,6 +47,11 @@ constexpr std::chrono::milliseconds stallGraceForPoll{100};
 constexpr std::chrono::milliseconds stallGraceForReplay{1000};
 // How long the loop rests after a failed poll(2) before it tries again.
 constexpr int pollRetryMilliseconds = 10;
+
+// Whether a request is costly: it starts a shell or copies a whole tail.
+bool isCostly(Operation operation) {
+    return operation == Operation::ReplaySession || operation == Operation::CreateSession;
+}
 
 // Sends SIGKILL through a pidfd; harmless once the process has been reaped.
 void killThroughPidfd(int pidfd) {
@@ -263,7 +263,6 @@ void Server::serve(Connection& client, const Request& request, Clock::time_point
         // fits (perhaps nothing), a replay is all or nothing.
         if (request.operation == Operation::ReplaySession && outputAllowance() == 0) {
             client.drop();
-            reply.reset();
         } else {
             if (hook_) hook_(request);
             reply = handle(request, client.ticket(), now);
@@ -282,7 +281,7 @@ void Server::serve(Connection& client, const Request& request, Clock::time_point
 
 void Server::serveDeferred() {
     while (!deferred_.empty() && costlyTime_ < requestTimePerTurn) {
-        const Deferred next = std::move(deferred_.front());
+        Deferred next = std::move(deferred_.front());
         deferred_.pop_front();
         Connection* client = findClient(next.ticket);
         if (client && client->state() == Connection::State::Waiting)
