@@ -10,6 +10,7 @@
 
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
@@ -18,6 +19,7 @@
 
 #include "PathRules.h"
 #include "TerminalThreads.h"
+#include "UniqueFd.h"
 
 namespace hl {
 
@@ -49,6 +51,16 @@ bool renameExclusively(const QString& from, const QString& to) {
         return false;
     }
     return ::rename(source.constData(), target.constData()) == 0;
+}
+
+// Whether the folder at path (not a symbolic link) is the user's own; it is
+// then made private again.
+bool isOwnFolder(const QString& path) {
+    const UniqueFd fd(::open(QFile::encodeName(path).constData(),
+                             O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    struct stat status {};
+    return fd && ::fstat(fd.get(), &status) == 0 && S_ISDIR(status.st_mode) &&
+           status.st_uid == ::geteuid() && ::fchmod(fd.get(), 0700) == 0;
 }
 
 CopyPlatformError platformError(const QString& what) {
@@ -208,7 +220,9 @@ void ProjectCopyController::prepareStaging(const std::shared_ptr<Operation>& ope
         throw CopyPlatformError{"Harborlattice could not create the folder " + parent + "."};
     switch (entryAt(op.staging)) {
         case Entry::Directory:
-            break;  // an earlier attempt's data, resumed into
+            // An earlier attempt's data, resumed into; never another user's folder.
+            if (!isOwnFolder(op.staging)) throw ProjectCopyError::stagingPathUnavailable();
+            break;
         case Entry::Missing:
             if (::mkdir(QFile::encodeName(op.staging).constData(), 0700) != 0)
                 throw platformError("Harborlattice could not create " + op.staging);

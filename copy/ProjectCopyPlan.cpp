@@ -65,6 +65,16 @@ QString destinationOf(const ProjectCopyOrigin& origin) {
     return origin.sshUser + "@" + origin.sshHost;
 }
 
+// A word of rsync's -e command as rsync splits it: on spaces, with single
+// quotes keeping a word whole and a doubled quote standing for one (rsync has
+// no backslash escapes). A plain path stays as it is.
+QString rsyncCommandWord(const QString& word) {
+    if (!word.contains(' ') && !word.contains('\'') && !word.contains('"')) return word;
+    QString quoted = word;
+    quoted.replace("'", "''");
+    return "'" + quoted + "'";
+}
+
 }  // namespace
 
 QString shellQuote(const QString& value) {
@@ -99,7 +109,7 @@ QStringList rsyncArguments(const ProjectCopyOrigin& origin, const QString& stagi
     // rsync 3 groups the digits of its progress figures unless told not to.
     arguments << "--no-human-readable";
 #endif
-    arguments << "-e" << sshExecutable + " " + kSshOptions.join(' ');
+    arguments << "-e" << rsyncCommandWord(sshExecutable) + " " + kSshOptions.join(' ');
     if (compress) arguments << "--compress";
     arguments << "--" << destinationOf(origin) + ":" + shellQuote(origin.root + "/")
               << stagingPath + "/";

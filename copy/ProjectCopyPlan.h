@@ -66,7 +66,8 @@ QString shellQuote(const QString& value);
 QStringList sshArguments(const ProjectCopyOrigin& origin, const QString& command);
 // A remote shell command that prints "bytes=" and "files=" lines for the root.
 QString preflightCommand(const QString& root);
-// The arguments of rsync that fill the staging folder with the root's contents.
+// The arguments of rsync that fill the staging folder with the root's contents;
+// an ssh path with spaces or quotes is quoted for rsync's split of -e.
 QStringList rsyncArguments(const ProjectCopyOrigin& origin, const QString& stagingPath,
                            bool compress, const QString& sshExecutable = "/usr/bin/ssh");
 // The hidden staging folder beside the destination, named after the project's

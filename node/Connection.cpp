@@ -4,6 +4,7 @@
 #include <sys/socket.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "Request.h"
@@ -21,7 +22,13 @@ constexpr int sendFlags = 0;
 }  // namespace
 
 Connection::Connection(UniqueFd fd, std::uint64_t ticket, Clock::time_point now)
-    : fd_(std::move(fd)), ticket_(ticket), started_(now) {}
+    : fd_(std::move(fd)), ticket_(ticket), started_(now), lastProgress_(now) {}
+
+Connection::Clock::time_point Connection::deadline() const {
+    const auto end = started_ + lifetimeLimit;
+    if (state_ != State::Writing) return end;
+    return std::min(end, lastProgress_ + stallLimit);
+}
 
 std::optional<std::string> Connection::readRequest(std::size_t budget, std::size_t allowance) {
     char chunk[readChunk];
@@ -65,10 +72,12 @@ void Connection::sendReply(std::string reply) {
     out_ = std::move(reply);
     written_ = 0;
     state_ = State::Writing;
+    lastProgress_ = Clock::now();
     writeReply();
 }
 
 void Connection::writeReply() {
+    const std::size_t before = written_;
     while (state_ == State::Writing && written_ < out_.size()) {
         const ssize_t n =
             ::send(fd_.get(), out_.data() + written_, out_.size() - written_, sendFlags);
@@ -77,7 +86,10 @@ void Connection::writeReply() {
             continue;
         }
         if (n < 0 && errno == EINTR) continue;
-        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) {
+            if (written_ > before) lastProgress_ = Clock::now();
+            return;
+        }
         drop();  // the client has gone
         return;
     }

@@ -6,6 +6,9 @@
 // A request whose handling cannot be finished at once (a shell that is still
 // starting, a large request being parsed) leaves the connection *waiting*.
 // Buffers are allocated only for what arrives, and given back when it is done.
+// A client that stops reading its reply is *stalled*: it is dropped once it has
+// taken nothing for stallLimit, or sooner when the node needs the memory its
+// reply holds (see Server), so its reply never holds up anyone else's.
 #pragma once
 
 #include <chrono>
@@ -22,6 +25,8 @@ class Connection {
     using Clock = std::chrono::steady_clock;
     // A client is dropped this long after it connected, whatever it has done.
     static constexpr std::chrono::seconds lifetimeLimit{30};
+    // A client that takes no byte of its reply for this long is dropped.
+    static constexpr std::chrono::seconds stallLimit{2};
 
     enum class State { Reading, Waiting, Writing, Done };
 
@@ -31,7 +36,12 @@ class Connection {
     // The number that names this connection to work finished later.
     std::uint64_t ticket() const { return ticket_; }
     State state() const { return state_; }
-    Clock::time_point deadline() const { return started_ + lifetimeLimit; }
+    // When the client is dropped unless it is done by then.
+    Clock::time_point deadline() const;
+    // Bytes of the reply not yet taken by the client.
+    std::size_t unsent() const { return state_ == State::Writing ? out_.size() - written_ : 0; }
+    // When the client last took part of its reply (or the reply was ready).
+    Clock::time_point lastProgress() const { return lastProgress_; }
     // Bytes held for this connection now.
     std::size_t memory() const { return in_.capacity() + out_.capacity(); }
 
@@ -53,6 +63,7 @@ class Connection {
     std::uint64_t ticket_;
     State state_ = State::Reading;
     Clock::time_point started_;
+    Clock::time_point lastProgress_;
     std::string in_;
     std::string out_;
     std::size_t written_ = 0;

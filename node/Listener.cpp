@@ -1,5 +1,11 @@
 // Listener: folder rights, start-up lock, stale socket replacement, peer checks.
 //
+// A held lock is not taken for a node at work until a node of this user answers
+// on the socket. When none does within heldLockPatience, a lock file of this
+// user's own (held by a process that serves nothing) is replaced by a new one;
+// one that is another user's, or cannot be opened, is reported with its path
+// and the ways out, since this user can do nothing with it here.
+//
 // The folder and any missing parents are created 0700; an existing folder's mode
 // is left as it is (it is not the node's to change). The socket itself is
 // created 0600. A socket that answers is taken as served only when its peer is
@@ -14,7 +20,9 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <chrono>
 #include <cstring>
+#include <thread>
 
 #include "PeerCredentials.h"
 
@@ -76,7 +84,73 @@ Answer whoAnswers(const sockaddr_un& address) {
     return peerIsOwner(probe.get()) ? Answer::Owner : Answer::OtherUser;
 }
 
+// Opens the lock file and takes its lock, without waiting.
+enum class Lock { Taken, Held, NotOurs, Failed };
+Lock tryLock(const std::string& lockPath, UniqueFd& lock) {
+    lock.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
+    if (!lock)  // another user's file, or a link to anything
+        return errno == EACCES || errno == EPERM || errno == ELOOP ? Lock::NotOurs : Lock::Failed;
+    if (::flock(lock.get(), LOCK_EX | LOCK_NB) == 0) return Lock::Taken;
+    if (errno != EWOULDBLOCK) return Lock::Failed;
+    struct stat info;
+    if (::fstat(lock.get(), &info) != 0 || info.st_uid != ::geteuid()) return Lock::NotOurs;
+    return Lock::Held;
+}
+
+// Whether the lock file still names the file that lock has open.
+bool namesOpenFile(const std::string& lockPath, int lock) {
+    struct stat named, open;
+    return ::lstat(lockPath.c_str(), &named) == 0 && ::fstat(lock, &open) == 0 &&
+           named.st_dev == open.st_dev && named.st_ino == open.st_ino;
+}
+
 }  // namespace
+
+std::optional<std::variant<Listener::AlreadyServed, Listener::Failure>> Listener::takeLock(
+    const std::string& lockPath, const sockaddr_un& address, UniqueFd& lock) {
+    const std::string& path = address.sun_path;
+    for (int attempt = 0; attempt < 3; ++attempt) {
+        const Lock state = tryLock(lockPath, lock);
+        if (state == Lock::Taken) {
+            if (namesOpenFile(lockPath, lock.get())) return std::nullopt;
+            continue;  // replaced meanwhile by a node taking it over
+        }
+        if (state == Lock::Failed) return Failure{errorText("cannot lock " + lockPath)};
+        // Someone holds the lock, or it is not ours to take: a node that holds
+        // it answers within moments of taking it.
+        const auto deadline = std::chrono::steady_clock::now() + heldLockPatience;
+        while (true) {
+            switch (whoAnswers(address)) {
+                case Answer::Owner:
+                    return AlreadyServed{};
+                case Answer::OtherUser:
+                    return Failure{"another user serves " + path};
+                case Answer::Nobody:
+                    break;
+            }
+            if (std::chrono::steady_clock::now() >= deadline) break;
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        }
+        if (state == Lock::NotOurs) {
+            struct stat info;
+            const std::string owner =
+                ::lstat(lockPath.c_str(), &info) == 0
+                    ? " (it belongs to user id " + std::to_string(info.st_uid) + ")"
+                    : "";
+            return Failure{"the lock file " + lockPath + owner +
+                           " is held or cannot be opened, and no node answers on " + path +
+                           ". Remove " + lockPath +
+                           ", or set HARBORLATTICE_SOCKET to a path in a folder of your own."};
+        }
+        // Ours, held by a process that serves nothing: a new lock file takes
+        // its place, unless another node has replaced it already.
+        if (namesOpenFile(lockPath, lock.get()) && ::unlink(lockPath.c_str()) != 0 &&
+            errno != ENOENT)
+            return Failure{errorText("cannot replace the held lock file " + lockPath)};
+    }
+    return Failure{"the lock file " + lockPath + " keeps being replaced; no node answers on " +
+                   path + ". Remove " + lockPath + " and start again."};
+}
 
 std::variant<Listener, Listener::AlreadyServed, Listener::Failure> Listener::open(
     const std::string& socketPath) {
@@ -95,11 +169,9 @@ std::variant<Listener, Listener::AlreadyServed, Listener::Failure> Listener::ope
     if (auto error = prepareFolder(folder)) return Failure{*error};
 
     const std::string lockPath = path + ".lock";
-    listener.lock_.reset(::open(lockPath.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600));
-    if (!listener.lock_) return Failure{errorText("cannot open lock file " + lockPath)};
-    if (::flock(listener.lock_.get(), LOCK_EX | LOCK_NB) != 0) {
-        if (errno == EWOULDBLOCK) return AlreadyServed{};
-        return Failure{errorText("cannot lock " + lockPath)};
+    if (auto held = takeLock(lockPath, address, listener.lock_)) {
+        if (std::holds_alternative<AlreadyServed>(*held)) return AlreadyServed{};
+        return std::get<Failure>(*held);
     }
 
     // A node that does not know the lock may still be serving the path.

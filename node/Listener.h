@@ -4,9 +4,14 @@
 // Words used here: the *folder* is the directory that holds the socket; the
 // *lock file* lies beside the socket (its path plus ".lock") and stays locked
 // for the node's whole life, so two nodes starting at once cannot both bind.
+// A lock held while no node answers is taken over when the lock file is the
+// user's own, and otherwise reported with what to remove.
 #pragma once
 
 #include <sys/types.h>
+#include <sys/un.h>
+
+#include <chrono>
 
 #include <optional>
 #include <string>
@@ -18,6 +23,9 @@ namespace hl::node {
 
 class Listener {
   public:
+    // How long a held lock may go without a node answering on the socket.
+    static constexpr std::chrono::seconds heldLockPatience{2};
+
     // Another node holds the socket: this one has nothing to do.
     struct AlreadyServed {};
     // Why the socket cannot be opened.
@@ -40,6 +48,10 @@ class Listener {
 
   private:
     Listener() = default;
+    // Takes the lock beside the socket into lock; absent once it is taken.
+    static std::optional<std::variant<AlreadyServed, Failure>> takeLock(const std::string& lockPath,
+                                                                        const sockaddr_un& address,
+                                                                        UniqueFd& lock);
 
     std::string path_;
     UniqueFd socket_;

@@ -2,6 +2,7 @@
 // its loop; main() is this with no request hook.
 #include "NodeMain.h"
 
+#include <fcntl.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -28,10 +29,16 @@ int nodeMain(int argc, Server::RequestHook hook) {
     auto opened = Listener::open(hl::RuntimePaths::socketPath());
     if (std::holds_alternative<Listener::AlreadyServed>(opened)) return 0;
     if (auto* failure = std::get_if<Listener::Failure>(&opened)) {
-        // Seen only by someone who started the node by hand; the application
-        // gives it the null device.
+        // Seen by whoever started the node: the application keeps it as the
+        // reason that no node runs.
         std::fprintf(stderr, "harborlattice-node: %s\n", failure->reason.c_str());
         return 1;
+    }
+    // Serving: nothing more is said, and the starter sees its end of the
+    // standard error close.
+    if (const int null = ::open("/dev/null", O_RDWR); null >= 0) {
+        ::dup2(null, STDERR_FILENO);
+        if (null != STDERR_FILENO) ::close(null);
     }
     // The node holds no directory busy.
     if (::chdir("/") != 0) return 1;

@@ -118,8 +118,10 @@ std::optional<std::string> Server::createSession(const Request& request, std::ui
                                                  Clock::time_point now) {
     auto started = spawnShell(shell_, request.cwd, request.cols, request.rows);
     if (auto* reason = std::get_if<std::string>(&started)) return failureReply(*reason);
+    auto& shell = std::get<ShellProcess>(started);
+    std::string record = records_.add(shell.pid);
     pendingStarts_.push_back(
-        {std::move(std::get<ShellProcess>(started)), request.cwd, ticket, now + startTimeout});
+        {std::move(shell), request.cwd, ticket, now + startTimeout, std::move(record)});
     return std::nullopt;  // answered once the child reports (finishStart)
 }
 
@@ -139,6 +141,7 @@ void Server::finishStart(PendingStart& start, std::optional<std::string> failure
                                                      std::move(start.shell.master),
                                                      std::move(start.shell.pidfd), now);
             if (start.reaped) session->shellEnded(now);
+            session->setRecord(start.record);
             sessions_.emplace(id, std::move(session));
             reply = successReply({{"session_id", id}});
         } catch (const std::exception& error) {
@@ -150,6 +153,7 @@ void Server::finishStart(PendingStart& start, std::optional<std::string> failure
         if (!start.reaped) {
             signalSession(start.shell.pid, SIGKILL, processClockNow());
         }
+        records_.remove(start.record);
         reply = failureReply(*failure);
     }
     if (client && client->state() == Connection::State::Waiting)

@@ -34,10 +34,24 @@ constexpr std::size_t readBudgetPerTurn = 1024 * 1024;
 constexpr std::size_t clientBudgetPerTurn = 256 * 1024;
 // Clients accepted per turn.
 constexpr int acceptsPerTurn = 64;
+// Time a turn spends on requests of each kind once it has served one of that
+// kind: on cheap ones (clients left over are read in the next turns) and on
+// costly ones (left over in their queue), so that no burst holds up the loop.
+constexpr std::chrono::milliseconds requestTimePerTurn{20};
 // How long accepting pauses when the node runs out of descriptors.
 constexpr std::chrono::milliseconds acceptPause{100};
+// How long a reply must have waited for its client to read before the client
+// is dropped for the memory it holds: for a poll, which must keep its pace, and
+// for a replay, which must not undo the work of the replays before it.
+constexpr std::chrono::milliseconds stallGraceForPoll{100};
+constexpr std::chrono::milliseconds stallGraceForReplay{1000};
 // How long the loop rests after a failed poll(2) before it tries again.
 constexpr int pollRetryMilliseconds = 10;
+
+// Whether a request is costly: it starts a shell or copies a whole tail.
+bool isCostly(Operation operation) {
+    return operation == Operation::ReplaySession || operation == Operation::CreateSession;
+}
 
 // Sends SIGKILL through a pidfd; harmless once the process has been reaped.
 void killThroughPidfd(int pidfd) {
@@ -51,7 +65,22 @@ void killThroughPidfd(int pidfd) {
 }  // namespace
 
 Server::Server(Listener listener, ShellSetup shell, RequestHook hook)
-    : listener_(std::move(listener)), shell_(std::move(shell)), hook_(std::move(hook)) {}
+    : listener_(std::move(listener)),
+      records_(listener_.path()),
+      shell_(std::move(shell)),
+      hook_(std::move(hook)) {
+    endLeftovers(Clock::now());
+}
+
+void Server::endLeftovers(Clock::time_point now) {
+    for (auto& leftover : records_.takeLeftovers()) {
+        const unsigned long long startedBy = processClockNow();
+        signalSession(leftover.leader, SIGHUP, startedBy);
+        signalSession(leftover.leader, SIGCONT, startedBy);
+        pendingKills_.push_back(
+            {leftover.leader, startedBy, UniqueFd(), now + killGrace, std::move(leftover.record)});
+    }
+}
 
 void Server::run() {
     while (!stopping_) {
@@ -102,6 +131,7 @@ void Server::turn() {
     }
     now = Clock::now();
     memoryInUse_ = clientMemory();
+    cheapTime_ = costlyTime_ = Clock::duration::zero();
 
     for (std::size_t i = 0; i < fds.size(); ++i) {
         const short revents = fds[i].revents;
@@ -124,7 +154,7 @@ void Server::turn() {
             case Kind::Client: {
                 auto* client = static_cast<Connection*>(target.object);
                 if (client->state() == Connection::State::Reading) {
-                    readClient(*client, now);
+                    if (mayServeRequest()) readClient(*client, now);
                 } else if (client->state() == Connection::State::Writing) {
                     client->writeReply();
                 }
@@ -143,6 +173,7 @@ void Server::turn() {
                 break;
         }
     }
+    serveDeferred();
     expireDeadlines(now);
     std::erase_if(pendingStarts_, [](const PendingStart& start) { return !start.shell.report; });
     std::erase_if(clients_,
@@ -151,7 +182,7 @@ void Server::turn() {
 }
 
 void Server::acceptClients(Clock::time_point now) {
-    for (int accepted = 0; accepted < acceptsPerTurn; ++accepted) {
+    for (int accepted = 0; accepted < acceptsPerTurn && mayServeRequest(); ++accepted) {
         auto fd = listener_.accept();
         if (!fd) {
             if (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM) {
@@ -182,6 +213,7 @@ void Server::acceptClients(Clock::time_point now) {
 }
 
 void Server::readClient(Connection& client, Clock::time_point now) {
+    makeRoom(maximumRequestBytes, client, now, stallGraceForPoll);
     const std::size_t before = client.memory();
     const std::size_t others = memoryInUse_ > before ? memoryInUse_ - before : 0;
     const std::size_t allowance = clientMemoryLimit > others ? clientMemoryLimit - others : 0;
@@ -202,19 +234,36 @@ void Server::readClient(Connection& client, Clock::time_point now) {
 }
 
 void Server::respond(Connection& client, const ParseWorker::Parsed& parsed, Clock::time_point now) {
+    if (const auto* error = std::get_if<RequestError>(&parsed)) {
+        client.sendReply(failureReply(error->text));
+        memoryInUse_ += client.memory();
+        return;
+    }
+    const auto& request = std::get<Request>(parsed);
+    // A costly request waits its turn behind those already waiting.
+    if (isCostly(request.operation) && (!deferred_.empty() || costlyTime_ >= requestTimePerTurn)) {
+        deferred_.push_back({client.ticket(), request});
+        return;
+    }
+    serve(client, request, now);
+}
+
+void Server::serve(Connection& client, const Request& request, Clock::time_point now) {
+    const auto started = Clock::now();
     std::optional<std::string> reply;
     try {
-        if (const auto* error = std::get_if<RequestError>(&parsed)) {
-            reply = failureReply(error->text);
+        const bool carriesOutput =
+            request.operation == Operation::Poll || request.operation == Operation::ReplaySession;
+        if (carriesOutput) {
+            makeRoom(
+                maximumReplyBytes, client, now,
+                request.operation == Operation::Poll ? stallGraceForPoll : stallGraceForReplay);
+        }
+        // Output is taken only when its reply can be held: a poll takes what
+        // fits (perhaps nothing), a replay is all or nothing.
+        if (request.operation == Operation::ReplaySession && outputAllowance() == 0) {
+            client.drop();
         } else {
-            const auto& request = std::get<Request>(parsed);
-            const bool carriesOutput = request.operation == Operation::Poll ||
-                                       request.operation == Operation::ReplaySession;
-            // Output is taken only when its reply can be held.
-            if (carriesOutput && outputAllowance() == 0) {
-                client.drop();
-                return;
-            }
             if (hook_) hook_(request);
             reply = handle(request, client.ticket(), now);
         }
@@ -226,6 +275,17 @@ void Server::respond(Connection& client, const ParseWorker::Parsed& parsed, Cloc
     if (reply) {
         client.sendReply(std::move(*reply));
         memoryInUse_ += client.memory();
+    }
+    (isCostly(request.operation) ? costlyTime_ : cheapTime_) += Clock::now() - started;
+}
+
+void Server::serveDeferred() {
+    while (!deferred_.empty() && costlyTime_ < requestTimePerTurn) {
+        Deferred next = std::move(deferred_.front());
+        deferred_.pop_front();
+        Connection* client = findClient(next.ticket);
+        if (client && client->state() == Connection::State::Waiting)
+            serve(*client, next.request, Clock::now());
     }
 }
 
@@ -266,6 +326,7 @@ void Server::expireDeadlines(Clock::time_point now) {
         if (now < kill.due) return false;
         killThroughPidfd(kill.pidfd.get());
         signalSession(kill.leader, SIGKILL, kill.startedBy);
+        records_.remove(kill.record);
         return true;
     });
 }
@@ -285,6 +346,7 @@ int Server::pollTimeout(Clock::time_point now) const {
         if (auto due = session->flowDeadline(now)) consider(*due);
     }
     if (acceptPausedUntil_ > now) consider(acceptPausedUntil_);
+    if (!deferred_.empty()) consider(now);
     if (!soonest) return -1;
     if (*soonest <= now) return 0;
     const auto wait = std::chrono::ceil<std::chrono::milliseconds>(*soonest - now);
@@ -299,15 +361,18 @@ void Server::hangUpSession(Session& session, Clock::time_point now) {
     // SIGCONT wakes stopped jobs so that they see the hang-up.
     signalSession(session.shellPid(), SIGHUP, startedBy);
     signalSession(session.shellPid(), SIGCONT, startedBy);
-    pendingKills_.push_back({session.shellPid(), startedBy, session.takePidfd(), now + killGrace});
+    pendingKills_.push_back(
+        {session.shellPid(), startedBy, session.takePidfd(), now + killGrace, session.record()});
 }
 
 void Server::shutDown() {
     auto now = Clock::now();
     listener_.removeSocket();
     clients_.clear();
-    for (auto& start : pendingStarts_)
+    for (auto& start : pendingStarts_) {
         ::kill(start.shell.pid, SIGKILL);
+        records_.remove(start.record);
+    }
     pendingStarts_.clear();
     for (auto& [id, session] : sessions_)
         hangUpSession(*session, now);
@@ -329,11 +394,34 @@ std::size_t Server::clientMemory() const {
     return total;
 }
 
+bool Server::mayServeRequest() const {
+    return cheapTime_ < requestTimePerTurn;
+}
+
+std::size_t Server::freeClientMemory() const {
+    return clientMemoryLimit > memoryInUse_ ? clientMemoryLimit - memoryInUse_ : 0;
+}
+
+void Server::makeRoom(std::size_t wanted, const Connection& keep, Clock::time_point now,
+                      Clock::duration grace) {
+    while (freeClientMemory() < wanted) {
+        Connection* stalest = nullptr;
+        for (const auto& client : clients_) {
+            if (client.get() == &keep || client->unsent() == 0) continue;
+            if (now - client->lastProgress() < grace) continue;
+            if (!stalest || client->lastProgress() < stalest->lastProgress())
+                stalest = client.get();
+        }
+        if (!stalest) return;
+        stalest->drop();
+        memoryInUse_ = clientMemory();
+    }
+}
+
 std::size_t Server::outputAllowance() const {
     // Base64 makes four bytes of three; some room stays for the envelope.
     constexpr std::size_t envelope = 4096;
-    const std::size_t free =
-        clientMemoryLimit > memoryInUse_ ? clientMemoryLimit - memoryInUse_ : 0;
+    const std::size_t free = freeClientMemory();
     if (free < 2 * envelope) return 0;
     return std::min(maximumOutputPerReply, (free - envelope) / 4 * 3);
 }

@@ -6,14 +6,20 @@
 // *pending start* is a shell forked for create_session whose child has not yet
 // reported that it runs; a *pending kill* is a closed session whose processes
 // get SIGKILL if they are still there after a grace. *Client memory* is what
-// all connections and queued request texts hold together; it is capped, and a
-// client that would pass the cap is dropped.
+// all connections and queued request texts hold together; it is capped. When a
+// request needs memory that is not free, clients *stalled* on their replies
+// (see Connection) are dropped first, those that waited longest first; a client
+// that would still pass the cap is dropped. A *costly* request (a shell start, a
+// replay of a whole tail) is served at once only while the turn's time for
+// costly requests lasts; otherwise it waits in a queue of its own, so that a
+// burst of them never holds up cheap requests such as polls.
 #pragma once
 
 #include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
+#include <deque>
 #include <functional>
 #include <map>
 #include <memory>
@@ -26,6 +32,7 @@
 #include "ParseWorker.h"
 #include "Request.h"
 #include "Session.h"
+#include "SessionRecords.h"
 #include "Shell.h"
 #include "Signals.h"
 
@@ -59,12 +66,14 @@ class Server {
         unsigned long long startedBy;  // processes started later are not the session's
         UniqueFd pidfd;
         Clock::time_point due;
+        std::string record;  // removed once the kill is sent
     };
     struct PendingStart {
         ShellProcess shell;
         std::string cwd;
         std::uint64_t ticket;
         Clock::time_point due;
+        std::string record;
         bool reaped = false;
     };
 
@@ -72,10 +81,19 @@ class Server {
     void turn();
     // Accepts waiting clients and serves those whose request is already there.
     void acceptClients(Clock::time_point now);
+    // Whether this turn may read one more request: until its time for cheap
+    // requests is spent.
+    bool mayServeRequest() const;
     // Reads from a client and answers once its request is complete.
     void readClient(Connection& client, Clock::time_point now);
-    // Answers a parsed request (or leaves the client waiting for a shell start).
+    // Answers a parsed request, or queues it when it is costly and this turn's
+    // time for costly requests is spent (or others wait before it).
     void respond(Connection& client, const ParseWorker::Parsed& parsed, Clock::time_point now);
+    // Handles a request and sends its reply (or leaves the client waiting for
+    // a shell start), counting the time it took against this turn.
+    void serve(Connection& client, const Request& request, Clock::time_point now);
+    // Serves queued costly requests, oldest first, while this turn's time lasts.
+    void serveDeferred();
     // Serves the parse worker's results.
     void takeParsed(Clock::time_point now);
     // Completes a pending start once its child has reported or timed out.
@@ -89,10 +107,18 @@ class Server {
     int pollTimeout(Clock::time_point now) const;
     // Sends SIGHUP to every group of the session and arranges the SIGKILL.
     void hangUpSession(Session& session, Clock::time_point now);
+    // Hangs up the sessions that an earlier node left running.
+    void endLeftovers(Clock::time_point now);
     // Hangs up every session and waits until every pending kill is sent.
     void shutDown();
     // Bytes that the clients and queued requests hold now.
     std::size_t clientMemory() const;
+    // Client memory not in use.
+    std::size_t freeClientMemory() const;
+    // Drops clients other than keep whose replies have waited at least grace,
+    // longest first, until wanted bytes are free or none is left.
+    void makeRoom(std::size_t wanted, const Connection& keep, Clock::time_point now,
+                  Clock::duration grace);
     // Terminal bytes that one reply may carry within the client memory left.
     std::size_t outputAllowance() const;
     // Gives freed memory back to the system after a burst.
@@ -113,6 +139,7 @@ class Server {
     Session* findSession(const std::string& id) const;
 
     Listener listener_;
+    SessionRecords records_;
     ShellSetup shell_;
     RequestHook hook_;
     SignalPipe signals_;
@@ -125,6 +152,13 @@ class Server {
     std::size_t memoryInUse_ = 0;
     std::size_t memoryPeak_ = 0;
     Clock::time_point acceptPausedUntil_{};
+    struct Deferred {
+        std::uint64_t ticket;
+        Request request;
+    };
+    std::deque<Deferred> deferred_;  // costly requests waiting for a turn's time
+    Clock::duration cheapTime_{};    // this turn's time on cheap requests
+    Clock::duration costlyTime_{};   // and on costly ones
     bool stopping_ = false;
 };
 

@@ -54,6 +54,9 @@ class Session {
     int masterFd() const { return master_.get(); }
     // Takes the shell's pidfd (for the kill after a close).
     UniqueFd takePidfd() { return std::move(pidfd_); }
+    // The node's record of the shell (see SessionRecords), empty when none.
+    const std::string& record() const { return record_; }
+    void setRecord(std::string record) { record_ = std::move(record); }
     // When the shell was reaped, in process clock ticks (0 while it runs).
     unsigned long long reapedAt() const { return reapedAt_; }
 
@@ -105,6 +108,7 @@ class Session {
 
     std::string id_;
     std::string directory_;
+    std::string record_;
     pid_t shellPid_;
     UniqueFd master_;
     UniqueFd pidfd_;

@@ -325,6 +325,41 @@ unsigned long long processClockNow() {
                1'000'000'000ULL;
 }
 
+std::optional<unsigned long long> processStartTime(pid_t pid) {
+#if defined(__linux__)
+    const auto stat = readProcessStat(std::to_string(pid).c_str());
+    if (!stat) return std::nullopt;
+    return stat->started;
+#else
+    (void)pid;
+    return std::nullopt;
+#endif
+}
+
+bool sessionHasOwnProcess(pid_t sessionLeader) {
+#if defined(__linux__)
+    DIR* proc = ::opendir("/proc");
+    if (!proc) return false;
+    bool found = false;
+    while (dirent* entry = ::readdir(proc)) {
+        if (entry->d_name[0] < '0' || entry->d_name[0] > '9') continue;
+        const auto stat = readProcessStat(entry->d_name);
+        struct stat owner;
+        if (stat && stat->session == sessionLeader &&
+            ::stat((std::string("/proc/") + entry->d_name).c_str(), &owner) == 0 &&
+            owner.st_uid == ::geteuid()) {
+            found = true;
+            break;
+        }
+    }
+    ::closedir(proc);
+    return found;
+#else
+    (void)sessionLeader;
+    return false;
+#endif
+}
+
 int signalSession(pid_t sessionLeader, int signal, unsigned long long startedBy) {
     const std::set<pid_t> groups = sessionGroups(sessionLeader, startedBy);
     int signalled = 0;

@@ -51,6 +51,13 @@ std::optional<std::string> processDirectory(pid_t pid);
 // The system's clock for process start times (ticks since boot).
 unsigned long long processClockNow();
 
+// When the process started, on that clock; absent when it is gone (or has no
+// start time the node can read on this system).
+std::optional<unsigned long long> processStartTime(pid_t pid);
+
+// Whether a process of this user is still in the session led by sessionLeader.
+bool sessionHasOwnProcess(pid_t sessionLeader);
+
 // Sends signal to every process group of the session led by sessionLeader (the
 // leader's own group included) that holds a process started no later than
 // startedBy, so that a session whose leader's pid was reused is never hit;

@@ -20,6 +20,7 @@
 
 #include "NodeClient.h"
 #include "RuntimePaths.h"
+#include "UniqueFd.h"
 
 extern char** environ;
 
@@ -28,6 +29,9 @@ namespace fs = std::filesystem;
 namespace hl {
 
 namespace {
+
+// Most of a node's report that is kept.
+constexpr std::size_t maximumReportBytes = 4096;
 
 bool isExecutableFile(const fs::path& path) {
     std::error_code error;
@@ -64,7 +68,8 @@ std::vector<std::string> childEnvironment() {
 }  // namespace
 
 bool launchDetached(const fs::path& executable, const fs::path& workingDirectory,
-                    const std::vector<std::string>& environment) {
+                    const std::vector<std::string>& environment,
+                    std::function<void(std::string)> onReport) {
     std::vector<char*> envp;
     for (const auto& entry : environment)
         envp.push_back(const_cast<char*>(entry.c_str()));
@@ -82,10 +87,22 @@ bool launchDetached(const fs::path& executable, const fs::path& workingDirectory
         ::posix_spawn_file_actions_destroy(&actions);
         return false;
     }
+    // The report pipe: the child's standard error, until it closes it.
+    int report[2] = {-1, -1};
+    if (onReport && ::pipe(report) != 0) report[0] = report[1] = -1;
+    UniqueFd reportRead(report[0]), reportWrite(report[1]);
+    for (int fd : report) {
+        if (fd >= 0) ::fcntl(fd, F_SETFD, FD_CLOEXEC);
+    }
     bool ready = true;
     for (int fd = 0; fd < 3; ++fd) {
-        ready =
-            ready && ::posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0) == 0;
+        if (fd == STDERR_FILENO && reportWrite) {
+            ready =
+                ready && ::posix_spawn_file_actions_adddup2(&actions, reportWrite.get(), fd) == 0;
+        } else {
+            ready = ready &&
+                    ::posix_spawn_file_actions_addopen(&actions, fd, "/dev/null", O_RDWR, 0) == 0;
+        }
     }
     ready = ready && ::posix_spawn_file_actions_addclosefrom_np(&actions, 3) == 0;
     ready =
@@ -105,10 +122,23 @@ bool launchDetached(const fs::path& executable, const fs::path& workingDirectory
     ::posix_spawn_file_actions_destroy(&actions);
     ::posix_spawnattr_destroy(&attributes);
     if (!started) return false;
+    reportWrite.reset();
     // The node outlives the application; while both run, a thread of its own
-    // waits for it, so that it never lingers as a zombie.
+    // reads its report and waits for it, so that it never lingers as a zombie.
     try {
-        std::thread([pid] {
+        std::thread([pid, report = std::move(reportRead), onReport = std::move(onReport)] {
+            if (report) {
+                std::string text;
+                char buffer[1024];
+                ssize_t n;
+                while ((n = ::read(report.get(), buffer, sizeof buffer)) > 0 ||
+                       (n < 0 && errno == EINTR)) {
+                    if (n > 0 && text.size() < maximumReportBytes) text.append(buffer, n);
+                }
+                while (!text.empty() && (text.back() == '\n' || text.back() == '\r'))
+                    text.pop_back();
+                onReport(std::move(text));
+            }
             int status = 0;
             while (::waitpid(pid, &status, 0) < 0 && errno == EINTR) {
             }
@@ -122,6 +152,11 @@ NodeSupervisor& NodeSupervisor::shared() {
     static NodeSupervisor* instance =
         new NodeSupervisor();  // never destroyed: checks may outlive main
     return *instance;
+}
+
+std::optional<std::string> NodeSupervisor::launchFailure() const {
+    std::lock_guard guard(lock_);
+    return launchFailure_;
 }
 
 bool NodeSupervisor::launchInFlight() const {
@@ -161,7 +196,16 @@ void NodeSupervisor::check() {
         fs::create_directories(support, error);
         if (!error)
             fs::permissions(support, fs::perms::owner_all, fs::perm_options::replace, error);
-        if (!error) launchDetached(*executable, RuntimePaths::homeDirectory(), childEnvironment());
+        if (!error) {
+            launchDetached(*executable, RuntimePaths::homeDirectory(), childEnvironment(),
+                           [this](std::string report) {
+                               std::lock_guard guard(lock_);
+                               if (report.empty())
+                                   launchFailure_.reset();
+                               else
+                                   launchFailure_ = std::move(report);
+                           });
+        }
     }
     finish();
 }

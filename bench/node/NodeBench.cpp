@@ -2,7 +2,8 @@
 // with tmux, measured side by side in one run. Not a test: run it by hand on a
 // release build and read the ratios.
 //
-//   node_bench [flood|idle|memory|echo|faults|unattended|all] [--seconds N] [--megabytes N]
+//   node_bench [flood|idle|memory|echo|faults|unattended|burst|all] [--seconds N]
+//              [--megabytes N] [--node PATH]
 //
 // flood   bytes per second that a client polling like the application (poll; if
 //         the reply was full poll again at once, else wait 50 ms) receives from
@@ -15,6 +16,8 @@
 // echo    time from an input request to its echo in a poll, over 1000 keys.
 // faults  health latency and memory under misbehaving clients (FaultRuns.cpp).
 // unattended  a shell printing N MiB that nobody polls (FaultRuns.cpp).
+// burst   how long bursts of 100 requests hold up the loop (BurstRun.cpp), of
+//         the node given with --node (to compare two builds) or this build's.
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/ioctl.h>
@@ -39,6 +42,7 @@
 #include <vector>
 
 #include "Base64.h"
+#include "BurstRun.h"
 #include "FaultRuns.h"
 #include "NodeHarness.h"
 #include "Reply.h"
@@ -412,19 +416,21 @@ int main(int argc, char** argv) {
     std::string which = "all";
     int seconds = 60;
     std::size_t megabytes = 256;
+    const char* node = nullptr;
     for (int i = 1; i < argc; ++i) {
         const std::string argument = argv[i];
         if (argument == "--seconds" && i + 1 < argc) {
             seconds = std::atoi(argv[++i]);
         } else if (argument == "--megabytes" && i + 1 < argc) {
             megabytes = std::strtoul(argv[++i], nullptr, 10);
+        } else if (argument == "--node" && i + 1 < argc) {
+            node = argv[++i];
         } else if (argument[0] != '-') {
             which = argument;
         } else {
-            std::fprintf(
-                stderr,
-                "usage: node_bench [flood|idle|memory|echo|faults|unattended|all] [--seconds N] "
-                "[--megabytes N]\n");
+            std::fprintf(stderr,
+                         "usage: node_bench [flood|idle|memory|echo|faults|unattended|burst|all] "
+                         "[--seconds N] [--megabytes N] [--node PATH]\n");
             return 2;
         }
     }
@@ -442,6 +448,7 @@ int main(int argc, char** argv) {
     if (which == "unattended" || which == "all")
         hl::node::bench::unattended(
             static_cast<unsigned>(std::min<std::size_t>(megabytes * 4, 1024)));
+    if (which == "burst" || which == "all") hl::node::bench::burstRun(node);
     capture({"rm", "-rf", folder});
     return 0;
 }

@@ -6,6 +6,7 @@
 #include <QCoreApplication>
 #include <QDir>
 
+#include <unistd.h>
 #include <cstring>
 #include <filesystem>
 #include <fstream>
@@ -239,4 +240,37 @@ TEST_F(ProjectCopyControllerTest, CancelDuringThePreflightStaysCancelled) {
     processEventsUntil([] { return false; }, 2);
     EXPECT_EQ(controller.phase(), Phase::Cancelled);
     EXPECT_FALSE(fs::exists(local("preflight-cancel")));
+}
+
+TEST_F(ProjectCopyControllerTest, AStagingFolderOfAnotherUserIsRefusedUntouched) {
+    if (::geteuid() != 0) GTEST_SKIP() << "handing a folder to another user needs root";
+    const auto source = project("foreign-staging");
+    std::ofstream(remote("foreign-staging") / "file") << "from the origin\n";
+    fs::create_directories(staging(source));
+    ASSERT_EQ(::chown(staging(source).c_str(), 65534, 65534), 0);
+    start(source);
+    ASSERT_TRUE(finishes());
+    EXPECT_EQ(controller.phase(), Phase::Failed);
+    EXPECT_EQ(controller.detail(), ProjectCopyError::stagingPathUnavailable().errorDescription());
+    EXPECT_TRUE(fs::is_empty(staging(source)));
+    EXPECT_FALSE(fs::exists(local("foreign-staging")));
+    EXPECT_TRUE(completed.empty());
+}
+
+TEST_F(ProjectCopyControllerTest, AnSshPathWithSpacesAndQuotesReachesRsyncWhole) {
+    const fs::path tools = server_->folder() / "it's my tools";
+    fs::create_directories(tools);
+    fs::create_symlink("/usr/bin/ssh", tools / "ssh");
+    ProjectCopyController spaced(&ProjectRecord::acceptedRoot,
+                                 ProjectCopyTools{QString::fromStdString(tools / "ssh")});
+    const auto source = project("spaced-ssh");
+    std::ofstream(remote("spaced-ssh") / "file") << "from the origin\n";
+    spaced.start(source, [&](const QString& destination) {
+        completed.push_back(destination);
+        return true;
+    });
+    ASSERT_TRUE(processEventsUntil([&] { return !spaced.isRunning(); }));
+    EXPECT_EQ(spaced.phase(), Phase::Complete) << spaced.detail().toStdString();
+    EXPECT_EQ(test::readFile(local("spaced-ssh") / "file"), "from the origin\n");
+    EXPECT_EQ(completed, std::vector<QString>{source.origin->root});
 }

@@ -12,6 +12,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <stdexcept>
 #include <thread>
 #include <vector>
@@ -128,6 +129,12 @@ void stopNode(pid_t pid) {
         ::kill(pid, SIGKILL);
         waitForExit(pid, 5s);
     }
+}
+
+pid_t numberAfter(const std::string& output, const std::string& marker) {
+    std::smatch match;
+    if (!std::regex_search(output, match, std::regex(marker + "([0-9]+)"))) return -1;
+    return static_cast<pid_t>(std::stol(match[1]));
 }
 
 NodeHarness::NodeHarness(const char* executable)

@@ -39,6 +39,9 @@ bool nodeAnswers(const std::string& socketPath, std::chrono::milliseconds timeou
 // Stops a node this process started: SIGTERM, then SIGKILL after five seconds.
 void stopNode(pid_t pid);
 
+// The first number printed after the marker, as in "P1234"; -1 when none is.
+pid_t numberAfter(const std::string& output, const std::string& marker);
+
 struct PollResult {
     std::string output;
     bool exited = false;

@@ -8,14 +8,19 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <poll.h>
+
 #include <cstring>
 #include <filesystem>
 #include <fstream>
 #include <nlohmann/json.hpp>
+#include <optional>
+#include <thread>
 #include <vector>
 
 #include "Base64.h"
 #include "NodeHarness.h"
+#include "Session.h"
 #include "UniqueFd.h"
 
 namespace hl::node::testing {
@@ -217,17 +222,13 @@ TEST(NodeProtocolTest, SilentAndHalfWrittenClientsHoldUpNobody) {
         silent.push_back(connectSilently(node.socketPath()));
         ASSERT_TRUE(silent.back());
     }
-    // One that stops in the middle of its line, and one that never reads its reply.
+    // One that stops in the middle of its line.
     UniqueFd halfWritten = connectSilently(node.socketPath());
     const std::string part = R"({"version":1,"op":)";
     ASSERT_EQ(::send(halfWritten.get(), part.data(), part.size(), 0),
               static_cast<ssize_t>(part.size()));
 
     const auto id = node.createSession();
-    UniqueFd neverReads = connectSilently(node.socketPath());
-    const std::string poll = R"({"version":1,"op":"poll","data":{"session_id":")" + id + "\"}}\n";
-    ASSERT_EQ(::send(neverReads.get(), poll.data(), poll.size(), 0),
-              static_cast<ssize_t>(poll.size()));
 
     node.type(id, "echo $((40+2))\n");
     EXPECT_NE(node.pollUntilContains(id, "42").output.find("42"), std::string::npos);
@@ -237,6 +238,87 @@ TEST(NodeProtocolTest, SilentAndHalfWrittenClientsHoldUpNobody) {
     char byte;
     EXPECT_EQ(::recv(silent.front().get(), &byte, 1, MSG_DONTWAIT), -1);
     EXPECT_EQ(errno, EAGAIN);
+}
+
+// Waits, without reading, until the node hangs up; then what it had sent.
+std::optional<std::string> sentBeforeHangUp(int fd,
+                                            std::chrono::steady_clock::time_point deadline) {
+    while (true) {
+        const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(
+            deadline - std::chrono::steady_clock::now());
+        pollfd waiting{fd, 0, 0};
+        if (left.count() <= 0) return std::nullopt;
+        if (::poll(&waiting, 1, static_cast<int>(left.count())) > 0 && (waiting.revents & POLLHUP))
+            break;
+    }
+    std::string bytes;
+    char buffer[65536];
+    ssize_t n;
+    while ((n = ::recv(fd, buffer, sizeof buffer, MSG_DONTWAIT)) > 0)
+        bytes.append(buffer, static_cast<std::size_t>(n));
+    return bytes;
+}
+
+TEST(NodeProtocolTest, RepliesNobodyReadsCostTheirOwnConnectionsAndNoOneElsesPolls) {
+    NodeHarness node;
+    const auto full = node.createSession();
+    node.type(full, "head -c 5000000 /dev/zero | tr '\\0' r; printf 'F%s\\n' ULL\n");
+    ASSERT_NE(
+        node.pollUntil(
+                full,
+                [](const PollResult& r) { return r.output.find("FULL") != std::string::npos; }, 60s)
+            .output.find("FULL"),
+        std::string::npos);
+    const auto other = node.createSession();
+
+    // Twelve clients each ask for the whole tail of the full session, and never read.
+    const std::string replay = R"({"version":1,"op":"replay_session","data":{"session_id":")" +
+                               full + R"(","expected_cwd":")" + node.folder() + "\"}}\n";
+    std::vector<UniqueFd> unread;
+    for (int i = 0; i < 12; ++i) {
+        unread.push_back(connectSilently(node.socketPath()));
+        ASSERT_EQ(::send(unread.back().get(), replay.data(), replay.size(), 0),
+                  static_cast<ssize_t>(replay.size()));
+    }
+
+    // Meanwhile another client polls another session at the application's pace:
+    // every poll is answered, and everything typed comes back.
+    int failed = 0;
+    std::string polled;
+    for (int i = 0; i < 40; ++i) {
+        try {
+            if (i % 10 == 0) node.type(other, "printf 'K%s\\n' " + std::to_string(i) + "\n");
+            polled += node.poll(other).output;
+        } catch (const std::exception&) {  // no node, or no reply at all
+            ++failed;
+        }
+        std::this_thread::sleep_for(50ms);
+    }
+    try {
+        if (polled.find("K30\r\n") == std::string::npos)
+            polled += node.pollUntilContains(other, "K30").output;
+    } catch (const std::exception&) {
+        ++failed;
+    }
+    EXPECT_EQ(failed, 0);
+    for (const char* marker : {"K0\r\n", "K10\r\n", "K20\r\n", "K30\r\n"})
+        EXPECT_NE(polled.find(marker), std::string::npos) << marker;
+
+    // The clients that never read have lost their connections, each before its
+    // reply was complete.
+    const auto deadline = std::chrono::steady_clock::now() + 10s;
+    for (const auto& fd : unread) {
+        const auto received = sentBeforeHangUp(fd.get(), deadline);
+        ASSERT_TRUE(received.has_value()) << "a client that does not read is still connected";
+        EXPECT_TRUE(received->empty() || received->back() != '\n');
+    }
+    // A client that reads still gets the whole tail.
+    const auto whole = node.client().request(
+        "replay_session", {{"session_id", full}, {"expected_cwd", node.folder()}});
+    EXPECT_EQ(base64::decode(whole["output_base64"].stringValue().value_or(""))->size(),
+              Session::tailLimit);
+    EXPECT_TRUE(node.closeSession(full));
+    EXPECT_TRUE(node.closeSession(other));
 }
 
 }  // namespace

@@ -20,13 +20,6 @@
 namespace hl::node::testing {
 namespace {
 
-// The first number printed after the marker, as in "P1234".
-pid_t numberAfter(const std::string& output, const std::string& marker) {
-    std::smatch match;
-    if (!std::regex_search(output, match, std::regex(marker + "([0-9]+)"))) return -1;
-    return static_cast<pid_t>(std::stol(match[1]));
-}
-
 // Where the command's output can begin: past the shell's own echo of the command
 // line (the last one; the terminal may have echoed it once before the shell read it).
 std::size_t afterCommand(const std::string& output, const std::string& command) {
