@@ -62,6 +62,8 @@ TerminalController::TerminalController(std::optional<std::string> sessionID, std
       reconnectCandidate_(std::move(sessionID)) {
     if (!hooks_.ensureNodeRunning)
         hooks_.ensureNodeRunning = [] { NodeSupervisor::shared().ensureRunning(); };
+    if (!hooks_.nodeLaunchFailure)
+        hooks_.nodeLaunchFailure = [] { return NodeSupervisor::shared().launchFailure(); };
     if (!hooks_.nowMilliseconds) hooks_.nowMilliseconds = uptimeMilliseconds;
     installMainThreadQueue();
 }
@@ -315,7 +317,10 @@ void TerminalController::retryResult() {
     started_ = false;
     setSessionID(std::nullopt);
     setIsConnected(false);
-    setStatus(text("Node unavailable · retrying"));
+    // A node that said why it cannot serve: its words, which name the way out.
+    const auto failure = hooks_.nodeLaunchFailure();
+    setStatus(failure ? text("Node cannot start · ") + QString::fromStdString(*failure)
+                      : text("Node unavailable · retrying"));
     hooks_.ensureNodeRunning();
     scheduleRetry();
 }

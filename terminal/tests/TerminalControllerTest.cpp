@@ -104,6 +104,7 @@ class ControllerTest : public ::testing::Test {
     std::atomic<int> step{0};
     std::atomic<int> limit{0};
     std::atomic<bool> directoryReady{true};
+    std::atomic<bool> nodeRefuses{false};
 };
 
 // Why the saved session is not reattached: the node lists no such session
@@ -263,6 +264,27 @@ TEST_F(ControllerTest, AnAbsentOrNonsensicalNodeIsRetriedAndLosesNothing) {
     EXPECT_FALSE(log().sawInOrder({"Saved session cwd mismatch · starting replacement"}));
     EXPECT_EQ(ensureCalls, 5);
     EXPECT_EQ(node->count("list_sessions"), 6);
+
+    // A node that cannot start says why, with its way out, until one answers.
+    nodeRefuses = true;
+    node->on("list_sessions", [this](const NodeRequestData&) -> NodeResponse {
+        if (nodeRefuses) throw NodeClientError::connection();
+        return sessionList({"s1"});
+    });
+    auto& blockedByLock = make({.sessionID = "s1"}, [&](hl::TerminalControllerHooks& hooks) {
+        hooks.nodeLaunchFailure = [this]() -> std::optional<std::string> {
+            if (!nodeRefuses) return std::nullopt;
+            return "the lock file /s.lock is held, and no node answers on /s. Remove /s.lock.";
+        };
+    });
+    blockedByLock.start();
+    ASSERT_TRUE(spinUntil([&] {
+        return blockedByLock.status() ==
+               "Node cannot start · the lock file /s.lock is held, and no node answers on /s. "
+               "Remove /s.lock.";
+    }));
+    nodeRefuses = false;
+    EXPECT_TRUE(spinUntil([&] { return blockedByLock.status() == "Reconnected"; }));
     EXPECT_TRUE(c.isConnected());  // "exited" that is no boolean counts as false
     EXPECT_EQ(node->count("create_session"), 0);
     EXPECT_TRUE(closeRequired.empty());
