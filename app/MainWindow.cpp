@@ -7,6 +7,7 @@
 #include <QMenuBar>
 #include <QWindow>
 
+#include "AboutDialog.h"
 #include "CheckForUpdatesButton.h"
 #include "ContentView.h"
 #include "StoredDataPrompts.h"
@@ -30,6 +31,10 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
 
     WorkspaceStore& workspace = app.workspace();
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));
+    QAction* addProject = file->addAction(QStringLiteral("Add Project…"));
+    addProject->setObjectName("file.addProject");
+    connect(addProject, &QAction::triggered, content_, [this] { content_->addProject(); });
+    file->addSeparator();
     file->addAction(CheckForUpdatesButton::menuAction(&app.updater(), this));
     file->addSeparator();
     addCommand(file, Command::NewTerminal, [&workspace] { workspace.newTerminal(); });
@@ -68,6 +73,16 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     terminal->addSeparator();
     addCommand(terminal, Command::CloseSelectedPane,
                [&workspace] { workspace.closeSelectedPane(); });
+
+    QMenu* help = menuBar()->addMenu(QStringLiteral("Help"));
+    QAction* about = help->addAction(QStringLiteral("About Harborlattice"));
+    about->setObjectName("help.about");
+    about->setMenuRole(QAction::AboutRole);
+    connect(about, &QAction::triggered, this, [this] {
+        auto* dialog = new AboutDialog(this);
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        dialog->open();
+    });
     qApp->installEventFilter(this);
 }
 

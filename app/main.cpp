@@ -17,13 +17,16 @@
 
 namespace {
 
-// The application's icon, drawn from the SVG compiled into the executable (the
-// same drawing the desktop entry names), at the sizes a window manager asks for.
+// The application's icon, as the desktop entry names it: the small sizes drawn
+// on their own pixel grids, the larger ones from the SVG, all compiled into the
+// executable.
 QIcon applicationIcon() {
-    QSvgRenderer renderer(QStringLiteral(":/icons/com.quarrynotch.Harborlattice.svg"));
+    QSvgRenderer renderer(QStringLiteral(":/icons/com.quarrynotch.harborlattice.svg"));
     QIcon icon;
+    for (const int size : {16, 24, 32})
+        icon.addFile(QStringLiteral(":/icons/icons/%1.png").arg(size), QSize(size, size));
     if (!renderer.isValid()) return icon;
-    for (const int size : {16, 24, 32, 48, 64, 128, 256}) {
+    for (const int size : {48, 64, 128, 256}) {
         QPixmap pixmap(size, size);
         pixmap.fill(Qt::transparent);
         QPainter painter(&pixmap);
@@ -44,7 +47,7 @@ int main(int argc, char** argv) {
     // The name is also the window's class (StartupWMClass of the desktop entry);
     // the desktop file name is the application id Wayland compositors match.
     QApplication::setApplicationName(QStringLiteral("Harborlattice"));
-    QGuiApplication::setDesktopFileName(QStringLiteral("com.quarrynotch.Harborlattice"));
+    QGuiApplication::setDesktopFileName(QStringLiteral("com.quarrynotch.harborlattice"));
     QApplication::setWindowIcon(applicationIcon());
     hl::chooseRenderingBackend();
     std::unique_ptr<hl::HarborlatticeApp> app;

@@ -4,13 +4,19 @@
 # scripts/package.sh.
 include(GNUInstallDirs)
 
-set(HARBORLATTICE_APP_ID com.quarrynotch.Harborlattice)
+set(HARBORLATTICE_APP_ID com.quarrynotch.harborlattice)
 set(_hl_linux ${CMAKE_SOURCE_DIR}/packaging/linux)
 
 install(FILES ${_hl_linux}/${HARBORLATTICE_APP_ID}.desktop
   DESTINATION ${CMAKE_INSTALL_DATADIR}/applications)
 install(FILES ${_hl_linux}/${HARBORLATTICE_APP_ID}.svg
   DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/scalable/apps)
+# The small sizes are drawn on their own pixel grids (packaging/linux/icons).
+foreach(_size 16 24 32)
+  install(FILES ${_hl_linux}/icons/${_size}.png
+    DESTINATION ${CMAKE_INSTALL_DATADIR}/icons/hicolor/${_size}x${_size}/apps
+    RENAME ${HARBORLATTICE_APP_ID}.png)
+endforeach()
 install(FILES ${_hl_linux}/${HARBORLATTICE_APP_ID}.metainfo.xml
   DESTINATION ${CMAKE_INSTALL_DATADIR}/metainfo)
 

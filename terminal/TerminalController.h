@@ -41,9 +41,6 @@ class PollingToken;
 struct TerminalControllerHooks {
     // Called when the node did not answer; empty means NodeSupervisor::shared().ensureRunning().
     std::function<void()> ensureNodeRunning;
-    // Why the last node started could not serve, in its own words (a lock it
-    // cannot take, and the way out); empty means NodeSupervisor's launchFailure().
-    std::function<std::optional<std::string>()> nodeLaunchFailure;
     std::chrono::milliseconds retryDelay{600};
     std::chrono::milliseconds busyPollInterval{50};
     std::chrono::milliseconds idlePollInterval{180};
@@ -54,6 +51,9 @@ struct TerminalControllerHooks {
         TerminalOutputBatcher::defaultTargetLatencyMilliseconds;
     // Monotonic time in milliseconds, called on poll threads; empty means uptime.
     std::function<std::uint64_t()> nowMilliseconds;
+    // Why the last node started could not serve, in its own words (a lock it
+    // cannot take, and the way out); empty means NodeSupervisor's launchFailure().
+    std::function<std::optional<std::string>()> nodeLaunchFailure;
 };
 
 class TerminalController : public QObject, public TerminalSurfaceDelegate {

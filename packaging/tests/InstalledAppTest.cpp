@@ -33,7 +33,7 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 
-const std::string appID = "com.quarrynotch.Harborlattice";
+const std::string appID = "com.quarrynotch.harborlattice";
 const fs::path stagingRoot = fs::path(HL_BUILD_DIR) / "install-test";
 const fs::path prefix = stagingRoot / "usr";
 

@@ -22,7 +22,7 @@ fail() { echo "FAIL: $*" >&2; failed=1; }
 # Exactly these files, all under /usr.
 dpkg-deb -x "$deb" "$work/root"
 (cd "$work/root" && find . -type f | sed 's|^\.||' | sort) >"$work/files"
-app=com.quarrynotch.Harborlattice
+app=com.quarrynotch.harborlattice
 cat >"$work/expected" <<LIST
 /usr/bin/harborlattice
 /usr/bin/harborlattice-node
@@ -34,6 +34,9 @@ cat >"$work/expected" <<LIST
 /usr/share/harborlattice/Terminal/addon-web-links.js
 /usr/share/harborlattice/Terminal/xterm.css
 /usr/share/harborlattice/Terminal/xterm.js
+/usr/share/icons/hicolor/16x16/apps/$app.png
+/usr/share/icons/hicolor/24x24/apps/$app.png
+/usr/share/icons/hicolor/32x32/apps/$app.png
 /usr/share/icons/hicolor/scalable/apps/$app.svg
 /usr/share/man/man1/harborlattice-node.1.gz
 /usr/share/man/man1/harborlattice.1.gz
