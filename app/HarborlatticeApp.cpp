@@ -63,8 +63,19 @@ std::vector<std::string> HarborlatticeApp::damagedKeys() const {
     return keys;
 }
 
+std::vector<QString> HarborlatticeApp::sessionsToKeepAcrossStartOver() const {
+    const auto keys = damagedKeys();
+    const bool ledgerIsCleared =
+        std::find(keys.begin(), keys.end(), SessionCloseLedger::storageKey) != keys.end();
+    return workspace_->sessionsToKeepAcrossStartOver(ledgerIsCleared);
+}
+
 std::vector<RecoveredValue> HarborlatticeApp::keepCopyAndStartOver(
-    const std::filesystem::path& folder) {
+    const std::vector<QString>& sessions, const std::filesystem::path& folder) {
+    if (!WorkspaceStore::keepSessionsForRecovery(*defaults_, sessions)) {
+        throw StoredDataRecoveryError("the running terminals could not be recorded: " +
+                                      defaults_->lastWriteFailure());
+    }
     return StoredDataRecovery::keepCopiesAndClear(*defaults_, damagedKeys(), folder);
 }
 

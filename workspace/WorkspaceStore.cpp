@@ -72,6 +72,7 @@ WorkspaceStore::WorkspaceStore(WorkspaceStoreOptions options, QObject* parent)
         SessionCloseLedger::create(defaults_, client_, std::move(options.closeRetryPolicy));
     readSuspendedPanes();
     restore();
+    openRecoveredSessions();
     closeLedger_->retryAll(retryablePendingCloseIDs_);
 }
 

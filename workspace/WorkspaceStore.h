@@ -8,6 +8,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QTimer>
 #include <QUuid>
 
 #include <chrono>
@@ -62,6 +63,9 @@ class WorkspaceStore : public QObject {
     static constexpr const char* storageKey = "harborlattice.workspace.simple.v1";
     static constexpr const char* legacyKey = "harborlattice.workspace.v3";
     static constexpr const char* suspendedPanesKey = "harborlattice.sync.suspended-panes.v1";
+    // Sessions kept running across a start over, opened again at the next start.
+    static constexpr const char* recoveredSessionsKey = "harborlattice.recovered-sessions.v1";
+    static inline const QString recoveredTabTitle = QStringLiteral("Recovered terminals");
 
     // Builds the store and restores the saved workspace (panes are made, not started).
     explicit WorkspaceStore(WorkspaceStoreOptions options, QObject* parent = nullptr);
@@ -123,9 +127,17 @@ class WorkspaceStore : public QObject {
     // runs when everything stored was read cleanly and no start is in flight.
     // While starts are in flight it tries again later, a few times.
     void closeUnrecordedSessions(int attemptsRemaining = 10);
+    // The sessions to open again after "Keep a Copy and Start Over…": every
+    // session the node runs, less those whose close is recorded (unless the list
+    // of closes is itself what is cleared). Without a node, those this run knows.
+    std::vector<QString> sessionsToKeepAcrossStartOver(bool closeLedgerIsCleared) const;
+    // Adds `sessions` to those the next start opens again; false when the
+    // database refused the write.
+    static bool keepSessionsForRecovery(Preferences& defaults, const std::vector<QString>& sessions);
     // True when a tab of the workspace has a bell that was not seen.
     bool workspaceHasUnseenBell(const QString& workspaceID) const;
     static constexpr std::chrono::milliseconds sweepPause{3000};
+    static constexpr std::chrono::milliseconds saveRetryPeriod{1000};
 
     // The shape of each given project's workspace as other computers see it:
     // directories relative to the project's root, no sessions. A workspace with a
@@ -179,8 +191,11 @@ class WorkspaceStore : public QObject {
     void persist();
     // Panes equal layout leaves in every tab, no id repeats, selections exist.
     bool modelIsConsistent(QString* fault) const;
-    // Stops saving after a write that failed, with a message that says so.
+    // Stops saving after a write that failed, says why and where, and tries
+    // again every `saveRetryPeriod` until a save goes through.
     void saveFailed();
+    void retrySave();
+    QString savingStoppedMessage() const;
     QString refusal() const;
     // Records the sessions of `panes` in the ledger before they are closed;
     // false (with a message) when the ledger cannot keep them.
@@ -213,6 +228,8 @@ class WorkspaceStore : public QObject {
     // Start-up.
     void readSuspendedPanes();
     void restore();
+    // Opens the sessions kept across a start over in one Scratch tab.
+    void openRecoveredSessions();
     void freezeStorage(const PreferenceRead& read, const char* key, const QString& message);
     void restore(const SavedWorkspace& saved, bool sanitizingLegacyData);
     bool restoredTabIsStructurallyValid(const SavedTab& tab) const;
@@ -239,6 +256,8 @@ class WorkspaceStore : public QObject {
     std::set<std::string> damagedKeys_;
     bool loadFailed_ = false;
     bool writeFailed_ = false;
+    std::string writeFailure_;
+    QTimer saveRetry_;
     int operationDepth_ = 0;
     // Every session that arrived in this run, so that a sweep never takes one
     // that came up after the node's list was made.
