@@ -63,7 +63,7 @@ std::vector<std::string> HarborlatticeApp::damagedKeys() const {
     return keys;
 }
 
-std::vector<QString> HarborlatticeApp::sessionsToKeepAcrossStartOver() const {
+std::vector<RecoveredSession> HarborlatticeApp::sessionsToKeepAcrossStartOver() const {
     const auto keys = damagedKeys();
     const bool ledgerIsCleared =
         std::find(keys.begin(), keys.end(), SessionCloseLedger::storageKey) != keys.end();
@@ -71,7 +71,7 @@ std::vector<QString> HarborlatticeApp::sessionsToKeepAcrossStartOver() const {
 }
 
 std::vector<RecoveredValue> HarborlatticeApp::keepCopyAndStartOver(
-    const std::vector<QString>& sessions, const std::filesystem::path& folder) {
+    const std::vector<RecoveredSession>& sessions, const std::filesystem::path& folder) {
     if (!WorkspaceStore::keepSessionsForRecovery(*defaults_, sessions)) {
         throw StoredDataRecoveryError("the running terminals could not be recorded: " +
                                       defaults_->lastWriteFailure());

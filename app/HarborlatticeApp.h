@@ -50,13 +50,13 @@ class HarborlatticeApp {
     // Keys whose stored values could not be understood and are kept as they were.
     std::vector<std::string> damagedKeys() const;
     // The running shells that a start over keeps (see WorkspaceStore).
-    std::vector<QString> sessionsToKeepAcrossStartOver() const;
+    std::vector<RecoveredSession> sessionsToKeepAcrossStartOver() const;
     // Records `sessions` for the next start to open again, copies each damaged
     // value's exact bytes to a private file under `folder`, then clears the
     // keys, so that the next start is writable. Throws StoredDataRecoveryError,
     // clearing nothing, when the list or a copy cannot be written.
     std::vector<RecoveredValue> keepCopyAndStartOver(
-        const std::vector<QString>& sessions,
+        const std::vector<RecoveredSession>& sessions,
         const std::filesystem::path& folder = StoredDataRecovery::defaultFolder());
 
   private:

@@ -21,25 +21,15 @@ QString folderText() {
     return pathText(StoredDataRecovery::defaultFolder());
 }
 
-// Every session the node runs; none when no node answers.
-std::vector<QString> runningSessions(const NodeClientTransport& client) {
-    std::vector<QString> sessions;
-    try {
-        const auto ids = client.request("list_sessions")["session_ids"].arrayValue();
-        if (!ids) return sessions;
-        for (const auto& id : *ids) {
-            if (auto text = id.stringValue()) sessions.push_back(QString::fromStdString(*text));
-        }
-    } catch (const std::exception&) {
-    }
-    return sessions;
-}
-
 // Moves the file that is no database aside and leaves in its place a new
 // database that names the shells to open again. True when it was done.
 bool startOverWithNewDatabase(const std::filesystem::path& file, const NodeClientTransport& client,
                               QWidget* parent) {
-    const std::vector<QString> sessions = runningSessions(client);
+    const std::vector<RecoveredSession> sessions =
+        WorkspaceStore::runningSessions(client, {}, {},
+                                        WorkspaceStore::scratchFolders(QString::fromStdString(
+                                            RuntimePaths::scratchRoot().string())))
+            .value_or(std::vector<RecoveredSession>{});
     QMessageBox confirm(
         QMessageBox::Warning, QStringLiteral("Keep a Copy and Start Over"),
         QStringLiteral("%1 is moved whole, with its companion files, to %2. Harborlattice then "
@@ -168,7 +158,7 @@ std::unique_ptr<HarborlatticeApp> openApplication(
 }
 
 void offerKeepCopyAndStartOver(HarborlatticeApp& app, QWidget* parent) {
-    const std::vector<QString> sessions = app.sessionsToKeepAcrossStartOver();
+    const std::vector<RecoveredSession> sessions = app.sessionsToKeepAcrossStartOver();
     QMessageBox confirm(QMessageBox::Warning, QStringLiteral("Keep a Copy and Start Over"),
                         QStringLiteral("The saved data that cannot be read is copied, byte for "
                                        "byte, to %1. Only then is it cleared, and Harborlattice "

@@ -38,6 +38,13 @@ struct PaneRuntimePolicy {
     QString unavailableStatus;
 };
 
+// A running session kept across a start over, and the folder it runs in.
+struct RecoveredSession {
+    QString id;
+    QString cwd;
+    bool operator==(const RecoveredSession&) const = default;
+};
+
 struct WorkspaceStoreOptions {
     std::shared_ptr<Preferences> defaults;
     std::vector<ProjectRecord> knownProjects;
@@ -130,10 +137,22 @@ class WorkspaceStore : public QObject {
     // The sessions to open again after "Keep a Copy and Start Over…": every
     // session the node runs, less those whose close is recorded (unless the list
     // of closes is itself what is cleared). Without a node, those this run knows.
-    std::vector<QString> sessionsToKeepAcrossStartOver(bool closeLedgerIsCleared) const;
+    std::vector<RecoveredSession> sessionsToKeepAcrossStartOver(bool closeLedgerIsCleared) const;
     // Adds `sessions` to those the next start opens again; false when the
     // database refused the write.
-    static bool keepSessionsForRecovery(Preferences& defaults, const std::vector<QString>& sessions);
+    static bool keepSessionsForRecovery(Preferences& defaults,
+                                        const std::vector<RecoveredSession>& sessions);
+    // Every session the node runs but those left out, each with its folder:
+    // the known one, else the first candidate the node confirms, else none.
+    // Absent when no node answers.
+    static std::optional<std::vector<RecoveredSession>> runningSessions(
+        const NodeClientTransport& client, const std::set<QString>& leaveOut = {},
+        const std::map<QString, QString>& knownFolders = {},
+        const std::vector<QString>& candidateFolders = {});
+    // The scratch directories under `scratchRoot`.
+    static std::vector<QString> scratchFolders(const QString& scratchRoot);
+    // Sessions kept across a start over that wait for their project.
+    std::set<QString> sessionsWaitingForRecovery() const;
     // True when a tab of the workspace has a bell that was not seen.
     bool workspaceHasUnseenBell(const QString& workspaceID) const;
     static constexpr std::chrono::milliseconds sweepPause{3000};

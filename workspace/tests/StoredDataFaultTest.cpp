@@ -232,10 +232,15 @@ TEST_F(StoredDataFaultTest, ASaveWhileAnotherConnectionHoldsTheDatabaseResumesOn
 TEST_F(StoredDataFaultTest, KeepACopyAndStartOverCopiesTheExactBytesFirstAndKeepsEveryShell) {
     const std::string damaged("\x01{\"tabs\": [ half", 16);
     real->set(WorkspaceStore::storageKey, std::string(damaged));  // text, not data
+    const QUuid scratchID = QUuid::createUuid();
+    const QString scratch = f.scratchRoot() + "/" + scratchID.toString(QUuid::WithoutBraces);
+    std::filesystem::create_directories(scratch.toStdString());
     f.node->adopt("mem-second", alpha.root.toStdString());
+    f.node->adopt("mem-scratch", scratch.toStdString());
+    f.node->adopt("mem-elsewhere", "/nowhere/known");
     f.node->adopt("mem-pending", alpha.root.toStdString());
     std::set<std::string> keys;
-    std::vector<QString> kept;
+    std::vector<hl::RecoveredSession> kept;
     {
         auto store = f.makeStore({alpha});
         EXPECT_FALSE(store->storageIsWritable());
@@ -243,9 +248,15 @@ TEST_F(StoredDataFaultTest, KeepACopyAndStartOverCopiesTheExactBytesFirstAndKeep
         kept = store->sessionsToKeepAcrossStartOver(false);
     }
     ASSERT_EQ(keys, std::set<std::string>{WorkspaceStore::storageKey});
-    // Every running shell but the one whose close is recorded.
-    EXPECT_EQ(std::set<QString>(kept.begin(), kept.end()),
-              (std::set<QString>{"mem-live", "mem-second"}));
+    // Every running shell, but the one whose close is recorded, with its folder
+    // when the node confirms one of those this computer knows.
+    std::map<QString, QString> keptFolders;
+    for (const auto& session : kept)
+        keptFolders[session.id] = session.cwd;
+    EXPECT_EQ(keptFolders, (std::map<QString, QString>{{"mem-live", alpha.root},
+                                                       {"mem-second", alpha.root},
+                                                       {"mem-scratch", scratch},
+                                                       {"mem-elsewhere", ""}}));
 
     ASSERT_TRUE(WorkspaceStore::keepSessionsForRecovery(*real, kept));
     const auto folder = f.base / "support" / "Recovered";
@@ -260,28 +271,35 @@ TEST_F(StoredDataFaultTest, KeepACopyAndStartOverCopiesTheExactBytesFirstAndKeep
     ASSERT_EQ(::stat(folder.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0700u);
 
-    // The next start opens each kept shell in one Scratch tab, saves it, and the
-    // sweep of unrecorded sessions leaves them running.
+    // The next start opens each kept shell in a "Recovered terminals" tab of the
+    // workspace its folder belongs to, saves them, and the sweep of unrecorded
+    // sessions leaves every one running; the one without a known folder waits.
     auto next = f.makeStore({alpha});
     EXPECT_TRUE(next->storageIsWritable());
-    ASSERT_EQ(next->tabs().size(), 1u);
-    hl::TerminalTab* recovered = next->tabs()[0];
-    EXPECT_EQ(recovered->title(), "Recovered terminals");
-    EXPECT_EQ(recovered->projectID(), std::nullopt);
+    std::map<QString, std::set<QString>> tabs;
+    for (auto* tab : next->tabs()) {
+        EXPECT_EQ(tab->title(), "Recovered terminals");
+        for (auto* pane : tab->panes()) {
+            tabs[hl::workspaceIDFor(tab->projectID())].insert(pane->sessionID().value_or(""));
+            EXPECT_EQ(pane->context().cwd, keptFolders[pane->sessionID().value_or("")]);
+        }
+    }
+    EXPECT_EQ(tabs, (std::map<QString, std::set<QString>>{
+                        {hl::scratchWorkspaceID, {"mem-scratch"}},
+                        {hl::projectWorkspaceID(alpha.id), {"mem-live", "mem-second"}}}));
     EXPECT_EQ(next->activeWorkspaceID(), hl::scratchWorkspaceID);
-    std::set<QString> attached;
-    for (auto* pane : recovered->panes())
-        attached.insert(pane->sessionID().value_or(""));
-    EXPECT_EQ(attached, (std::set<QString>{"mem-live", "mem-second"}));
-    EXPECT_TRUE(real->read(WorkspaceStore::recoveredSessionsKey).isAbsent());
+    EXPECT_EQ(next->errorMessage(),
+              "1 recovered terminal keeps running, but its folder belongs to no project here, so "
+              "it has no pane.");
+    EXPECT_EQ(real->textList(WorkspaceStore::recoveredSessionsKey),
+              std::vector<std::string>{"mem-elsewhere\t"});
     const auto saved = SavedWorkspace::decode(QByteArray::fromStdString(
         std::get<PreferenceData>(*real->read(WorkspaceStore::storageKey).value).bytes));
-    ASSERT_EQ(saved.tabs.size(), 1u);
-    EXPECT_EQ(saved.tabs[0].panes.size(), 2u);
+    EXPECT_EQ(saved.tabs.size(), 2u);
     next->closeUnrecordedSessions();
     spinFor(std::chrono::milliseconds(300));
-    EXPECT_EQ(f.node->sessions().count("mem-live"), 1u);
-    EXPECT_EQ(f.node->sessions().count("mem-second"), 1u);
+    EXPECT_EQ(f.node->sessions(), (std::set<std::string>{"mem-live", "mem-second", "mem-scratch",
+                                                         "mem-elsewhere"}));
     EXPECT_TRUE(next->openProject(alpha));
 }
 
