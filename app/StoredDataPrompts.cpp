@@ -33,8 +33,7 @@ bool startOverWithNewDatabase(const std::filesystem::path& file, const NodeClien
     QMessageBox confirm(
         QMessageBox::Warning, QStringLiteral("Keep a Copy and Start Over"),
         QStringLiteral("%1 is moved whole, with its companion files, to %2. Harborlattice then "
-                       "starts with new preferences: its projects and workspaces are set up "
-                       "again. %3")
+                       "starts with new preferences, to which projects are added again. %3")
             .arg(pathText(file), folderText(), recoveredTerminalsText(sessions.size())),
         QMessageBox::NoButton, parent);
     confirm.setObjectName("startOver.confirm");
@@ -75,7 +74,8 @@ QString recoveredTerminalsText(std::size_t count) {
     return (count == 1 ? QStringLiteral("The running terminal is kept: it opens again")
                        : QStringLiteral("All %1 running terminals are kept: they open again")
                              .arg(count)) +
-           QStringLiteral(" in a \"Recovered terminals\" tab of the Scratch workspace.");
+           QStringLiteral(" in a \"Recovered terminals\" tab of the Scratch workspace, or of "
+                          "the project whose folder they run in.");
 }
 
 QString preferencesUnavailableText(const PreferencesError& error,
@@ -96,10 +96,10 @@ QString preferencesUnavailableText(const PreferencesError& error,
                 .arg(path, detail);
         case PreferencesError::Kind::notADatabase:
             return QStringLiteral(
-                       "The preferences file %1 is not a database Harborlattice can read. Nothing "
-                       "was changed. (%2) Keep a Copy and Start Over… moves the file whole to %3 "
-                       "and starts with new preferences; running terminals are kept.")
-                .arg(path, detail, folderText());
+                       "The preferences file %1 is not a database Harborlattice can read (%2). "
+                       "Nothing was changed. Keep a Copy and Start Over… moves the file whole to "
+                       "%3 and starts with new preferences; running terminals are kept.")
+                .arg(path, QString::fromStdString(error.reason()), folderText());
         case PreferencesError::Kind::cannotOpen:
             break;
     }

@@ -212,10 +212,10 @@ class SqlitePreferences final : public Preferences {
         if (auto problem = PreferencesFile::accessProblem(file_)) {
             lastWriteFailure_ = problem->what();
         } else if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
-            lastWriteFailure_ = file_.string() + " is in use by another process (" +
+            lastWriteFailure_ = std::string("the database is in use by another process (") +
                                 sqlite3_errmsg(db_) + ")";
         } else {
-            lastWriteFailure_ = file_.string() + ": " + sqlite3_errmsg(db_);
+            lastWriteFailure_ = sqlite3_errmsg(db_);
         }
         return false;
     }
@@ -292,7 +292,7 @@ std::shared_ptr<Preferences> Preferences::open(const std::filesystem::path& file
         if (code == SQLITE_NOTADB || code == SQLITE_CORRUPT) {
             throw PreferencesError(PreferencesError::Kind::notADatabase,
                                    file.string() + " is not a readable database: " + message,
-                                   file);
+                                   file, message);
         }
         throw PreferencesError(PreferencesError::Kind::cannotOpen,
                                "Cannot prepare preferences at " + file.string() + ": " + message,

@@ -63,14 +63,21 @@ struct PreferenceDomainRead {
 class PreferencesError : public std::runtime_error {
   public:
     enum class Kind { busy, cannotOpen, notWritable, notADatabase };
-    PreferencesError(Kind kind, const std::string& message, std::filesystem::path file = {})
-        : std::runtime_error(message), kind_(kind), file_(std::move(file)) {}
+    PreferencesError(Kind kind, const std::string& message, std::filesystem::path file = {},
+                     std::string reason = {})
+        : std::runtime_error(message),
+          kind_(kind),
+          file_(std::move(file)),
+          reason_(std::move(reason)) {}
     Kind kind() const { return kind_; }
     const std::filesystem::path& file() const { return file_; }
+    // SQLite's own words for what is wrong, without the file's name.
+    const std::string& reason() const { return reason_; }
 
   private:
     Kind kind_;
     std::filesystem::path file_;
+    std::string reason_;
 };
 
 class Preferences {

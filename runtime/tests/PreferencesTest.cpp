@@ -194,7 +194,7 @@ TEST_F(PreferencesTest, AWriterHoldingTheDatabaseIsReportedAndWritesResumeWhenIt
     EXPECT_FALSE(store->writeIsPossibleNow());
     EXPECT_FALSE(store->set("projects", PreferenceData{"[2]"}));
     EXPECT_EQ(store->lastWriteFailure(),
-              file.string() + " is in use by another process (database is locked)");
+              "the database is in use by another process (database is locked)");
     EXPECT_EQ(store->data("projects")->bytes, "[1]") << "readers still read";
 
     holder.release();
@@ -288,6 +288,7 @@ TEST_F(PreferencesTest, AFileThatIsNoDatabaseIsToldApartAndMovedAsideWhole) {
     } catch (const hl::PreferencesError& error) {
         EXPECT_EQ(error.kind(), hl::PreferencesError::Kind::notADatabase);
         EXPECT_EQ(error.file(), file);
+        EXPECT_EQ(error.reason().rfind("damaged database", 0), 0u) << error.reason();
     }
     EXPECT_EQ(fileBytes(file), damaged);
 

@@ -213,8 +213,8 @@ TEST_F(StoredDataFaultTest, ASaveWhileAnotherConnectionHoldsTheDatabaseResumesOn
     EXPECT_FALSE(store->storageIsWritable());
     ASSERT_TRUE(store->errorMessage());
     EXPECT_TRUE(store->errorMessage()->startsWith(
-        "Workspace changes could not be saved to " + QString::fromStdString(file.string()) + " (" +
-        QString::fromStdString(file.string()) + " is in use by another process"))
+        "Workspace changes could not be saved to " + QString::fromStdString(file.string()) +
+        " (the database is in use by another process"))
         << store->errorMessage()->toStdString();
     spinFor(WorkspaceStore::saveRetryPeriod * 2);
     EXPECT_FALSE(store->storageIsWritable()) << "still held";
