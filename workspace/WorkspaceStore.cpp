@@ -277,7 +277,10 @@ bool WorkspaceStore::openProject(const ProjectRecord& project) {
         setErrorMessage(refusal() + " No project was opened.");
         return false;
     }
+    const auto known = projectRoots_.find(project.id);
+    const bool ownerIsNew = known == projectRoots_.end() || known->second != project.root;
     projectRoots_[project.id] = project.root;
+    if (ownerIsNew) renewPanesOfProject(project.id);
     const QString workspaceID = projectWorkspaceID(project.id);
     if (!tabsOfWorkspace(workspaceID).empty()) {
         selectWorkspace(workspaceID);
@@ -289,6 +292,21 @@ bool WorkspaceStore::openProject(const ProjectRecord& project) {
     }
     appendTab(project.name, PaneContext{project.id, project.root, std::nullopt}, workspaceID);
     return true;
+}
+
+void WorkspaceStore::renewPanesOfProject(const QString& projectID) {
+    bool renewed = false;
+    for (const auto& each : tabs_) {
+        if (each->projectID() != projectID) continue;
+        for (TerminalPane* old : each->panes()) {
+            auto replaced = each->takePane(old->id());
+            each->addPane(makePane(replaced->id(), replaced->context(), replaced->sessionID(),
+                                   replaced->controller().isReplacementSession()));
+            retire(std::move(replaced));
+            renewed = true;
+        }
+    }
+    if (renewed) emit tabsChanged();
 }
 
 void WorkspaceStore::selectWorkspace(const QString& workspaceID) {

@@ -205,6 +205,9 @@ class WorkspaceStore : public QObject {
                                            const std::optional<QString>& sessionID,
                                            bool isReplacementSession);
     void appendTab(const QString& title, const PaneContext& context, const QString& workspaceID);
+    // Panes built while their project had no owner here (or another root) are
+    // built again, so that they may reattach now that it has one.
+    void renewPanesOfProject(const QString& projectID);
     void resignFocusedPane();
     void focusSelectedPane();
     void persist();
