@@ -109,6 +109,28 @@ TEST_F(IdeaInboxStoreTest, LinksAndNonFoldersOnTheWayAreRefused) {
     EXPECT_EQ(save(inbox), SaveError::unsafeDirectory);
     fs::remove(inbox);
 
+    // Each refusal says what was wrong and which folder.
+    const auto refusal = [&](const fs::path& folder) {
+        try {
+            IdeaInboxStore::save("idea", folder);
+        } catch (const SaveError& error) {
+            return std::string(error.what());
+        }
+        return std::string("saved");
+    };
+    fs::create_directory_symlink(base / "elsewhere", inbox);
+    EXPECT_EQ(refusal(inbox), "The idea inbox folder " + inbox.string() +
+                                  " is not private to this user (it is a link or not a folder).");
+    fs::remove(inbox);
+    fs::create_directories(inbox);
+    if (::chown(inbox.c_str(), 65534, 65534) == 0) {  // only a superuser may give it away
+        EXPECT_EQ(refusal(inbox), "The idea inbox folder " + inbox.string() +
+                                      " is not private to this user (owned by user 65534, not "
+                                      "by user " +
+                                      std::to_string(::geteuid()) + ").");
+    }
+    fs::remove(inbox);
+
     fs::create_directory_symlink(base / "support", base / "linked");
     EXPECT_EQ(save(base / "linked" / "Idea Inbox"), SaveError::unsafeDirectory);
 
