@@ -71,11 +71,12 @@ bool startOverWithNewDatabase(const std::filesystem::path& file, const NodeClien
 
 QString recoveredTerminalsText(std::size_t count) {
     if (count == 0) return QStringLiteral("No terminal is running, so none is closed.");
-    return (count == 1 ? QStringLiteral("The running terminal is kept: it opens again")
-                       : QStringLiteral("All %1 running terminals are kept: they open again")
-                             .arg(count)) +
-           QStringLiteral(" in a \"Recovered terminals\" tab of the Scratch workspace, or of "
-                          "the project whose folder they run in.");
+    return (count == 1
+                ? QStringLiteral("The running terminal is kept: it opens again")
+                : QStringLiteral("All %1 running terminals are kept: they open again").arg(count)) +
+           QStringLiteral(
+               " in a \"Recovered terminals\" tab of the Scratch workspace, or of "
+               "the project whose folder they run in.");
 }
 
 QString preferencesUnavailableText(const PreferencesError& error,

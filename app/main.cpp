@@ -47,7 +47,8 @@ int main(int argc, char** argv) {
     QApplication::setWindowIcon(applicationIcon());
     hl::chooseRenderingBackend();
     const auto file = hl::RuntimePaths::preferencesFile();
-    auto app = hl::openApplication(file, [&file] { return std::make_unique<hl::HarborlatticeApp>(file); });
+    auto app =
+        hl::openApplication(file, [&file] { return std::make_unique<hl::HarborlatticeApp>(file); });
     if (!app) return 1;
     hl::MainWindow window(*app);
     window.show();

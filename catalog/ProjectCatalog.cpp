@@ -101,11 +101,11 @@ bool ProjectCatalog::persist() {
     const QByteArray bytes = QJsonDocument(list).toJson(QJsonDocument::Compact);
     if (!defaults_->set(storageKey, PreferenceData{bytes.toStdString()})) {
         const std::string cause = defaults_->lastWriteFailure();
-        setErrorMessage(QStringLiteral("The project list could not be saved to %1%2. Nothing was "
-                                       "changed.")
-                            .arg(QString::fromStdString(defaults_->location().string()),
-                                 cause.empty() ? QString()
-                                               : " (" + QString::fromStdString(cause) + ")"));
+        setErrorMessage(
+            QStringLiteral("The project list could not be saved to %1%2. Nothing was "
+                           "changed.")
+                .arg(QString::fromStdString(defaults_->location().string()),
+                     cause.empty() ? QString() : " (" + QString::fromStdString(cause) + ")"));
         return false;
     }
     if (onChange) onChange();

@@ -54,7 +54,6 @@ bool quickCheck(sqlite3* db, std::string* problem) {
     return true;
 }
 
-
 // The row's value, or an unreadable answer that keeps its bytes.
 PreferenceRead decodeRow(sqlite3_stmt* row, int typeColumn, int valueColumn) {
     const auto* bytes = static_cast<const char*>(sqlite3_column_blob(row, valueColumn));
@@ -284,15 +283,15 @@ std::shared_ptr<Preferences> Preferences::open(const std::filesystem::path& file
         const std::string message = check.empty() ? sqlite3_errmsg(db) : check;
         sqlite3_close(db);
         if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
-            throw PreferencesError(PreferencesError::Kind::busy,
-                                   "Preferences at " + file.string() +
-                                       " are in use by another process: " + message,
-                                   file);
+            throw PreferencesError(
+                PreferencesError::Kind::busy,
+                "Preferences at " + file.string() + " are in use by another process: " + message,
+                file);
         }
         if (code == SQLITE_NOTADB || code == SQLITE_CORRUPT) {
             throw PreferencesError(PreferencesError::Kind::notADatabase,
-                                   file.string() + " is not a readable database: " + message,
-                                   file, message);
+                                   file.string() + " is not a readable database: " + message, file,
+                                   message);
         }
         throw PreferencesError(PreferencesError::Kind::cannotOpen,
                                "Cannot prepare preferences at " + file.string() + ": " + message,

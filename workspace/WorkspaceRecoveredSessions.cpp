@@ -48,8 +48,7 @@ std::vector<QString> WorkspaceStore::scratchFolders(const QString& scratchRoot) 
          std::filesystem::directory_iterator(scratchRoot.toStdString(), error)) {
         const QString name = QString::fromStdString(entry.path().filename().string());
         const QUuid id = QUuid::fromString(name);
-        if (!id.isNull() && entry.is_directory(error))
-            folders.push_back(scratchRoot + "/" + name);
+        if (!id.isNull() && entry.is_directory(error)) folders.push_back(scratchRoot + "/" + name);
     }
     return folders;
 }
@@ -180,10 +179,9 @@ void WorkspaceStore::openRecoveredSessions() {
             paneIDs.push_back(pane->id());
         const std::optional<QString> projectID = panes.front()->context().projectID;
         const QUuid tabID = QUuid::createUuid();
-        tabs_.push_back(std::make_unique<TerminalTab>(tabID, recoveredTabTitle, projectID,
-                                                      std::move(panes),
-                                                      tiled(paneIDs, 0, paneIDs.size(), true),
-                                                      paneIDs.front()));
+        tabs_.push_back(std::make_unique<TerminalTab>(
+            tabID, recoveredTabTitle, projectID, std::move(panes),
+            tiled(paneIDs, 0, paneIDs.size(), true), paneIDs.front()));
         selectedTabs_[workspaceID] = tabID;
         if (!activeWorkspaceID_ || workspaceID == scratchWorkspaceID) {
             setActiveWorkspaceID(workspaceID);

@@ -115,9 +115,10 @@ void WorkspaceStore::retrySave() {
 QString WorkspaceStore::savingStoppedMessage() const {
     const QString cause =
         writeFailure_.empty() ? QString() : " (" + QString::fromStdString(writeFailure_) + ")";
-    return QStringLiteral("Workspace changes could not be saved to %1%2. Harborlattice tries "
-                          "again every second and saves them as soon as it can; until then no "
-                          "terminal is started.")
+    return QStringLiteral(
+               "Workspace changes could not be saved to %1%2. Harborlattice tries "
+               "again every second and saves them as soon as it can; until then no "
+               "terminal is started.")
         .arg(QString::fromStdString(defaults_->location().string()), cause);
 }
 

@@ -1,7 +1,7 @@
 // WorkspaceStore's sweep of the node: sessions that no pane, suspended pane,
-// pending close or list of recovered sessions records are shells the user can no longer reach (left behind by
-// a crash between a session's start and its save). Once everything stored was
-// read cleanly they are closed through the ledger, like any other close.
+// pending close or list of recovered sessions records are shells the user can no longer reach (left
+// behind by a crash between a session's start and its save). Once everything stored was read
+// cleanly they are closed through the ledger, like any other close.
 #include <QPointer>
 #include <QTimer>
 

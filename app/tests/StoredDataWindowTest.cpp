@@ -99,8 +99,8 @@ class StoredDataWindowTest : public ::testing::Test {
             hl::UnixSocketClient(socketPath()).request("close_session", {{"session_id", id}});
     }
     std::unique_ptr<hl::HarborlatticeApp> open(const std::filesystem::path& file) {
-        return hl::openApplication(file,
-                                   [&file] { return std::make_unique<hl::HarborlatticeApp>(file); });
+        return hl::openApplication(
+            file, [&file] { return std::make_unique<hl::HarborlatticeApp>(file); });
     }
     const std::filesystem::path folder = hl::apptest::baseFolder() / "stored-data";
 };
@@ -123,10 +123,11 @@ TEST_F(StoredDataWindowTest, AHeldDatabaseIsToldAtOnceAndTheStartGoesOnWhenItIsL
     });
     auto app = open(file);
     ASSERT_NE(app, nullptr);
-    EXPECT_EQ(seen, QStringList{"The preferences database " + QString::fromStdString(file.string()) +
-                                " is in use by another process. Nothing was read or changed. "
-                                "Harborlattice tries again every second and starts as soon as "
-                                "the other process lets the database go."});
+    EXPECT_EQ(seen,
+              QStringList{"The preferences database " + QString::fromStdString(file.string()) +
+                          " is in use by another process. Nothing was read or changed. "
+                          "Harborlattice tries again every second and starts as soon as "
+                          "the other process lets the database go."});
     EXPECT_TRUE(app->workspace().storageIsWritable());
 }
 

@@ -178,7 +178,8 @@ unsigned modeOf(const std::filesystem::path& file) {
 
 TEST_F(PreferencesTest, AWriterHoldingTheDatabaseIsReportedAndWritesResumeWhenItLetsGo) {
     const auto file = dir_ / "prefs.sqlite3";
-    auto store = Preferences::open(file, Preferences::standardDomain, std::chrono::milliseconds(50));
+    auto store =
+        Preferences::open(file, Preferences::standardDomain, std::chrono::milliseconds(50));
     ASSERT_TRUE(store->set("projects", PreferenceData{"[1]"}));
     WriterHoldingTheLock holder(file);
 

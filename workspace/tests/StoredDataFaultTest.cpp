@@ -212,9 +212,9 @@ TEST_F(StoredDataFaultTest, ASaveWhileAnotherConnectionHoldsTheDatabaseResumesOn
     store->split(true);
     EXPECT_FALSE(store->storageIsWritable());
     ASSERT_TRUE(store->errorMessage());
-    EXPECT_TRUE(store->errorMessage()->startsWith(
-        "Workspace changes could not be saved to " + QString::fromStdString(file.string()) +
-        " (the database is in use by another process"))
+    EXPECT_TRUE(store->errorMessage()->startsWith("Workspace changes could not be saved to " +
+                                                  QString::fromStdString(file.string()) +
+                                                  " (the database is in use by another process"))
         << store->errorMessage()->toStdString();
     spinFor(WorkspaceStore::saveRetryPeriod * 2);
     EXPECT_FALSE(store->storageIsWritable()) << "still held";
@@ -298,8 +298,8 @@ TEST_F(StoredDataFaultTest, KeepACopyAndStartOverCopiesTheExactBytesFirstAndKeep
     EXPECT_EQ(saved.tabs.size(), 2u);
     next->closeUnrecordedSessions();
     spinFor(std::chrono::milliseconds(300));
-    EXPECT_EQ(f.node->sessions(), (std::set<std::string>{"mem-live", "mem-second", "mem-scratch",
-                                                         "mem-elsewhere"}));
+    EXPECT_EQ(f.node->sessions(),
+              (std::set<std::string>{"mem-live", "mem-second", "mem-scratch", "mem-elsewhere"}));
     EXPECT_TRUE(next->openProject(alpha));
 }
 

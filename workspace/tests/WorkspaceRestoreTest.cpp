@@ -215,19 +215,20 @@ TEST_F(WorkspaceRestoreTest, ActiveWorkspaceFallsBackAndOrphansKeepTheirDataUnti
     SavedTab scratch = tabOf(std::nullopt, {scratchPane()});
     SavedTab project = tabOf(alpha.id, {projectPane(alpha.root)});
     const hl::ProjectRecord elsewhere = f.project("elsewhere");
-    SavedTab orphan = tabOf(
-        elsewhere.id,
-        {SavedPane{QUuid::createUuid(), QString("o1"),
-                   PaneContext{elsewhere.id, elsewhere.root, std::nullopt}, false}},
-        "Orphan");
-    SavedTab other = tabOf(
-        QString("other"),
-        {SavedPane{QUuid::createUuid(), QString("o2"),
-                   PaneContext{QString("other"), "/somewhere/else", std::nullopt}, false}},
-        "Other");
+    SavedTab orphan =
+        tabOf(elsewhere.id,
+              {SavedPane{QUuid::createUuid(), QString("o1"),
+                         PaneContext{elsewhere.id, elsewhere.root, std::nullopt}, false}},
+              "Orphan");
+    SavedTab other =
+        tabOf(QString("other"),
+              {SavedPane{QUuid::createUuid(), QString("o2"),
+                         PaneContext{QString("other"), "/somewhere/else", std::nullopt}, false}},
+              "Other");
     f.node->adopt("o1", elsewhere.root.toStdString());
     // The named workspace has no tab: the selected tab's workspace wins.
-    store(SavedWorkspace{QString("project:nothing"), project.id, {}, {scratch, project, orphan, other}});
+    store(SavedWorkspace{
+        QString("project:nothing"), project.id, {}, {scratch, project, orphan, other}});
     {
         auto subject = f.makeStore({alpha});
         EXPECT_EQ(subject->activeWorkspaceID(), "project:" + alpha.id);
