@@ -10,9 +10,11 @@
 namespace hl {
 
 HarborlatticeApp::HarborlatticeApp(const std::filesystem::path& preferencesFile,
-                                   std::chrono::milliseconds busyTimeout)
+                                   std::chrono::milliseconds busyTimeout,
+                                   std::chrono::milliseconds startWait)
     : delegate_(std::make_unique<ApplicationDelegate>()) {
-    defaults_ = Preferences::open(preferencesFile, Preferences::standardDomain, busyTimeout);
+    defaults_ = Preferences::open(preferencesFile, Preferences::standardDomain, busyTimeout,
+                                  std::min(startWait, busyTimeout));
     PreferencesMigration::importLegacyBundleDomain(*defaults_);
     auto catalog = std::make_unique<ProjectCatalog>(defaults_);
     WorkspaceStoreOptions options;

@@ -30,9 +30,11 @@ class HarborlatticeApp {
     // Throws PreferencesError when the preferences database cannot be opened or
     // a stored value could not be read at all (a busy or failing database is
     // never taken for an empty one).
+    // Another process's write lock is waited for `startWait` at most.
     explicit HarborlatticeApp(
         const std::filesystem::path& preferencesFile = RuntimePaths::preferencesFile(),
-        std::chrono::milliseconds busyTimeout = Preferences::defaultBusyTimeout);
+        std::chrono::milliseconds busyTimeout = Preferences::defaultBusyTimeout,
+        std::chrono::milliseconds startWait = Preferences::startWaitLimit);
     ~HarborlatticeApp();
     HarborlatticeApp(const HarborlatticeApp&) = delete;
     HarborlatticeApp& operator=(const HarborlatticeApp&) = delete;

@@ -243,7 +243,8 @@ class SqlitePreferences final : public Preferences {
 
 std::shared_ptr<Preferences> Preferences::open(const std::filesystem::path& file,
                                                const std::string& domain,
-                                               std::chrono::milliseconds busyTimeout) {
+                                               std::chrono::milliseconds busyTimeout,
+                                               std::optional<std::chrono::milliseconds> openWait) {
     std::error_code ignored;
     if (file.has_parent_path() && !std::filesystem::exists(file.parent_path())) {
         std::filesystem::create_directories(file.parent_path(), ignored);
@@ -263,7 +264,7 @@ std::shared_ptr<Preferences> Preferences::open(const std::filesystem::path& file
     }
     if (isNew) ::chmod(file.c_str(), 0600);
     // At start another process's lock is reported at once, not waited out.
-    sqlite3_busy_timeout(db, static_cast<int>(std::min(busyTimeout, openWaitLimit).count()));
+    sqlite3_busy_timeout(db, static_cast<int>(openWait.value_or(busyTimeout).count()));
     // Large pages keep a megabyte value to a few pages; they only apply to a new
     // file. The quick check reads every page, so a damaged one is found here and
     // not by a later read; the write probe finds another process's write lock.

@@ -85,19 +85,20 @@ class Preferences {
     // The domain that the application's own keys live in.
     static constexpr const char* standardDomain = "standard";
     static constexpr std::chrono::milliseconds defaultBusyTimeout{10000};
-    // How long opening waits for another process's write lock before it
-    // reports the database busy.
-    static constexpr std::chrono::milliseconds openWaitLimit{1000};
+    // How long the application's start waits for another process's write lock
+    // before it reports the database busy.
+    static constexpr std::chrono::milliseconds startWaitLimit{1000};
 
     // Opens (creating if needed) the database at `file` and binds the store to
     // `domain`. The files are checked first (see PreferencesFile.h), so that a
     // start that cannot write leaves no companion behind. A database that another
-    // process holds for writing is waited for up to `openWaitLimit` (or
-    // `busyTimeout` when shorter), then reported busy; later reads and writes
-    // wait up to `busyTimeout`. Throws PreferencesError when it cannot be opened for writing.
+    // process holds for writing is waited for up to `openWait` (by
+    // default `busyTimeout`), then reported busy; later reads and writes wait
+    // up to `busyTimeout`. Throws PreferencesError when it cannot be opened for writing.
     static std::shared_ptr<Preferences> open(
         const std::filesystem::path& file, const std::string& domain = standardDomain,
-        std::chrono::milliseconds busyTimeout = defaultBusyTimeout);
+        std::chrono::milliseconds busyTimeout = defaultBusyTimeout,
+        std::optional<std::chrono::milliseconds> openWait = std::nullopt);
     virtual ~Preferences() = default;
 
     virtual const std::string& domain() const = 0;

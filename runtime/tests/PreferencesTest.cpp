@@ -185,7 +185,8 @@ TEST_F(PreferencesTest, AWriterHoldingTheDatabaseIsReportedAndWritesResumeWhenIt
 
     // A start meets the lock: busy, naming the file, without waiting it out.
     try {
-        Preferences::open(file);
+        Preferences::open(file, Preferences::standardDomain, Preferences::defaultBusyTimeout,
+                          Preferences::startWaitLimit);
         ADD_FAILURE() << "a held database must not open";
     } catch (const hl::PreferencesError& error) {
         EXPECT_EQ(error.kind(), hl::PreferencesError::Kind::busy);
