@@ -6,6 +6,8 @@
 // project's folder in that project's workspace. A session whose folder belongs
 // to no known project stays listed, running and never swept (a later start
 // places it once its project is known); the list goes once all are placed.
+// Panes of a project that had no owner here get their owner back the same way:
+// built again once the project is known, so that they reattach at once.
 #include <algorithm>
 #include <filesystem>
 #include <set>
@@ -205,6 +207,21 @@ void WorkspaceStore::openRecoveredSessions() {
                                  "to no project here, so they have no pane.")
                       .arg(waiting.size()));
     }
+}
+
+void WorkspaceStore::renewPanesOfProject(const QString& projectID) {
+    bool renewed = false;
+    for (const auto& each : tabs_) {
+        if (each->projectID() != projectID) continue;
+        for (TerminalPane* old : each->panes()) {
+            auto replaced = each->takePane(old->id());
+            each->addPane(makePane(replaced->id(), replaced->context(), replaced->sessionID(),
+                                   replaced->controller().isReplacementSession()));
+            retire(std::move(replaced));
+            renewed = true;
+        }
+    }
+    if (renewed) emit tabsChanged();
 }
 
 }  // namespace hl

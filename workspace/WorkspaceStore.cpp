@@ -294,21 +294,6 @@ bool WorkspaceStore::openProject(const ProjectRecord& project) {
     return true;
 }
 
-void WorkspaceStore::renewPanesOfProject(const QString& projectID) {
-    bool renewed = false;
-    for (const auto& each : tabs_) {
-        if (each->projectID() != projectID) continue;
-        for (TerminalPane* old : each->panes()) {
-            auto replaced = each->takePane(old->id());
-            each->addPane(makePane(replaced->id(), replaced->context(), replaced->sessionID(),
-                                   replaced->controller().isReplacementSession()));
-            retire(std::move(replaced));
-            renewed = true;
-        }
-    }
-    if (renewed) emit tabsChanged();
-}
-
 void WorkspaceStore::selectWorkspace(const QString& workspaceID) {
     OperationScope scope(operationDepth_);
     const auto members = tabsOfWorkspace(workspaceID);
