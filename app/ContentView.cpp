@@ -421,6 +421,7 @@ QWidget* ContentView::projectRow(const ProjectRecord& project) {
 }
 
 void ContentView::addProject() {
+    if (!catalog_->mayChange("added")) return;
     QFileDialog panel(this, QStringLiteral("Add a project"));
     panel.setFileMode(QFileDialog::Directory);
     panel.setDirectory(QDir::homePath());

@@ -10,9 +10,11 @@
 namespace hl {
 
 HarborlatticeApp::HarborlatticeApp(const std::filesystem::path& preferencesFile,
-                                   std::chrono::milliseconds busyTimeout)
+                                   std::chrono::milliseconds busyTimeout,
+                                   std::chrono::milliseconds startWait)
     : delegate_(std::make_unique<ApplicationDelegate>()) {
-    defaults_ = Preferences::open(preferencesFile, Preferences::standardDomain, busyTimeout);
+    defaults_ = Preferences::open(preferencesFile, Preferences::standardDomain, busyTimeout,
+                                  std::min(startWait, busyTimeout));
     PreferencesMigration::importLegacyBundleDomain(*defaults_);
     auto catalog = std::make_unique<ProjectCatalog>(defaults_);
     WorkspaceStoreOptions options;
@@ -63,8 +65,19 @@ std::vector<std::string> HarborlatticeApp::damagedKeys() const {
     return keys;
 }
 
+std::vector<RecoveredSession> HarborlatticeApp::sessionsToKeepAcrossStartOver() const {
+    const auto keys = damagedKeys();
+    const bool ledgerIsCleared =
+        std::find(keys.begin(), keys.end(), SessionCloseLedger::storageKey) != keys.end();
+    return workspace_->sessionsToKeepAcrossStartOver(ledgerIsCleared);
+}
+
 std::vector<RecoveredValue> HarborlatticeApp::keepCopyAndStartOver(
-    const std::filesystem::path& folder) {
+    const std::vector<RecoveredSession>& sessions, const std::filesystem::path& folder) {
+    if (!WorkspaceStore::keepSessionsForRecovery(*defaults_, sessions)) {
+        throw StoredDataRecoveryError("the running terminals could not be recorded: " +
+                                      defaults_->lastWriteFailure());
+    }
     return StoredDataRecovery::keepCopiesAndClear(*defaults_, damagedKeys(), folder);
 }
 

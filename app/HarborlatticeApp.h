@@ -30,9 +30,11 @@ class HarborlatticeApp {
     // Throws PreferencesError when the preferences database cannot be opened or
     // a stored value could not be read at all (a busy or failing database is
     // never taken for an empty one).
+    // Another process's write lock is waited for `startWait` at most.
     explicit HarborlatticeApp(
         const std::filesystem::path& preferencesFile = RuntimePaths::preferencesFile(),
-        std::chrono::milliseconds busyTimeout = Preferences::defaultBusyTimeout);
+        std::chrono::milliseconds busyTimeout = Preferences::defaultBusyTimeout,
+        std::chrono::milliseconds startWait = Preferences::startWaitLimit);
     ~HarborlatticeApp();
     HarborlatticeApp(const HarborlatticeApp&) = delete;
     HarborlatticeApp& operator=(const HarborlatticeApp&) = delete;
@@ -49,10 +51,14 @@ class HarborlatticeApp {
 
     // Keys whose stored values could not be understood and are kept as they were.
     std::vector<std::string> damagedKeys() const;
-    // Copies each damaged value's exact bytes to a private file under `folder`,
-    // then clears the keys, so that the next start is writable. Throws
-    // StoredDataRecoveryError, clearing nothing, when a copy cannot be made.
+    // The running shells that a start over keeps (see WorkspaceStore).
+    std::vector<RecoveredSession> sessionsToKeepAcrossStartOver() const;
+    // Records `sessions` for the next start to open again, copies each damaged
+    // value's exact bytes to a private file under `folder`, then clears the
+    // keys, so that the next start is writable. Throws StoredDataRecoveryError,
+    // clearing nothing, when the list or a copy cannot be written.
     std::vector<RecoveredValue> keepCopyAndStartOver(
+        const std::vector<RecoveredSession>& sessions,
         const std::filesystem::path& folder = StoredDataRecovery::defaultFolder());
 
   private:

@@ -117,7 +117,8 @@ QWidget* IdeaComposerView::buildEditor() {
     field_ = new QPlainTextEdit(page);
     field_->setObjectName("ideas.field");
     field_->setAccessibleName(QStringLiteral("Improvement idea"));
-    field_->setTabChangesFocus(true);
+    // Tab is text here, as in Qt's editors; Control+Tab moves on.
+    field_->setTabChangesFocus(false);
     field_->setMinimumHeight(150);
     field_->installEventFilter(this);
     connect(field_, &QPlainTextEdit::textChanged, this, &IdeaComposerView::refresh);
@@ -230,6 +231,13 @@ void IdeaComposerView::save() {
     try {
         saved_ = IdeaInboxStore::save(idea());
         failure_.reset();
+    } catch (const IdeaInboxStore::SaveError& error) {
+        failure_ = failureText() + " " + QString::fromStdString(error.what());
+    } catch (const std::filesystem::filesystem_error& error) {
+        failure_ = failureText() + " " +
+                   QStringLiteral("The folder %1 could not be made (%2).")
+                       .arg(QString::fromStdString(error.path1().string()),
+                            QString::fromStdString(error.code().message()));
     } catch (...) {
         failure_ = failureText();
     }
@@ -239,6 +247,14 @@ void IdeaComposerView::save() {
 bool IdeaComposerView::eventFilter(QObject* watched, QEvent* event) {
     if (watched == field_ && event->type() == QEvent::KeyPress) {
         auto* key = static_cast<QKeyEvent*>(event);
+        // Tab is text in the field; Control+Tab (with Shift, backwards) moves on.
+        const bool tab = key->key() == Qt::Key_Tab || key->key() == Qt::Key_Backtab;
+        if (tab && (key->modifiers() & Qt::ControlModifier)) {
+            const bool back =
+                key->key() == Qt::Key_Backtab || (key->modifiers() & Qt::ShiftModifier);
+            focusNextPrevChild(!back);
+            return true;
+        }
         if (key->key() == Qt::Key_Return || key->key() == Qt::Key_Enter) {
             const auto result = IdeaComposerShortcut::handleReturn(
                 returnModifiers(key->modifiers()), canQueueIdea(idea()), [this] { save(); });

@@ -1,7 +1,8 @@
 // IdeaComposerView: the sheet that queues an improvement idea in the local
 // inbox. While editing it shows the field, its byte counter, what is and is
 // not captured, and what queueing allows; after a save it confirms with the
-// report's reference until it is dismissed. Control+Return queues.
+// report's reference until it is dismissed. Control+Return queues; Tab is
+// text, Control+Tab moves on. A refusal says what was wrong and in which folder.
 #pragma once
 
 #include <QDialog>

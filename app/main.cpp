@@ -6,7 +6,6 @@
 #include <QPixmap>
 #include <QSvgRenderer>
 
-#include <cstdio>
 #include <memory>
 #include <vector>
 
@@ -50,16 +49,10 @@ int main(int argc, char** argv) {
     QGuiApplication::setDesktopFileName(QStringLiteral("com.quarrynotch.harborlattice"));
     QApplication::setWindowIcon(applicationIcon());
     hl::chooseRenderingBackend();
-    std::unique_ptr<hl::HarborlatticeApp> app;
     const auto file = hl::RuntimePaths::preferencesFile();
-    while (!app) {
-        try {
-            app = std::make_unique<hl::HarborlatticeApp>(file);
-        } catch (const hl::PreferencesError& error) {
-            std::fprintf(stderr, "harborlattice: %s\n", error.what());
-            if (!hl::askToRetryOpeningPreferences(error, file)) return 1;
-        }
-    }
+    auto app =
+        hl::openApplication(file, [&file] { return std::make_unique<hl::HarborlatticeApp>(file); });
+    if (!app) return 1;
     hl::MainWindow window(*app);
     window.show();
     app->delegate().scheduleDidFinishLaunching();

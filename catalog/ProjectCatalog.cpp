@@ -100,9 +100,12 @@ bool ProjectCatalog::persist() {
         list.append(record.toJson());
     const QByteArray bytes = QJsonDocument(list).toJson(QJsonDocument::Compact);
     if (!defaults_->set(storageKey, PreferenceData{bytes.toStdString()})) {
-        setErrorMessage(QStringLiteral("The project list could not be saved to %1. Nothing was "
-                                       "changed.")
-                            .arg(QString::fromStdString(defaults_->location().string())));
+        const std::string cause = defaults_->lastWriteFailure();
+        setErrorMessage(
+            QStringLiteral("The project list could not be saved to %1%2. Nothing was "
+                           "changed.")
+                .arg(QString::fromStdString(defaults_->location().string()),
+                     cause.empty() ? QString() : " (" + QString::fromStdString(cause) + ")"));
         return false;
     }
     if (onChange) onChange();
@@ -177,14 +180,25 @@ std::vector<ProjectRecord> ProjectCatalog::migrateProjects(
     return records;
 }
 
+bool ProjectCatalog::mayChange(const char* done) {
+    if (isReadable_) return true;
+    // Said afresh on every refusal, even when the load's message was dismissed.
+    setErrorMessage(std::nullopt);
+    setErrorMessage(
+        QStringLiteral("The saved project catalog is unreadable and was preserved, so no project "
+                       "was %1. Keep a Copy and Start Over… sets it aside.")
+            .arg(QLatin1String(done)));
+    return false;
+}
+
 void ProjectCatalog::fail(const ProjectCatalogError& error) {
     setErrorMessage(error.errorDescription());
 }
 
 std::optional<ProjectRecord> ProjectCatalog::add(const QString& name, const QString& rawRoot,
                                                  const std::optional<QString>& id) {
+    if (!mayChange("added")) return std::nullopt;
     try {
-        if (!isReadable_) throw ProjectCatalogError(Kind::CorruptCatalog);
         ProjectRecord record = ProjectRecord::create(name, rawRoot, id);
         for (const auto& existing : projects_) {
             if (existing.id == record.id) throw ProjectCatalogError(Kind::DuplicateID);
@@ -218,8 +232,8 @@ void ProjectCatalog::select(const QString& id) {
 }
 
 std::optional<ProjectRecord> ProjectCatalog::rename(const QString& id, const QString& name) {
+    if (!mayChange("renamed")) return std::nullopt;
     try {
-        if (!isReadable_) throw ProjectCatalogError(Kind::CorruptCatalog);
         auto updated = projects_;
         auto found = findProject(updated, id);
         if (found == updated.end()) throw ProjectCatalogError(Kind::UnknownProject);
@@ -242,8 +256,8 @@ std::optional<ProjectRecord> ProjectCatalog::rename(const QString& id, const QSt
 }
 
 std::optional<ProjectRecord> ProjectCatalog::remove(const QString& id) {
+    if (!mayChange("removed")) return std::nullopt;
     try {
-        if (!isReadable_) throw ProjectCatalogError(Kind::CorruptCatalog);
         auto updated = projects_;
         auto found = findProject(updated, id);
         if (found == updated.end()) throw ProjectCatalogError(Kind::UnknownProject);

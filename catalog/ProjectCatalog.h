@@ -47,6 +47,9 @@ class ProjectCatalog : public QObject {
     // Called after each successful store.
     std::function<void()> onChange;
 
+    // True when the list may change; otherwise says why (the verb names what was
+    // refused: "added", "renamed", "removed").
+    bool mayChange(const char* done);
     std::optional<ProjectRecord> add(const QString& name, const QString& rawRoot,
                                      const std::optional<QString>& id = std::nullopt);
     void select(const QString& id);

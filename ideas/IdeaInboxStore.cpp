@@ -7,6 +7,7 @@
 
 #include <cerrno>
 #include <cstdio>
+#include <cstring>
 
 #include <nlohmann/json.hpp>
 
@@ -18,16 +19,25 @@ namespace hl {
 
 namespace {
 
-const char* describe(IdeaInboxStore::SaveError::Case which) {
+std::string describe(IdeaInboxStore::SaveError::Case which, const fs::path& folder,
+                     const std::string& reason) {
+    const std::string because = reason.empty() ? "" : " (" + reason + ")";
     switch (which) {
         case IdeaInboxStore::SaveError::invalidIdea:
-            return "The idea is empty or too long.";
+            return "The idea is empty or longer than " +
+                   std::to_string(IdeaInboxStore::maximumIdeaBytes) + " bytes.";
         case IdeaInboxStore::SaveError::unsafeDirectory:
-            return "The idea inbox folder is not private to this user.";
+            return "The idea inbox folder " + folder.string() + " is not private to this user" +
+                   because + ".";
         case IdeaInboxStore::SaveError::writeFailed:
-            return "The idea report could not be written.";
+            return "The idea report could not be written in " + folder.string() + because + ".";
     }
     return "";
+}
+
+// The system's words for the last failure.
+std::string lastError() {
+    return std::strerror(errno);
 }
 
 std::string lowerUuid(const QUuid& id) {
@@ -62,8 +72,8 @@ class TemporaryName {
 
 }  // namespace
 
-IdeaInboxStore::SaveError::SaveError(Case which)
-    : std::runtime_error(describe(which)), which_(which) {}
+IdeaInboxStore::SaveError::SaveError(Case which, const fs::path& folder, const std::string& reason)
+    : std::runtime_error(describe(which, folder, reason)), which_(which) {}
 
 std::string IdeaInboxRecord::encoded() const {
     const nlohmann::json record = {
@@ -96,15 +106,26 @@ UniqueFd IdeaInboxStore::openPrivateDirectory(const fs::path& directory) {
     fs::create_directories(parent);  // a failure here is passed up as it is
     if (standardizedPath(parent.string()) !=
         standardizedPath(resolvingSymlinksInPath(parent.string())))
-        throw SaveError(SaveError::unsafeDirectory);
+        throw SaveError(SaveError::unsafeDirectory, standard, "a link in the path to it");
     if (::mkdir(standard.c_str(), 0700) != 0 && errno != EEXIST)
-        throw SaveError(SaveError::unsafeDirectory);
+        throw SaveError(SaveError::unsafeDirectory, standard, "cannot be made: " + lastError());
     UniqueFd fd(::open(standard.c_str(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
-    if (!fd) throw SaveError(SaveError::unsafeDirectory);
+    if (!fd) {
+        const std::string reason = errno == ELOOP || errno == ENOTDIR
+                                       ? "it is a link or not a folder"
+                                       : "cannot be opened: " + lastError();
+        throw SaveError(SaveError::unsafeDirectory, standard, reason);
+    }
     struct stat info {};
-    if (::fstat(fd.get(), &info) != 0 || !S_ISDIR(info.st_mode) || info.st_uid != ::geteuid() ||
-        ::fchmod(fd.get(), 0700) != 0)
-        throw SaveError(SaveError::unsafeDirectory);
+    if (::fstat(fd.get(), &info) != 0 || !S_ISDIR(info.st_mode))
+        throw SaveError(SaveError::unsafeDirectory, standard, "not a folder");
+    if (info.st_uid != ::geteuid()) {
+        throw SaveError(SaveError::unsafeDirectory, standard,
+                        "owned by user " + std::to_string(info.st_uid) + ", not by user " +
+                            std::to_string(::geteuid()));
+    }
+    if (::fchmod(fd.get(), 0700) != 0)
+        throw SaveError(SaveError::unsafeDirectory, standard, "mode cannot be set: " + lastError());
     return fd;
 }
 
@@ -117,6 +138,7 @@ SavedIdea IdeaInboxStore::save(const QString& idea, const fs::path& directory, c
     if (encoded.size() > maximumRecordBytes) throw SaveError(SaveError::invalidIdea);
 
     const UniqueFd folder = openPrivateDirectory(directory);
+    const fs::path where(standardizedPath(directory.string()));
     const std::string finalName = reportName(id);
     TemporaryName temporary(folder.get(),
                             "." + finalName + "." + lowerUuid(QUuid::createUuid()) + ".tmp");
@@ -125,20 +147,21 @@ SavedIdea IdeaInboxStore::save(const QString& idea, const fs::path& directory, c
                                O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, 0600));
         if (!file) {
             temporary.published();  // nothing was created under that name
-            throw SaveError(SaveError::writeFailed);
+            throw SaveError(SaveError::writeFailed, where, lastError());
         }
         if (!writeAll(file.get(), encoded) || ::fchmod(file.get(), 0600) != 0 ||
             ::fsync(file.get()) != 0)
-            throw SaveError(SaveError::writeFailed);
+            throw SaveError(SaveError::writeFailed, where, lastError());
     }
     if (renameExclusive(folder.get(), temporary.c_str(), finalName.c_str()) != 0)
-        throw SaveError(SaveError::writeFailed);
+        throw SaveError(SaveError::writeFailed, where, lastError());
     temporary.published();
     if (::fsync(folder.get()) != 0) {
+        const std::string reason = lastError();
         // A report that cannot be made durable is taken back.
         ::unlinkat(folder.get(), finalName.c_str(), 0);
         ::fsync(folder.get());
-        throw SaveError(SaveError::writeFailed);
+        throw SaveError(SaveError::writeFailed, where, reason);
     }
     return {id, fs::path(standardizedPath(directory.string())) / finalName};
 }

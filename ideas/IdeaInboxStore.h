@@ -50,7 +50,10 @@ struct IdeaInboxStore {
     class SaveError : public std::runtime_error {
       public:
         enum Case { invalidIdea, unsafeDirectory, writeFailed };
-        explicit SaveError(Case which);
+        // what() says what was wrong and, but for an invalid idea, in which
+        // folder: `folder` and the system's `reason` when there is one.
+        explicit SaveError(Case which, const std::filesystem::path& folder = {},
+                           const std::string& reason = {});
         Case which() const { return which_; }
 
       private:

@@ -3,9 +3,12 @@
 // another process sees either the old or the new value.
 #include "Preferences.h"
 
+#include "PreferencesFile.h"
+
 #include <sqlite3.h>
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <mutex>
 #include <nlohmann/json.hpp>
 
@@ -35,6 +38,21 @@ class Statement {
   private:
     sqlite3_stmt* statement_ = nullptr;
 };
+
+bool execute(sqlite3* db, const char* sql) {
+    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
+}
+
+// Runs SQLite's quick check: false when it could not run; `problem` holds its
+// first finding when it ran and found one.
+bool quickCheck(sqlite3* db, std::string* problem) {
+    Statement check(db, "PRAGMA quick_check(1)");
+    if (!check || sqlite3_step(check.get()) != SQLITE_ROW) return false;
+    const auto* text = reinterpret_cast<const char*>(sqlite3_column_text(check.get(), 0));
+    const std::string result = text != nullptr ? text : "";
+    if (result != "ok") *problem = "damaged database (" + result + ")";
+    return true;
+}
 
 // The row's value, or an unreadable answer that keeps its bytes.
 PreferenceRead decodeRow(sqlite3_stmt* row, int typeColumn, int valueColumn) {
@@ -132,7 +150,7 @@ class SqlitePreferences final : public Preferences {
         sqlite3_bind_int(upsert.get(), 3, static_cast<int>(type));
         sqlite3_bind_blob(upsert.get(), 4, bytes.data(), static_cast<int>(bytes.size()),
                           SQLITE_STATIC);
-        return sqlite3_step(upsert.get()) == SQLITE_DONE;
+        return finished(upsert.get());
     }
 
     bool remove(const std::string& key) override {
@@ -141,7 +159,22 @@ class SqlitePreferences final : public Preferences {
         if (!erase) return false;
         erase.bindText(1, domain_);
         erase.bindText(2, key);
-        return sqlite3_step(erase.get()) == SQLITE_DONE;
+        return finished(erase.get());
+    }
+
+    std::string lastWriteFailure() const override {
+        std::lock_guard guard(mutex_);
+        return lastWriteFailure_;
+    }
+
+    bool writeIsPossibleNow() const override {
+        std::lock_guard guard(mutex_);
+        if (PreferencesFile::accessProblem(file_)) return false;
+        sqlite3_busy_timeout(db_, 0);
+        const bool free = execute(db_, "BEGIN IMMEDIATE");
+        if (free) execute(db_, "ROLLBACK");
+        sqlite3_busy_timeout(db_, busyTimeout_);
+        return free;
     }
 
     PreferenceDomainRead readDomain(const std::string& name) const override {
@@ -165,7 +198,27 @@ class SqlitePreferences final : public Preferences {
         return result;
     }
 
+    int busyTimeout_ = 0;
+
   private:
+    // Steps a write to its end; on failure keeps why, naming the file at fault.
+    bool finished(sqlite3_stmt* statement) {
+        if (sqlite3_step(statement) == SQLITE_DONE) {
+            lastWriteFailure_.clear();
+            return true;
+        }
+        const int code = sqlite3_errcode(db_) & 0xff;
+        if (auto problem = PreferencesFile::accessProblem(file_)) {
+            lastWriteFailure_ = problem->what();
+        } else if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
+            lastWriteFailure_ = std::string("the database is in use by another process (") +
+                                sqlite3_errmsg(db_) + ")";
+        } else {
+            lastWriteFailure_ = sqlite3_errmsg(db_);
+        }
+        return false;
+    }
+
     PreferenceRead failure() const {
         PreferenceRead result;
         result.state = PreferenceReadState::failed;
@@ -182,23 +235,22 @@ class SqlitePreferences final : public Preferences {
     sqlite3* db_;
     std::filesystem::path file_;
     std::string domain_;
+    std::string lastWriteFailure_;
     mutable std::mutex mutex_;
 };
-
-bool execute(sqlite3* db, const char* sql) {
-    return sqlite3_exec(db, sql, nullptr, nullptr, nullptr) == SQLITE_OK;
-}
 
 }  // namespace
 
 std::shared_ptr<Preferences> Preferences::open(const std::filesystem::path& file,
                                                const std::string& domain,
-                                               std::chrono::milliseconds busyTimeout) {
+                                               std::chrono::milliseconds busyTimeout,
+                                               std::optional<std::chrono::milliseconds> openWait) {
     std::error_code ignored;
     if (file.has_parent_path() && !std::filesystem::exists(file.parent_path())) {
         std::filesystem::create_directories(file.parent_path(), ignored);
         ::chmod(file.parent_path().c_str(), 0700);
     }
+    if (auto problem = PreferencesFile::accessProblem(file)) throw *problem;
     // Only a file made here is narrowed to the owner; a mode the user chose stays.
     const bool isNew = !std::filesystem::exists(file, ignored);
     sqlite3* db = nullptr;
@@ -207,35 +259,54 @@ std::shared_ptr<Preferences> Preferences::open(const std::filesystem::path& file
         std::string message = db != nullptr ? sqlite3_errmsg(db) : "out of memory";
         sqlite3_close(db);
         throw PreferencesError(PreferencesError::Kind::cannotOpen,
-                               "Cannot open preferences at " + file.string() + ": " + message);
+                               "Cannot open preferences at " + file.string() + ": " + message,
+                               file);
     }
     if (isNew) ::chmod(file.c_str(), 0600);
-    sqlite3_busy_timeout(db, static_cast<int>(busyTimeout.count()));
-    // Large pages keep a megabyte value to a few pages; they only apply to a new file.
-    if (!execute(db, "PRAGMA page_size=65536") || !execute(db, "PRAGMA journal_mode=WAL") ||
-        !execute(db, "PRAGMA synchronous=FULL") ||
-        !execute(db,
-                 "CREATE TABLE IF NOT EXISTS preferences ("
-                 " domain TEXT NOT NULL, key TEXT NOT NULL,"
-                 " type INTEGER NOT NULL, value BLOB NOT NULL,"
-                 " PRIMARY KEY (domain, key)) WITHOUT ROWID") ||
-        !execute(db, "SELECT count(*) FROM preferences")) {
-        const int code = sqlite3_errcode(db) & 0xff;
-        const std::string message = sqlite3_errmsg(db);
+    // At start another process's lock is reported at once, not waited out.
+    sqlite3_busy_timeout(db, static_cast<int>(openWait.value_or(busyTimeout).count()));
+    // Large pages keep a megabyte value to a few pages; they only apply to a new
+    // file. The quick check reads every page, so a damaged one is found here and
+    // not by a later read; the write probe finds another process's write lock.
+    std::string check;
+    const bool prepared =
+        execute(db, "PRAGMA page_size=65536") && execute(db, "PRAGMA journal_mode=WAL") &&
+        execute(db, "PRAGMA synchronous=FULL") &&
+        execute(db,
+                "CREATE TABLE IF NOT EXISTS preferences ("
+                " domain TEXT NOT NULL, key TEXT NOT NULL,"
+                " type INTEGER NOT NULL, value BLOB NOT NULL,"
+                " PRIMARY KEY (domain, key)) WITHOUT ROWID") &&
+        execute(db, "SELECT count(*) FROM preferences") && quickCheck(db, &check) &&
+        execute(db, "BEGIN IMMEDIATE") && execute(db, "ROLLBACK");
+    if (!prepared || !check.empty()) {
+        const int code = check.empty() ? sqlite3_errcode(db) & 0xff : SQLITE_CORRUPT;
+        const std::string message = check.empty() ? sqlite3_errmsg(db) : check;
         sqlite3_close(db);
-        const bool busy = code == SQLITE_BUSY || code == SQLITE_LOCKED;
-        throw PreferencesError(
-            busy ? PreferencesError::Kind::busy : PreferencesError::Kind::cannotOpen,
-            (busy ? "Preferences at " + file.string() + " are in use by another process: "
-                  : "Cannot prepare preferences at " + file.string() + ": ") +
-                message);
+        if (code == SQLITE_BUSY || code == SQLITE_LOCKED) {
+            throw PreferencesError(
+                PreferencesError::Kind::busy,
+                "Preferences at " + file.string() + " are in use by another process: " + message,
+                file);
+        }
+        if (code == SQLITE_NOTADB || code == SQLITE_CORRUPT) {
+            throw PreferencesError(PreferencesError::Kind::notADatabase,
+                                   file.string() + " is not a readable database: " + message, file,
+                                   message);
+        }
+        throw PreferencesError(PreferencesError::Kind::cannotOpen,
+                               "Cannot prepare preferences at " + file.string() + ": " + message,
+                               file);
     }
     if (sqlite3_db_readonly(db, "main") == 1) {
         sqlite3_close(db);
-        throw PreferencesError(PreferencesError::Kind::cannotOpen,
-                               "Preferences at " + file.string() + " cannot be written");
+        throw PreferencesError(PreferencesError::Kind::notWritable,
+                               "Preferences at " + file.string() + " cannot be written", file);
     }
-    return std::make_shared<SqlitePreferences>(db, file, domain);
+    sqlite3_busy_timeout(db, static_cast<int>(busyTimeout.count()));
+    auto store = std::make_shared<SqlitePreferences>(db, file, domain);
+    store->busyTimeout_ = static_cast<int>(busyTimeout.count());
+    return store;
 }
 
 PreferenceRead Preferences::readData(const std::string& key) const {

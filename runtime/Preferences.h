@@ -56,15 +56,28 @@ struct PreferenceDomainRead {
     std::set<std::string> unreadableKeys;
 };
 
+// Why the database could not be opened: another process holds it (`busy`); a
+// file this user may not read and write (`notWritable`: the database, one of its
+// companions or its folder); a file that is not a database or is damaged
+// (`notADatabase`); anything else (`cannotOpen`). `file` is the file at fault.
 class PreferencesError : public std::runtime_error {
   public:
-    enum class Kind { busy, cannotOpen };
-    PreferencesError(Kind kind, const std::string& message)
-        : std::runtime_error(message), kind_(kind) {}
+    enum class Kind { busy, cannotOpen, notWritable, notADatabase };
+    PreferencesError(Kind kind, const std::string& message, std::filesystem::path file = {},
+                     std::string reason = {})
+        : std::runtime_error(message),
+          kind_(kind),
+          file_(std::move(file)),
+          reason_(std::move(reason)) {}
     Kind kind() const { return kind_; }
+    const std::filesystem::path& file() const { return file_; }
+    // SQLite's own words for what is wrong, without the file's name.
+    const std::string& reason() const { return reason_; }
 
   private:
     Kind kind_;
+    std::filesystem::path file_;
+    std::string reason_;
 };
 
 class Preferences {
@@ -72,13 +85,20 @@ class Preferences {
     // The domain that the application's own keys live in.
     static constexpr const char* standardDomain = "standard";
     static constexpr std::chrono::milliseconds defaultBusyTimeout{10000};
+    // How long the application's start waits for another process's write lock
+    // before it reports the database busy.
+    static constexpr std::chrono::milliseconds startWaitLimit{1000};
 
     // Opens (creating if needed) the database at `file` and binds the store to
-    // `domain`. A database held by another process is waited for up to
-    // `busyTimeout`. Throws PreferencesError when it cannot be opened.
+    // `domain`. The files are checked first (see PreferencesFile.h), so that a
+    // start that cannot write leaves no companion behind. A database that another
+    // process holds for writing is waited for up to `openWait` (by
+    // default `busyTimeout`), then reported busy; later reads and writes wait
+    // up to `busyTimeout`. Throws PreferencesError when it cannot be opened for writing.
     static std::shared_ptr<Preferences> open(
         const std::filesystem::path& file, const std::string& domain = standardDomain,
-        std::chrono::milliseconds busyTimeout = defaultBusyTimeout);
+        std::chrono::milliseconds busyTimeout = defaultBusyTimeout,
+        std::optional<std::chrono::milliseconds> openWait = std::nullopt);
     virtual ~Preferences() = default;
 
     virtual const std::string& domain() const = 0;
@@ -91,6 +111,12 @@ class Preferences {
     virtual bool set(const std::string& key, const PreferenceValue& value) = 0;
     virtual bool remove(const std::string& key) = 0;
     virtual PreferenceDomainRead readDomain(const std::string& name) const = 0;
+    // Why the last write was refused, naming the file at fault when one is (a
+    // companion that cannot be written, another process holding the database);
+    // empty when nothing more is known.
+    virtual std::string lastWriteFailure() const { return {}; }
+    // True when a write could start now without waiting for another process.
+    virtual bool writeIsPossibleNow() const { return true; }
 
     // A read that must be of one type: a row of another type is unreadable.
     PreferenceRead readData(const std::string& key) const;

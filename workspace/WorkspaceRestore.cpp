@@ -21,6 +21,10 @@ QString wasWere(int n) {
 QString hasHave(int n) {
     return n == 1 ? "has" : "have";
 }
+// The noun in the number that `n` asks for.
+QString noun(int n, const char* singular, const char* plural) {
+    return QString::fromLatin1(n == 1 ? singular : plural);
+}
 
 }  // namespace
 
@@ -260,20 +264,23 @@ void WorkspaceStore::restore(const SavedWorkspace& saved, bool sanitizingLegacyD
 
     if (invalid > 0) {
         setErrorMessage(sanitizingLegacyData
-                            ? "Legacy workspace migrated; " + count(invalid) + " invalid tab " +
-                                  wasWere(invalid) + " skipped."
-                            : count(invalid) + " structurally invalid saved tab " +
-                                  wasWere(invalid) +
+                            ? "Legacy workspace migrated; " + count(invalid) + " invalid " +
+                                  noun(invalid, "tab ", "tabs ") + wasWere(invalid) + " skipped."
+                            : count(invalid) + " structurally invalid saved " +
+                                  noun(invalid, "tab ", "tabs ") + wasWere(invalid) +
                                   " not opened; the stored data was not rewritten.");
     } else if (duplicates > 0) {
         setErrorMessage(
             sanitizingLegacyData
-                ? "Legacy workspace migrated; " + count(duplicates) +
-                      " duplicate session attachment " + wasWere(duplicates) + " replaced safely."
-                : count(duplicates) + " duplicate saved session attachment " + wasWere(duplicates) +
+                ? "Legacy workspace migrated; " + count(duplicates) + " duplicate session " +
+                      noun(duplicates, "attachment ", "attachments ") + wasWere(duplicates) +
+                      " replaced safely."
+                : count(duplicates) + " duplicate saved session " +
+                      noun(duplicates, "attachment ", "attachments ") + wasWere(duplicates) +
                       " neutralized; the stored data was not rewritten.");
     } else if (orphaned > 0) {
-        setErrorMessage(count(orphaned) + " saved project workspace " + hasHave(orphaned) +
+        setErrorMessage(count(orphaned) + " saved project " +
+                        noun(orphaned, "workspace ", "workspaces ") + hasHave(orphaned) +
                         " no validated catalog owner. Data was preserved and reattach is blocked.");
     }
 

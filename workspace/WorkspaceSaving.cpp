@@ -88,14 +88,43 @@ bool WorkspaceStore::modelIsConsistent(QString* fault) const {
 void WorkspaceStore::saveFailed() {
     storageIsWritable_ = false;
     writeFailed_ = true;
-    setErrorMessage(QStringLiteral("Workspace changes could not be saved to %1. Nothing more is "
-                                   "saved and no terminal is started until Harborlattice "
-                                   "restarts.")
-                        .arg(QString::fromStdString(defaults_->location().string())));
+    writeFailure_ = defaults_->lastWriteFailure();
+    setErrorMessage(savingStoppedMessage());
+    if (!saveRetry_.isActive()) {
+        saveRetry_.setSingleShot(true);
+        saveRetry_.callOnTimeout(this, &WorkspaceStore::retrySave, Qt::UniqueConnection);
+        saveRetry_.start(saveRetryPeriod);
+    }
+}
+
+void WorkspaceStore::retrySave() {
+    if (!writeFailed_) return;
+    // The probe does not wait, so a database still held costs the window nothing.
+    if (operationDepth_ > 0 || !defaults_->writeIsPossibleNow()) {
+        saveRetry_.start(saveRetryPeriod);
+        return;
+    }
+    const QString stopped = savingStoppedMessage();
+    storageIsWritable_ = true;
+    writeFailed_ = false;
+    persist();
+    if (!storageIsWritable_) return;  // failed again: saveFailed() rearmed the retry
+    writeFailure_.clear();
+    if (errorMessage_ && errorMessage_->startsWith(stopped)) setErrorMessage(std::nullopt);
+}
+
+QString WorkspaceStore::savingStoppedMessage() const {
+    const QString cause =
+        writeFailure_.empty() ? QString() : " (" + QString::fromStdString(writeFailure_) + ")";
+    return QStringLiteral(
+               "Workspace changes could not be saved to %1%2. Harborlattice tries "
+               "again every second and saves them as soon as it can; until then no "
+               "terminal is started.")
+        .arg(QString::fromStdString(defaults_->location().string()), cause);
 }
 
 QString WorkspaceStore::refusal() const {
-    if (writeFailed_) return QStringLiteral("Workspace changes cannot be saved.");
+    if (writeFailed_) return savingStoppedMessage();
     return QStringLiteral("Saved workspace data is unreadable and was preserved.");
 }
 

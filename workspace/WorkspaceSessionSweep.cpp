@@ -1,7 +1,7 @@
-// WorkspaceStore's sweep of the node: sessions that no pane, suspended pane or
-// pending close records are shells the user can no longer reach (left behind by
-// a crash between a session's start and its save). Once everything stored was
-// read cleanly they are closed through the ledger, like any other close.
+// WorkspaceStore's sweep of the node: sessions that no pane, suspended pane,
+// pending close or list of recovered sessions records are shells the user can no longer reach (left
+// behind by a crash between a session's start and its save). Once everything stored was read
+// cleanly they are closed through the ledger, like any other close.
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -93,6 +93,7 @@ bool WorkspaceStore::closeSessionsNothingRecords(const std::set<QString>& nodeSe
         recorded.insert(pane.sessionID);
     for (const auto& id : closeLedger_->pending())
         recorded.insert(id);
+    recorded.merge(sessionsWaitingForRecovery());
     for (const QString& id : nodeSessions) {
         if (recorded.count(id) != 0) continue;
         if (closeLedger_->record(id)) closeLedger_->retry(id);

@@ -72,6 +72,7 @@ WorkspaceStore::WorkspaceStore(WorkspaceStoreOptions options, QObject* parent)
         SessionCloseLedger::create(defaults_, client_, std::move(options.closeRetryPolicy));
     readSuspendedPanes();
     restore();
+    openRecoveredSessions();
     closeLedger_->retryAll(retryablePendingCloseIDs_);
 }
 
@@ -289,7 +290,10 @@ bool WorkspaceStore::openProject(const ProjectRecord& project) {
         setErrorMessage(refusal() + " No project was opened.");
         return false;
     }
+    const auto known = projectRoots_.find(project.id);
+    const bool ownerIsNew = known == projectRoots_.end() || known->second != project.root;
     projectRoots_[project.id] = project.root;
+    if (ownerIsNew) renewPanesOfProject(project.id);
     const QString workspaceID = projectWorkspaceID(project.id);
     if (!tabsOfWorkspace(workspaceID).empty()) {
         selectWorkspace(workspaceID);

@@ -8,6 +8,7 @@
 
 #include <QObject>
 #include <QString>
+#include <QTimer>
 #include <QUuid>
 
 #include <chrono>
@@ -37,6 +38,13 @@ struct PaneRuntimePolicy {
     QString unavailableStatus;
 };
 
+// A running session kept across a start over, and the folder it runs in.
+struct RecoveredSession {
+    QString id;
+    QString cwd;
+    bool operator==(const RecoveredSession&) const = default;
+};
+
 struct WorkspaceStoreOptions {
     std::shared_ptr<Preferences> defaults;
     std::vector<ProjectRecord> knownProjects;
@@ -62,6 +70,9 @@ class WorkspaceStore : public QObject {
     static constexpr const char* storageKey = "harborlattice.workspace.simple.v1";
     static constexpr const char* legacyKey = "harborlattice.workspace.v3";
     static constexpr const char* suspendedPanesKey = "harborlattice.sync.suspended-panes.v1";
+    // Sessions kept running across a start over, opened again at the next start.
+    static constexpr const char* recoveredSessionsKey = "harborlattice.recovered-sessions.v1";
+    static inline const QString recoveredTabTitle = QStringLiteral("Recovered terminals");
 
     // Builds the store and restores the saved workspace (panes are made, not started).
     explicit WorkspaceStore(WorkspaceStoreOptions options, QObject* parent = nullptr);
@@ -123,11 +134,31 @@ class WorkspaceStore : public QObject {
     // runs when everything stored was read cleanly and no start is in flight.
     // While starts are in flight it tries again later, a few times.
     void closeUnrecordedSessions(int attemptsRemaining = 10);
+    // The sessions to open again after "Keep a Copy and Start Over…": every
+    // session the node runs, less those whose close is recorded (unless the list
+    // of closes is itself what is cleared). Without a node, those this run knows.
+    std::vector<RecoveredSession> sessionsToKeepAcrossStartOver(bool closeLedgerIsCleared) const;
+    // Adds `sessions` to those the next start opens again; false when the
+    // database refused the write.
+    static bool keepSessionsForRecovery(Preferences& defaults,
+                                        const std::vector<RecoveredSession>& sessions);
+    // Every session the node runs but those left out, each with its folder:
+    // the known one, else the first candidate the node confirms, else none.
+    // Absent when no node answers.
+    static std::optional<std::vector<RecoveredSession>> runningSessions(
+        const NodeClientTransport& client, const std::set<QString>& leaveOut = {},
+        const std::map<QString, QString>& knownFolders = {},
+        const std::vector<QString>& candidateFolders = {});
+    // The scratch directories under `scratchRoot`.
+    static std::vector<QString> scratchFolders(const QString& scratchRoot);
+    // Sessions kept across a start over that wait for their project.
+    std::set<QString> sessionsWaitingForRecovery() const;
     // True when a tab of the workspace has a bell that was not seen.
     bool workspaceHasUnseenBell(const QString& workspaceID) const;
     static constexpr std::chrono::milliseconds sweepPause{3000};
     // A previous shell that nobody reattached or closed is closed after this many days.
     static constexpr int previousShellDays = 7;
+    static constexpr std::chrono::milliseconds saveRetryPeriod{1000};
 
     // The shape of each given project's workspace as other computers see it:
     // directories relative to the project's root, no sessions. A workspace with a
@@ -177,13 +208,19 @@ class WorkspaceStore : public QObject {
                                            bool isReplacementSession,
                                            std::vector<SavedPreviousShell> previousShells = {});
     void appendTab(const QString& title, const PaneContext& context, const QString& workspaceID);
+    // Panes built while their project had no owner here (or another root) are
+    // built again, so that they may reattach now that it has one.
+    void renewPanesOfProject(const QString& projectID);
     void resignFocusedPane();
     void focusSelectedPane();
     void persist();
     // Panes equal layout leaves in every tab, no id repeats, selections exist.
     bool modelIsConsistent(QString* fault) const;
-    // Stops saving after a write that failed, with a message that says so.
+    // Stops saving after a write that failed, says why and where, and tries
+    // again every `saveRetryPeriod` until a save goes through.
     void saveFailed();
+    void retrySave();
+    QString savingStoppedMessage() const;
     QString refusal() const;
     // Records the sessions of `panes` in the ledger before they are closed;
     // false (with a message) when the ledger cannot keep them.
@@ -221,6 +258,8 @@ class WorkspaceStore : public QObject {
     // Start-up.
     void readSuspendedPanes();
     void restore();
+    // Opens the sessions kept across a start over in one Scratch tab.
+    void openRecoveredSessions();
     void freezeStorage(const PreferenceRead& read, const char* key, const QString& message);
     void restore(const SavedWorkspace& saved, bool sanitizingLegacyData);
     bool restoredTabIsStructurallyValid(const SavedTab& tab) const;
@@ -249,6 +288,8 @@ class WorkspaceStore : public QObject {
     // A migration left sessions out of the model: nothing may be swept this run.
     bool migrationDroppedSessions_ = false;
     bool writeFailed_ = false;
+    std::string writeFailure_;
+    QTimer saveRetry_;
     int operationDepth_ = 0;
     // Every session that arrived in this run, so that a sweep never takes one
     // that came up after the node's list was made.

@@ -101,8 +101,22 @@ TEST_F(IdeaComposerTest, ShareIdeaOpensTheSheetAFailedSaveKeepsTheTextAndControl
 
     QTest::keyClicks(field, "Let a tab be dragged");
     QTest::keyClick(field, Qt::Key_Return, Qt::ShiftModifier);  // a line break, as usual
-    QTest::keyClicks(field, "onto another workspace");
+    QTest::keyClicks(field, "onto another");
+    // Tab is text: a Space after it types, it does not press "Queue for agent review".
+    QTest::keyClick(field, Qt::Key_Tab);
+    QTest::keyClick(field, Qt::Key_Space);
+    EXPECT_TRUE(field->hasFocus());
+    EXPECT_FALSE(view->saved());
+    EXPECT_EQ(view->idea(), "Let a tab be dragged\nonto another\t ");
+    QTest::keyClick(field, Qt::Key_Backspace);
+    QTest::keyClick(field, Qt::Key_Backspace);
+    QTest::keyClicks(field, " workspace");
     EXPECT_EQ(view->idea(), "Let a tab be dragged\nonto another workspace");
+    // Control+Tab moves on, as in Qt's editors.
+    QTest::keyClick(field, Qt::Key_Tab, Qt::ControlModifier);
+    EXPECT_TRUE(spinUntil([&] { return !field->hasFocus(); }, std::chrono::seconds(2)));
+    EXPECT_EQ(view->idea(), "Let a tab be dragged\nonto another workspace");
+    field->setFocus();
     EXPECT_EQ(counter->text(), "43/8000 bytes");
     EXPECT_TRUE(queue->isEnabled());
     EXPECT_FALSE(fs::exists(inbox()));
@@ -119,7 +133,9 @@ TEST_F(IdeaComposerTest, ShareIdeaOpensTheSheetAFailedSaveKeepsTheTextAndControl
     EXPECT_FALSE(view->saved());
     auto* failure = find<QLabel>(sheet(), "ideas.failureText");
     ASSERT_NE(failure, nullptr);
-    EXPECT_EQ(failure->text(), "The idea could not be queued safely.");
+    EXPECT_EQ(failure->text(), "The idea could not be queued safely. The idea inbox folder " +
+                                   QString::fromStdString(inbox().string()) +
+                                   " is not private to this user (it is a link or not a folder).");
     EXPECT_EQ(view->idea(), "Let a tab be dragged\nonto another workspace");
     EXPECT_TRUE(fs::is_empty(elsewhere));
     hl::apptest::spinFor(std::chrono::milliseconds(100));

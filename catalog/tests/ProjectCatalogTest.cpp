@@ -113,14 +113,27 @@ TEST_F(ProjectCatalogTest, UnreadableDataIsPreservedThroughEveryOperation) {
         EXPECT_TRUE(catalog.projects().empty());
         EXPECT_EQ(catalog.errorMessage(),
                   "The saved project catalog is unreadable. Its original data was preserved.");
+        // Every refusal says what was refused and why, even after the load's
+        // message was dismissed.
+        const auto refused = [](const char* done) {
+            return "The saved project catalog is unreadable and was preserved, so no project "
+                   "was " +
+                   QString(done) + ". Keep a Copy and Start Over… sets it aside.";
+        };
         EXPECT_FALSE(catalog.add("x", folder("new")));
+        EXPECT_EQ(catalog.errorMessage(), refused("added"));
         EXPECT_FALSE(catalog.rename("a", "x"));
+        EXPECT_EQ(catalog.errorMessage(), refused("renamed"));
         EXPECT_FALSE(catalog.remove("a"));
+        EXPECT_EQ(catalog.errorMessage(), refused("removed"));
         catalog.applySharedProjects({});
         catalog.clearError();
+        int said = 0;
+        QObject::connect(&catalog, &ProjectCatalog::errorMessageChanged, [&] { ++said; });
         EXPECT_FALSE(catalog.add("x", folder("other")));
-        EXPECT_EQ(catalog.errorMessage(),
-                  "The saved project catalog is unreadable. Its original data was preserved.");
+        EXPECT_EQ(catalog.errorMessage(), refused("added"));
+        EXPECT_FALSE(catalog.mayChange("added"));
+        EXPECT_GE(said, 2) << "a second refusal is said again";
         EXPECT_EQ(stored(), bytes);
         EXPECT_EQ(changes, 0);
     }

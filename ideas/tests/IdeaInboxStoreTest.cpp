@@ -109,6 +109,20 @@ TEST_F(IdeaInboxStoreTest, LinksAndNonFoldersOnTheWayAreRefused) {
     EXPECT_EQ(save(inbox), SaveError::unsafeDirectory);
     fs::remove(inbox);
 
+    // Each refusal says what was wrong and which folder.
+    const auto refusal = [&](const fs::path& folder) {
+        try {
+            IdeaInboxStore::save("idea", folder);
+        } catch (const SaveError& error) {
+            return std::string(error.what());
+        }
+        return std::string("saved");
+    };
+    fs::create_directory_symlink(base / "elsewhere", inbox);
+    EXPECT_EQ(refusal(inbox), "The idea inbox folder " + inbox.string() +
+                                  " is not private to this user (it is a link or not a folder).");
+    fs::remove(inbox);
+
     fs::create_directory_symlink(base / "support", base / "linked");
     EXPECT_EQ(save(base / "linked" / "Idea Inbox"), SaveError::unsafeDirectory);
 
@@ -136,8 +150,15 @@ TEST_F(IdeaInboxStoreTest, AnotherOwnersFolderIsRefusedAndAnOpenModeIsRepaired) 
     fs::create_directories(foreign);
     ASSERT_EQ(::chmod(foreign.c_str(), 0755), 0);
     ASSERT_EQ(::chown(foreign.c_str(), 4242, 4242), 0);
-    EXPECT_EQ(failureOf([&] { IdeaInboxStore::save("idea", foreign); }),
-              SaveError::unsafeDirectory);
+    try {
+        IdeaInboxStore::save("idea", foreign);
+        ADD_FAILURE() << "another owner's folder must be refused";
+    } catch (const SaveError& error) {
+        EXPECT_EQ(error.which(), SaveError::unsafeDirectory);
+        EXPECT_EQ(std::string(error.what()),
+                  "The idea inbox folder " + foreign.string() +
+                      " is not private to this user (owned by user 4242, not by user 0).");
+    }
     EXPECT_EQ(modeOf(foreign), 0755u);
     EXPECT_TRUE(fs::is_empty(foreign));
 }

@@ -51,6 +51,15 @@ class FaultyPreferences final : public Preferences {
     PreferenceDomainRead readDomain(const std::string& name) const override {
         return real_->readDomain(name);
     }
+    std::string lastWriteFailure() const override {
+        return allWritesFail || !failingWrites.empty() ? writeFailure : real_->lastWriteFailure();
+    }
+    bool writeIsPossibleNow() const override {
+        return !allWritesFail && real_->writeIsPossibleNow();
+    }
+
+    // What a refused write says about itself.
+    std::string writeFailure = "database is locked";
 
   private:
     std::shared_ptr<Preferences> real_;

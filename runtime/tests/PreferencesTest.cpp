@@ -2,15 +2,18 @@
 // across connections and processes, unreadable rows, and the preferences move.
 #include <gtest/gtest.h>
 #include <sqlite3.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "FaultyPreferences.h"
 #include "Preferences.h"
 #include "PreferencesMigration.h"
+#include "StoredDataRecovery.h"
 #include "TestSupport.h"
 
 using hl::PreferenceData;
@@ -142,49 +145,176 @@ TEST_F(PreferencesTest, UnreadableRowsAreToldFromAbsentAndKeepTheirBytes) {
     EXPECT_EQ(store->text("good"), "fine");
 }
 
-TEST_F(PreferencesTest, ADatabaseHeldByAnotherProcessIsWaitedForThenReported) {
-    {
-        auto store = open();
-        store->set("projects", PreferenceData{"[1]"});
+// A second connection that holds the write lock until it is destroyed.
+class WriterHoldingTheLock {
+  public:
+    explicit WriterHoldingTheLock(const std::filesystem::path& file) {
+        EXPECT_EQ(sqlite3_open(file.c_str(), &raw_), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(raw_, "BEGIN EXCLUSIVE; UPDATE preferences SET value = value;",
+                               nullptr, nullptr, nullptr),
+                  SQLITE_OK);
     }
-    int ready[2];
-    ASSERT_EQ(::pipe(ready), 0);
-    const pid_t holder = ::fork();
-    ASSERT_GE(holder, 0);
-    if (holder == 0) {
-        sqlite3* raw = nullptr;
-        sqlite3_open((dir_ / "prefs.sqlite3").c_str(), &raw);
-        sqlite3_exec(raw,
-                     "PRAGMA locking_mode=EXCLUSIVE; BEGIN EXCLUSIVE;"
-                     "UPDATE preferences SET value = value;",
-                     nullptr, nullptr, nullptr);
-        (void)::write(ready[1], "x", 1);
-        ::sleep(3);
-        sqlite3_exec(raw, "COMMIT", nullptr, nullptr, nullptr);
-        sqlite3_close(raw);
-        ::_exit(0);
+    ~WriterHoldingTheLock() { release(); }
+    void release() {
+        if (raw_ == nullptr) return;
+        sqlite3_exec(raw_, "ROLLBACK", nullptr, nullptr, nullptr);
+        sqlite3_close(raw_);
+        raw_ = nullptr;
     }
-    char byte = 0;
-    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
+
+  private:
+    sqlite3* raw_ = nullptr;
+};
+
+std::string fileBytes(const std::filesystem::path& file) {
+    std::ifstream in(file, std::ios::binary);
+    return std::string(std::istreambuf_iterator<char>(in), {});
+}
+
+unsigned modeOf(const std::filesystem::path& file) {
+    struct stat info {};
+    return ::stat(file.c_str(), &info) == 0 ? info.st_mode & 07777 : 0;
+}
+
+TEST_F(PreferencesTest, AWriterHoldingTheDatabaseIsReportedAndWritesResumeWhenItLetsGo) {
+    const auto file = dir_ / "prefs.sqlite3";
+    auto store =
+        Preferences::open(file, Preferences::standardDomain, std::chrono::milliseconds(50));
+    ASSERT_TRUE(store->set("projects", PreferenceData{"[1]"}));
+    WriterHoldingTheLock holder(file);
+
+    // A start meets the lock: busy, naming the file, without waiting it out.
     try {
-        Preferences::open(dir_ / "prefs.sqlite3", Preferences::standardDomain,
-                          std::chrono::milliseconds(300));
+        Preferences::open(file, Preferences::standardDomain, Preferences::defaultBusyTimeout,
+                          Preferences::startWaitLimit);
         ADD_FAILURE() << "a held database must not open";
     } catch (const hl::PreferencesError& error) {
         EXPECT_EQ(error.kind(), hl::PreferencesError::Kind::busy);
+        EXPECT_EQ(error.file(), file);
     }
-    int status = 0;
-    ::waitpid(holder, &status, 0);
-    ::close(ready[0]);
-    ::close(ready[1]);
-    EXPECT_EQ(open()->data("projects")->bytes, "[1]") << "nothing was overwritten";
+    // A running store's write is refused, says why, and a probe tells when to try again.
+    EXPECT_FALSE(store->writeIsPossibleNow());
+    EXPECT_FALSE(store->set("projects", PreferenceData{"[2]"}));
+    EXPECT_EQ(store->lastWriteFailure(),
+              "the database is in use by another process (database is locked)");
+    EXPECT_EQ(store->data("projects")->bytes, "[1]") << "readers still read";
+
+    holder.release();
+    EXPECT_TRUE(store->writeIsPossibleNow());
+    EXPECT_TRUE(store->set("projects", PreferenceData{"[2]"}));
+    EXPECT_EQ(store->lastWriteFailure(), "");
+    EXPECT_EQ(open()->data("projects")->bytes, "[2]");
 }
 
-TEST_F(PreferencesTest, OpeningSomethingThatIsNoDatabaseFails) {
+TEST_F(PreferencesTest, FilesThatCannotBeWrittenAreNamedAndAStartLeavesNoCompanionBehind) {
+    const auto file = dir_ / "prefs.sqlite3";
+    open()->set("projects", PreferenceData{"[1]"});
+    const std::string before = fileBytes(file);
+
+    // A database of mode 0444: named with its fix, and no -wal or -shm is made.
+    ::chmod(file.c_str(), 0444);
+    try {
+        open();
+        ADD_FAILURE() << "a read-only database must not open";
+    } catch (const hl::PreferencesError& error) {
+        EXPECT_EQ(error.kind(), hl::PreferencesError::Kind::notWritable);
+        EXPECT_EQ(error.file(), file);
+        EXPECT_EQ(std::string(error.what()),
+                  "The file " + file.string() +
+                      " has mode 0444 and cannot be written. Make it readable and writable for "
+                      "your user (chmod 600 " +
+                      file.string() + "), then try again.");
+    }
+    EXPECT_FALSE(std::filesystem::exists(file.string() + "-shm"));
+    EXPECT_FALSE(std::filesystem::exists(file.string() + "-wal"));
+    EXPECT_EQ(fileBytes(file), before);
+
+    // A companion left read-only by an earlier start is named too.
+    ::chmod(file.c_str(), 0600);
+    const std::filesystem::path shm = file.string() + "-shm";
+    { std::ofstream(shm) << ""; }
+    ::chmod(shm.c_str(), 0444);
+    try {
+        open();
+        ADD_FAILURE() << "a read-only companion must not open";
+    } catch (const hl::PreferencesError& error) {
+        EXPECT_EQ(error.kind(), hl::PreferencesError::Kind::notWritable);
+        EXPECT_EQ(error.file(), shm);
+    }
+    EXPECT_EQ(modeOf(shm), 0444u);
+    EXPECT_EQ(fileBytes(file), before);
+
+    // A store running when a companion turns read-only names it on its next write.
+    ::chmod(shm.c_str(), 0600);
+    auto store = open();
+    ::chmod((file.string() + "-wal").c_str(), 0444);
+    EXPECT_FALSE(store->writeIsPossibleNow());
+    EXPECT_EQ(store->lastWriteFailure(), "");
+    ::chmod((file.string() + "-wal").c_str(), 0600);
+    EXPECT_TRUE(store->set("projects", PreferenceData{"[2]"}));
+}
+
+TEST_F(PreferencesTest, AFileThatIsNoDatabaseIsToldApartAndMovedAsideWhole) {
     std::filesystem::create_directories(dir_ / "a-directory");
     EXPECT_THROW(Preferences::open(dir_ / "a-directory"), hl::PreferencesError);
-    { std::ofstream(dir_ / "garbage") << std::string(8192, 'g'); }
-    EXPECT_THROW(Preferences::open(dir_ / "garbage"), hl::PreferencesError);
+
+    // Random bytes.
+    std::string noise(8192, '\0');
+    for (std::size_t i = 0; i < noise.size(); ++i)
+        noise[i] = static_cast<char>((i * 7919 + 13) % 251);
+    { std::ofstream(dir_ / "garbage", std::ios::binary) << noise; }
+    try {
+        Preferences::open(dir_ / "garbage");
+        ADD_FAILURE() << "random bytes must not open";
+    } catch (const hl::PreferencesError& error) {
+        EXPECT_EQ(error.kind(), hl::PreferencesError::Kind::notADatabase);
+    }
+    EXPECT_EQ(fileBytes(dir_ / "garbage"), noise);
+
+    // A database whose second page was overwritten.
+    const auto file = dir_ / "prefs.sqlite3";
+    {
+        auto store = open();
+        for (int i = 0; i < 8; ++i)
+            store->set("value-" + std::to_string(i), PreferenceData{std::string(40000, 'a' + i)});
+    }
+    {
+        std::fstream damage(file, std::ios::in | std::ios::out | std::ios::binary);
+        damage.seekp(65536);
+        damage << noise.substr(0, 4000);
+    }
+    const std::string damaged = fileBytes(file);
+    try {
+        open();
+        ADD_FAILURE() << "a damaged page must be found at the start";
+    } catch (const hl::PreferencesError& error) {
+        EXPECT_EQ(error.kind(), hl::PreferencesError::Kind::notADatabase);
+        EXPECT_EQ(error.file(), file);
+        EXPECT_EQ(error.reason(), "database disk image is malformed");
+    }
+    EXPECT_EQ(fileBytes(file), damaged);
+
+    // Moved aside whole, companions with it; a new database then opens in its place.
+    { std::ofstream(file.string() + "-wal") << "companion"; }
+    const auto moved = hl::StoredDataRecovery::moveDatabaseAside(
+        file, dir_ / "Recovered", std::chrono::system_clock::from_time_t(0));
+    ASSERT_EQ(moved.size(), 2u);
+    EXPECT_EQ(moved[0].key, file.string());
+    EXPECT_EQ(moved[0].file, dir_ / "Recovered" / "prefs.sqlite3-19700101T000000Z");
+    EXPECT_EQ(fileBytes(moved[0].file), damaged);
+    EXPECT_EQ(fileBytes(moved[1].file), "companion");
+    EXPECT_EQ(moved[1].file.string(), moved[0].file.string() + "-wal");
+    EXPECT_EQ(modeOf(moved[0].file), 0600u);
+    EXPECT_EQ(modeOf(dir_ / "Recovered"), 0700u);
+    EXPECT_FALSE(std::filesystem::exists(file.string() + "-wal"));
+    EXPECT_TRUE(open()->set("projects", PreferenceData{"[]"}));
+    // A second move the same second gets a name of its own.
+    open().reset();
+    const auto again = hl::StoredDataRecovery::moveDatabaseAside(
+        file, dir_ / "Recovered", std::chrono::system_clock::from_time_t(0));
+    ASSERT_FALSE(again.empty());
+    EXPECT_EQ(again[0].file, dir_ / "Recovered" / "prefs.sqlite3-19700101T000000Z-1");
+    EXPECT_EQ(fileBytes(moved[0].file), damaged);
 }
 
 TEST_F(PreferencesTest, MigrationMovesRetainedKeysOnceWithoutOverwriting) {

@@ -4,6 +4,7 @@
 // never overwritten, and nothing that was refused leaves a trace.
 #include <gtest/gtest.h>
 
+#include <sqlite3.h>
 #include <sys/stat.h>
 
 #include <fstream>
@@ -162,32 +163,102 @@ TEST_F(StoredDataFaultTest, FailedWritesAreSaidAndRefusedClosesKeepTheirPane) {
     EXPECT_EQ(everything(), before);
     EXPECT_EQ(f.node->sessions(), sessions);
 
-    // A save that fails stops saving, says where, and refuses new terminals.
+    // A save that fails stops saving, says where and why, refuses new terminals
+    // with the same words, and saves again by itself once writes go through.
     faulty->failingWrites.clear();
     faulty->allWritesFail = true;
     store->split(false);
     EXPECT_FALSE(store->storageIsWritable());
-    ASSERT_TRUE(store->errorMessage());
-    EXPECT_TRUE(store->errorMessage()->contains(QString::fromStdString(real->location().string())));
+    const QString stopped = "Workspace changes could not be saved to " +
+                            QString::fromStdString(real->location().string()) +
+                            " (database is locked). Harborlattice tries again every second and "
+                            "saves them as soon as it can; until then no terminal is started.";
+    EXPECT_EQ(store->errorMessage(), stopped);
     store->newTerminal();
-    EXPECT_EQ(store->errorMessage(), "Workspace changes cannot be saved. No terminal was created.");
+    EXPECT_EQ(store->errorMessage(), stopped + " No terminal was created.");
+    spinFor(WorkspaceStore::saveRetryPeriod * 2);
     EXPECT_EQ(everything(), before);
+    EXPECT_EQ(store->selectedTab()->paneCount(), 3) << "the split lives on unsaved";
 
     ProjectCatalog catalog(faulty);
     EXPECT_FALSE(catalog.add("beta", f.project("beta").root)) << "nothing that is not on disk";
+
+    faulty->allWritesFail = false;
+    ASSERT_TRUE(spinUntil([&] { return store->storageIsWritable(); }));
+    EXPECT_EQ(store->errorMessage(), std::nullopt);
+    const auto saved = SavedWorkspace::decode(QByteArray::fromStdString(
+        std::get<PreferenceData>(*real->read(WorkspaceStore::storageKey).value).bytes));
+    ASSERT_EQ(saved.tabs.size(), 1u);
+    EXPECT_EQ(saved.tabs[0].panes.size(), 3u);
+    store->newTerminal();
+    EXPECT_EQ(store->tabs().size(), 2u);
 }
 
-TEST_F(StoredDataFaultTest, KeepACopyAndStartOverCopiesTheExactBytesFirst) {
+// Against the real database: another connection holds the write lock while the
+// store saves; the store stops, says so, and saves again once the lock is gone.
+TEST_F(StoredDataFaultTest, ASaveWhileAnotherConnectionHoldsTheDatabaseResumesOnItsOwn) {
+    const auto file = real->location();
+    f.prefs = hl::Preferences::open(file, hl::Preferences::standardDomain,
+                                    std::chrono::milliseconds(100));
+    auto store = f.makeStore({alpha});
+    ASSERT_TRUE(store->storageIsWritable());
+    sqlite3* holder = nullptr;
+    ASSERT_EQ(sqlite3_open(file.c_str(), &holder), SQLITE_OK);
+    ASSERT_EQ(sqlite3_exec(holder, "BEGIN EXCLUSIVE; UPDATE preferences SET value = value;",
+                           nullptr, nullptr, nullptr),
+              SQLITE_OK);
+    const auto before = everything();
+
+    store->split(true);
+    EXPECT_FALSE(store->storageIsWritable());
+    ASSERT_TRUE(store->errorMessage());
+    EXPECT_TRUE(store->errorMessage()->startsWith("Workspace changes could not be saved to " +
+                                                  QString::fromStdString(file.string()) +
+                                                  " (the database is in use by another process"))
+        << store->errorMessage()->toStdString();
+    spinFor(WorkspaceStore::saveRetryPeriod * 2);
+    EXPECT_FALSE(store->storageIsWritable()) << "still held";
+
+    sqlite3_exec(holder, "ROLLBACK", nullptr, nullptr, nullptr);
+    sqlite3_close(holder);
+    EXPECT_EQ(everything(), before);
+    ASSERT_TRUE(spinUntil([&] { return store->storageIsWritable(); }));
+    EXPECT_EQ(store->errorMessage(), std::nullopt);
+    const auto saved = SavedWorkspace::decode(QByteArray::fromStdString(
+        std::get<PreferenceData>(*real->read(WorkspaceStore::storageKey).value).bytes));
+    EXPECT_EQ(saved.tabs.at(0).panes.size(), 2u);
+}
+
+TEST_F(StoredDataFaultTest, KeepACopyAndStartOverCopiesTheExactBytesFirstAndKeepsEveryShell) {
     const std::string damaged("\x01{\"tabs\": [ half", 16);
     real->set(WorkspaceStore::storageKey, std::string(damaged));  // text, not data
+    const QUuid scratchID = QUuid::createUuid();
+    const QString scratch = f.scratchRoot() + "/" + scratchID.toString(QUuid::WithoutBraces);
+    std::filesystem::create_directories(scratch.toStdString());
+    f.node->adopt("mem-second", alpha.root.toStdString());
+    f.node->adopt("mem-scratch", scratch.toStdString());
+    f.node->adopt("mem-elsewhere", "/nowhere/known");
+    f.node->adopt("mem-pending", alpha.root.toStdString());
     std::set<std::string> keys;
+    std::vector<hl::RecoveredSession> kept;
     {
         auto store = f.makeStore({alpha});
         EXPECT_FALSE(store->storageIsWritable());
         keys = store->damagedKeys();
+        kept = store->sessionsToKeepAcrossStartOver(false);
     }
     ASSERT_EQ(keys, std::set<std::string>{WorkspaceStore::storageKey});
+    // Every running shell, but the one whose close is recorded, with its folder
+    // when the node confirms one of those this computer knows.
+    std::map<QString, QString> keptFolders;
+    for (const auto& session : kept)
+        keptFolders[session.id] = session.cwd;
+    EXPECT_EQ(keptFolders, (std::map<QString, QString>{{"mem-live", alpha.root},
+                                                       {"mem-second", alpha.root},
+                                                       {"mem-scratch", scratch},
+                                                       {"mem-elsewhere", ""}}));
 
+    ASSERT_TRUE(WorkspaceStore::keepSessionsForRecovery(*real, kept));
     const auto folder = f.base / "support" / "Recovered";
     const auto copies = hl::StoredDataRecovery::keepCopiesAndClear(
         *real, std::vector<std::string>(keys.begin(), keys.end()), folder);
@@ -200,10 +271,36 @@ TEST_F(StoredDataFaultTest, KeepACopyAndStartOverCopiesTheExactBytesFirst) {
     ASSERT_EQ(::stat(folder.c_str(), &info), 0);
     EXPECT_EQ(info.st_mode & 0777, 0700u);
 
+    // The next start opens each kept shell in a "Recovered terminals" tab of the
+    // workspace its folder belongs to, saves them, and the sweep of unrecorded
+    // sessions leaves every one running; the one without a known folder waits.
     auto next = f.makeStore({alpha});
     EXPECT_TRUE(next->storageIsWritable());
+    std::map<QString, std::set<QString>> tabs;
+    for (auto* tab : next->tabs()) {
+        EXPECT_EQ(tab->title(), "Recovered terminals");
+        for (auto* pane : tab->panes()) {
+            tabs[hl::workspaceIDFor(tab->projectID())].insert(pane->sessionID().value_or(""));
+            EXPECT_EQ(pane->context().cwd, keptFolders[pane->sessionID().value_or("")]);
+        }
+    }
+    EXPECT_EQ(tabs, (std::map<QString, std::set<QString>>{
+                        {hl::scratchWorkspaceID, {"mem-scratch"}},
+                        {hl::projectWorkspaceID(alpha.id), {"mem-live", "mem-second"}}}));
+    EXPECT_EQ(next->activeWorkspaceID(), hl::scratchWorkspaceID);
+    EXPECT_EQ(next->errorMessage(),
+              "1 recovered terminal keeps running, but its folder belongs to no project here, so "
+              "it has no pane.");
+    EXPECT_EQ(real->textList(WorkspaceStore::recoveredSessionsKey),
+              std::vector<std::string>{"mem-elsewhere\t"});
+    const auto saved = SavedWorkspace::decode(QByteArray::fromStdString(
+        std::get<PreferenceData>(*real->read(WorkspaceStore::storageKey).value).bytes));
+    EXPECT_EQ(saved.tabs.size(), 2u);
+    next->closeUnrecordedSessions();
+    spinFor(std::chrono::milliseconds(300));
+    EXPECT_EQ(f.node->sessions(),
+              (std::set<std::string>{"mem-live", "mem-second", "mem-scratch", "mem-elsewhere"}));
     EXPECT_TRUE(next->openProject(alpha));
-    EXPECT_FALSE(real->read(WorkspaceStore::storageKey).isAbsent());
 }
 
 TEST_F(StoredDataFaultTest, SessionsNothingRecordsAreClosedOnceEverythingWasRead) {

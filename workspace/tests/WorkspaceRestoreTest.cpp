@@ -201,7 +201,7 @@ TEST_F(WorkspaceRestoreTest, InvalidTabsAreCountedAndOnlyTheirMessageIsShown) {
     auto subject = f.makeStore({alpha});
     EXPECT_EQ(
         subject->errorMessage(),
-        "8 structurally invalid saved tab were not opened; the stored data was not rewritten.");
+        "8 structurally invalid saved tabs were not opened; the stored data was not rewritten.");
     ASSERT_EQ(subject->tabs().size(), 2u);
     EXPECT_EQ(subject->tabs()[0]->id(), good.id);
     EXPECT_EQ(subject->tabs()[1]->id(), goodScratch.id);
@@ -253,32 +253,52 @@ TEST_F(WorkspaceRestoreTest, PendingClosesDropPanesAndTheDataIsRewrittenOnce) {
     EXPECT_EQ(f.node->sessions(), std::set<std::string>{"live"});
 }
 
-TEST_F(WorkspaceRestoreTest, ActiveWorkspaceFallsBackAndOrphansKeepTheirData) {
+TEST_F(WorkspaceRestoreTest, ActiveWorkspaceFallsBackAndOrphansKeepTheirDataUntilMapped) {
     SavedTab scratch = tabOf(std::nullopt, {scratchPane()});
     SavedTab project = tabOf(alpha.id, {projectPane(alpha.root)});
-    SavedTab orphan = tabOf(
-        QString("elsewhere"),
-        {SavedPane{QUuid::createUuid(), QString("o1"),
-                   PaneContext{QString("elsewhere"), "/somewhere/else", std::nullopt}, false}},
-        "Orphan");
+    const hl::ProjectRecord elsewhere = f.project("elsewhere");
+    SavedTab orphan =
+        tabOf(elsewhere.id,
+              {SavedPane{QUuid::createUuid(), QString("o1"),
+                         PaneContext{elsewhere.id, elsewhere.root, std::nullopt}, false}},
+              "Orphan");
+    SavedTab other =
+        tabOf(QString("other"),
+              {SavedPane{QUuid::createUuid(), QString("o2"),
+                         PaneContext{QString("other"), "/somewhere/else", std::nullopt}, false}},
+              "Other");
+    f.node->adopt("o1", elsewhere.root.toStdString());
     // The named workspace has no tab: the selected tab's workspace wins.
-    store(SavedWorkspace{QString("project:nothing"), project.id, {}, {scratch, project, orphan}});
+    store(SavedWorkspace{
+        QString("project:nothing"), project.id, {}, {scratch, project, orphan, other}});
     {
         auto subject = f.makeStore({alpha});
         EXPECT_EQ(subject->activeWorkspaceID(), "project:" + alpha.id);
         EXPECT_EQ(subject->errorMessage(),
-                  "1 saved project workspace has no validated catalog owner. Data was preserved "
+                  "2 saved project workspaces have no validated catalog owner. Data was preserved "
                   "and reattach is blocked.");
         EXPECT_TRUE(subject->storageIsWritable());
         auto* orphanPane = subject->tabs()[2]->panes()[0];
         orphanPane->controller().requestFocus();
         EXPECT_EQ(orphanPane->controller().status(),
                   "Project ownership unavailable · reattach blocked");
-        subject->selectWorkspace("scratch");  // saving goes on, orphan included
+        subject->selectWorkspace("scratch");  // saving goes on, orphans included
         const auto written =
             SavedWorkspace::decode(QByteArray::fromStdString(f.stored(WorkspaceStore::storageKey)));
-        ASSERT_EQ(written.tabs.size(), 3u);
+        ASSERT_EQ(written.tabs.size(), 4u);
         EXPECT_EQ(written.tabs[2].panes[0].sessionID, "o1");
+
+        // Its project mapped again, the orphan's pane reattaches without a restart.
+        ASSERT_TRUE(subject->openProject(elsewhere));
+        EXPECT_EQ(subject->activeWorkspaceID(), "project:" + elsewhere.id);
+        hl::TerminalPane* mapped = subject->tabs()[2]->panes()[0];
+        mapped->controller().requestFocus();
+        ASSERT_TRUE(spinUntil([&] { return mapped->controller().isConnected(); }));
+        EXPECT_EQ(mapped->controller().sessionID(), "o1");
+        EXPECT_EQ(f.node->sessions().count("o1"), 1u);
+        auto* still = subject->tabs()[3]->panes()[0];
+        still->controller().requestFocus();
+        EXPECT_EQ(still->controller().status(), "Project ownership unavailable · reattach blocked");
     }
     // Neither names a remaining tab: the first tab's workspace.
     store(SavedWorkspace{QString("project:nothing"), QUuid::createUuid(), {}, {scratch, project}});
