@@ -208,13 +208,17 @@ TEST(SuspendedPaneTest, PanesRemovedElsewhereKeepTheirShellsAndComeBackToThem) {
         "HL_MARK=kept-$((6*7)); echo marker-$((6*7))\n");
     ASSERT_TRUE(shows(leaving, "marker-42"));
 
-    // Concurrent renames, B's the later: A keeps its two-pane state as a copy.
+    // Concurrent renames of the project and its tab, B's the later: A keeps its
+    // two-pane tab as a copy.
     clockB += 60'000;
     b.catalog->rename(alpha.id, "From B");
+    b.store->renameProject(alpha.id, "From B");
     ASSERT_TRUE(b.delivered());
     a.catalog->rename(alpha.id, "From A");
+    a.store->renameProject(alpha.id, "From A");
     ASSERT_TRUE(a.delivered());
     ASSERT_EQ(a.sync->recoveryCount(), 1);
+    EXPECT_EQ(a.store->tabs()[0]->title(), "From B");
 
     // A closes the second pane: B suspends it, and its shell lives on.
     clockA += 120'000;
