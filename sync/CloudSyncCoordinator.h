@@ -55,7 +55,7 @@ class CloudSyncCoordinator : public QObject {
     static constexpr const char* pendingKey = "harborlattice.sync.pending.v1";
     static constexpr const char* recoveryKey = "harborlattice.sync.recovery.v1";
     static constexpr const char* deviceKey = "harborlattice.sync.device.v1";
-    static constexpr int maximumRecoveryCopies = 10;
+    static constexpr int maximumRecoveryCopies = 100;
     static constexpr std::chrono::milliseconds uploadDelay{450};
 
     // `transport` empty means the one HARBORLATTICE_SYNC_URL names.
