@@ -42,8 +42,8 @@ QString renameProjectMessage(bool mutationsAreAllowed) {
 QString removeProjectMessage(const QString& name, bool mutationsAreAllowed, bool hasWorkspace) {
     if (!mutationsAreAllowed)
         return unreadableWorkspace + " Resolve that problem before removing " + name + ".";
-    const QString others = platformText(runningTextPlatform(), "your other Macs",
-                                        "your other computers");
+    const QString others =
+        platformText(runningTextPlatform(), "your other Macs", "your other computers");
     if (hasWorkspace) {
         return "This closes every terminal in " + name + ", here and on " + others +
                ", and removes its saved workspace. The folder and its files will not be changed.";

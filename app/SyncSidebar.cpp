@@ -79,9 +79,7 @@ QString SyncTexts::recoveryObjects(const SyncRecoveryCopy& copy) {
 
 QString SyncTexts::suspendedTerminals(std::size_t count) {
     if (count == 0) return QStringLiteral("No suspended terminals");
-    return QStringLiteral("%1 suspended terminal%2")
-        .arg(count)
-        .arg(count == 1 ? "" : "s");
+    return QStringLiteral("%1 suspended terminal%2").arg(count).arg(count == 1 ? "" : "s");
 }
 
 QString SyncTexts::timeAgo(SharedDate then, SharedDate now) {
@@ -200,7 +198,8 @@ void SyncSidebar::updateStatus() {
     statusIcon_->setPixmap(symbolPixmap(sync_->status().systemImage(), 12));
     restore_->setVisible(sync_->recoveryCount() > 0);
     if (workspace_)
-        suspendedCount_->setText(SyncTexts::suspendedTerminals(workspace_->suspendedPanes().size()));
+        suspendedCount_->setText(
+            SyncTexts::suspendedTerminals(workspace_->suspendedPanes().size()));
 }
 
 void SyncSidebar::rebuildSection() {

@@ -262,19 +262,17 @@ void CloudSyncCoordinator::publish(const SharedContent& content, std::function<v
     const std::optional<QUuid> base =
         accepted_ ? std::optional<QUuid>(accepted_->revision()) : std::nullopt;
     auto survivor = std::make_shared<std::optional<SharedSnapshot>>();
-    offMainThread(
-        [survivor, sent = *snapshot, base, transport = transport_] {
-            *survivor = transport->exchangeFrom(sent, base);
-        },
-        [this, survivor, sent = *snapshot, finish](std::exception_ptr error) {
-            if (error) return failRefresh(error);
-            try {
-                settleWith(sent, **survivor);
-            } catch (...) {
-                return failRefresh(std::current_exception());
-            }
-            finish();
-        });
+    offMainThread([survivor, sent = *snapshot, base,
+                   transport = transport_] { *survivor = transport->exchangeFrom(sent, base); },
+                  [this, survivor, sent = *snapshot, finish](std::exception_ptr error) {
+                      if (error) return failRefresh(error);
+                      try {
+                          settleWith(sent, **survivor);
+                      } catch (...) {
+                          return failRefresh(std::current_exception());
+                      }
+                      finish();
+                  });
 }
 
 void CloudSyncCoordinator::settleWith(const SharedSnapshot& sent, const SharedSnapshot& survivor) {

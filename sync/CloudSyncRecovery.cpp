@@ -41,7 +41,10 @@ SyncRecoveryCopy copyFromEntry(QJsonObject object) {
     object["modifiedAt"] = (object["modifiedAt"].toDouble() + secondsFrom1970To2001) * 1000.0;
     SyncRecoveryCopy copy{
         SharedSnapshotCodec::decode(QJsonDocument(object).toJson(QJsonDocument::Compact)),
-        object["deviceName"].toString(), {}, {}, true};
+        object["deviceName"].toString(),
+        {},
+        {},
+        true};
     if (object["restores"].isObject()) {
         copy.whole = false;
         const QJsonObject restores = object["restores"].toObject();

@@ -94,8 +94,9 @@ void loseTab(SharedLosses& losses, const SharedProject& project, const SharedTab
     if (!std::any_of(losses.content.projects.begin(), losses.content.projects.end(),
                      [&](const SharedProject& p) { return p.id == project.id; }))
         losses.content.projects.append(project);
-    auto workspace = std::find_if(losses.content.workspaces.begin(), losses.content.workspaces.end(),
-                                  [&](const SharedWorkspace& w) { return w.projectID == project.id; });
+    auto workspace =
+        std::find_if(losses.content.workspaces.begin(), losses.content.workspaces.end(),
+                     [&](const SharedWorkspace& w) { return w.projectID == project.id; });
     if (workspace == losses.content.workspaces.end()) {
         losses.content.workspaces.append(SharedWorkspace{project.id, {}, std::nullopt});
         workspace = losses.content.workspaces.end() - 1;
@@ -136,8 +137,8 @@ std::optional<SharedTab> mergeTab(const Three<SharedTab>& tab, bool localIsLater
         const auto shape = mergeField(base ? std::optional(shapeOf(*base)) : std::nullopt,
                                       shapeOf(*local), shapeOf(*remote), localIsLater);
         const auto selected =
-            mergeField(baseField(base, &SharedTab::selectedPaneID),
-                       local->selectedPaneID, remote->selectedPaneID, localIsLater);
+            mergeField(baseField(base, &SharedTab::selectedPaneID), local->selectedPaneID,
+                       remote->selectedPaneID, localIsLater);
         if (title.conflict || shape.conflict) {
             if (localIsLater) {
                 loseTab(merge.remoteLosses, remoteProject, *remote);
@@ -240,10 +241,9 @@ std::optional<SharedWorkspace> mergeWorkspace(const Three<SharedWorkspace>& work
     const auto selectedOf = [](const std::optional<SharedWorkspace>& side) {
         return side ? side->selectedTabID : std::nullopt;
     };
-    merged.selectedTabID =
-        mergeField(baseField(base, &SharedWorkspace::selectedTabID), selectedOf(local),
-                   selectedOf(remote), localIsLater)
-            .value;
+    merged.selectedTabID = mergeField(baseField(base, &SharedWorkspace::selectedTabID),
+                                      selectedOf(local), selectedOf(remote), localIsLater)
+                               .value;
     if (merged.selectedTabID && kept.count(*merged.selectedTabID) == 0)
         merged.selectedTabID = merged.tabs.front().id;
     return merged;
@@ -266,13 +266,12 @@ SharedMerge mergeSharedContent(const SharedContent& base, const SharedContent& l
     for (const QString& id : ids) {
         const Three<SharedProject> project{lookUp(baseProjects, id), lookUp(localProjects, id),
                                            lookUp(remoteProjects, id)};
-        const Three<SharedWorkspace> workspace{lookUp(baseWorkspaces, id),
-                                               lookUp(localWorkspaces, id),
-                                               lookUp(remoteWorkspaces, id)};
+        const Three<SharedWorkspace> workspace{
+            lookUp(baseWorkspaces, id), lookUp(localWorkspaces, id), lookUp(remoteWorkspaces, id)};
         if (project.local && project.remote) {
             const auto& [b, l, r] = project;
-            const auto name =
-                mergeField(b ? std::optional(b->name) : std::nullopt, l->name, r->name, localIsLater);
+            const auto name = mergeField(b ? std::optional(b->name) : std::nullopt, l->name,
+                                         r->name, localIsLater);
             const auto origin = mergeField(baseField(b, &SharedProject::origin), l->origin,
                                            r->origin, localIsLater);
             if (name.conflict || origin.conflict) {

@@ -33,18 +33,18 @@ SharedSnapshot SharedStateTransport::exchangeFrom(const SharedSnapshot& snapshot
 }
 
 SharedSnapshot RecordSharedStateTransport::exchange(const SharedSnapshot& snapshot) {
-    return exchangeWhile(snapshot, [](const SharedSnapshot& found,
-                                      const SharedSnapshot& candidate) {
-        return found.isNewer(candidate);
-    });
+    return exchangeWhile(snapshot,
+                         [](const SharedSnapshot& found, const SharedSnapshot& candidate) {
+                             return found.isNewer(candidate);
+                         });
 }
 
 SharedSnapshot RecordSharedStateTransport::exchangeFrom(const SharedSnapshot& snapshot,
                                                         const std::optional<QUuid>& base) {
-    return exchangeWhile(snapshot, [base](const SharedSnapshot& found,
-                                          const SharedSnapshot& candidate) {
-        return found.revision() != base && found.revision() != candidate.revision();
-    });
+    return exchangeWhile(
+        snapshot, [base](const SharedSnapshot& found, const SharedSnapshot& candidate) {
+            return found.revision() != base && found.revision() != candidate.revision();
+        });
 }
 
 SharedSnapshot RecordSharedStateTransport::exchangeWhile(

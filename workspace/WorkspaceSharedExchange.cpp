@@ -261,9 +261,8 @@ void WorkspaceStore::fileSuspendedPane(const SuspendedPane& pane) {
 
 void WorkspaceStore::boundSuspendedPanes() {
     if (!suspendedPanesAreWritable_) return;  // the list stays as it was read
-    const double oldest =
-        suspendedPaneClock() -
-        std::chrono::duration<double, std::milli>(suspendedPaneLifetime).count();
+    const double oldest = suspendedPaneClock() -
+                          std::chrono::duration<double, std::milli>(suspendedPaneLifetime).count();
     std::map<QString, std::vector<const SuspendedPane*>> byProject;
     for (const auto& [id, pane] : suspendedPanes_)
         byProject[pane.projectID].push_back(&pane);

@@ -122,9 +122,10 @@ TEST(SyncWindowTest, RestorePreviousSaysWhatItBringsBackAsksAndRestoresOnlyThat)
     ASSERT_TRUE(spinUntil([&] { return a.app->workspace().tabs()[0]->title() == "Theirs"; }));
 
     // Asked first: cancelling changes nothing.
-    const QString question = QString::fromUtf8(
-        "Restore tab \u201CMine\u201D of \u201Calpha\u201D as %1 had it just now?")
-                                 .arg(hl::DeviceCopyEndpoint::discover().deviceName);
+    const QString question =
+        QString::fromUtf8(
+            "Restore tab \u201CMine\u201D of \u201Calpha\u201D as %1 had it just now?")
+            .arg(hl::DeviceCopyEndpoint::discover().deviceName);
     for (const char* answer : {"sync.restore.cancel", "sync.restore.restore"}) {
         restore->click();
         QMessageBox* dialog = nullptr;

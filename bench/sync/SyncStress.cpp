@@ -179,9 +179,8 @@ struct Stress {
         } else if (roll < 70 && !tabs.empty()) {
             TerminalTab* tab = tabs[random->bounded(static_cast<quint32>(tabs.size()))];
             if (tab->paneCount() < 2) return;
-            const QUuid pane = tab->panes()[random->bounded(
-                                                 static_cast<quint32>(tab->paneCount()))]
-                                   ->id();
+            const QUuid pane =
+                tab->panes()[random->bounded(static_cast<quint32>(tab->paneCount()))]->id();
             const QUuid tabID = tab->id();
             core.store->selectTab(tabID);
             core.store->selectPane(pane);
@@ -311,8 +310,7 @@ int runStress(const char* name, const std::function<std::shared_ptr<SharedStateT
             std::printf("%s: the shared project never arrived\n", name);
             return 1;
         }
-        core.sync->mapProject(core.sync->unmappedProjects().front(),
-                              core.f.project("shared").root);
+        core.sync->mapProject(core.sync->unmappedProjects().front(), core.f.project("shared").root);
     }
     stress.clock.start();
     for (int i = 0; i < instances; ++i) {
@@ -352,11 +350,11 @@ int runStress(const char* name, const std::function<std::shared_ptr<SharedStateT
     if (!agreed) {
         for (std::size_t i = 0; i < stress.cores.size(); ++i) {
             const auto& sync = *stress.cores[i]->sync;
-            std::printf("%s:   core %zu: %s, pending %d, accepted %s, same content %d\n", name,
-                        i + 1, qPrintable(sync.status().title()), sync.pending().has_value(),
-                        sync.accepted() ? qPrintable(sharedUuidText(sync.accepted()->revision()))
-                                        : "none",
-                        stored && sync.sharedContent() == stored->content());
+            std::printf(
+                "%s:   core %zu: %s, pending %d, accepted %s, same content %d\n", name, i + 1,
+                qPrintable(sync.status().title()), sync.pending().has_value(),
+                sync.accepted() ? qPrintable(sharedUuidText(sync.accepted()->revision())) : "none",
+                stored && sync.sharedContent() == stored->content());
         }
         std::printf("%s:   record %s\n", name,
                     stored ? qPrintable(sharedUuidText(stored->revision())) : "absent");
@@ -406,10 +404,11 @@ int runStress(const char* name, const std::function<std::shared_ptr<SharedStateT
                 agreed ? "every instance and the record agree" : "instances DISAGREE");
     std::printf("%s: lost acknowledged changes: %d\n", name, lost);
     const double p95 = percentile(ledger.undisturbedDelays, 0.95);
-    std::printf("%s: change to other instance  median %.3f s  p95 %.3f s over %zu arrivals while "
-                "every record was in reach (goal p95 < 1.5 s: %s)\n",
-                name, percentile(ledger.undisturbedDelays, 0.5), p95,
-                ledger.undisturbedDelays.size(), p95 < 1.5 ? "met" : "missed");
+    std::printf(
+        "%s: change to other instance  median %.3f s  p95 %.3f s over %zu arrivals while "
+        "every record was in reach (goal p95 < 1.5 s: %s)\n",
+        name, percentile(ledger.undisturbedDelays, 0.5), p95, ledger.undisturbedDelays.size(),
+        p95 < 1.5 ? "met" : "missed");
     std::printf("%s:   all %zu arrivals, outages included: median %.3f s  p95 %.3f s\n", name,
                 ledger.delays.size(), percentile(ledger.delays, 0.5),
                 percentile(ledger.delays, 0.95));

@@ -225,9 +225,9 @@ TEST(StoredSyncStateTest, UnreadableSyncKeysAreCopiedOutAndReplacedWhileSyncGoes
     SharedContent theirs = hl::SharedSnapshotCodec::decode(record->payload()).content();
     theirs.workspaces[0].tabs[0].title = "Their name";
     a.store->renameProject(a.catalog->projects()[0].id, "Lost name");
-    record->setPayload(hl::SharedSnapshotCodec::encode(SharedSnapshot(
-        QUuid::createUuid(), theirs, QUuid::createUuid(),
-        hl::sharedDateNow() + std::chrono::hours(1))));
+    record->setPayload(hl::SharedSnapshotCodec::encode(
+        SharedSnapshot(QUuid::createUuid(), theirs, QUuid::createUuid(),
+                       hl::sharedDateNow() + std::chrono::hours(1))));
     ASSERT_TRUE(a.delivered());
     ASSERT_EQ(a.sync->recoveryCount(), 1);
     std::string goodList = a.f.prefs->read(CloudSyncCoordinator::recoveryKey).storedBytes;

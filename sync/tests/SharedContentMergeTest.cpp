@@ -84,7 +84,8 @@ Edit addProject(const QString& id) {
 Edit removeAlpha() {
     return [](SharedContent& content) {
         content.projects.removeIf([](const SharedProject& p) { return p.id == "alpha"; });
-        content.workspaces.removeIf([](const SharedWorkspace& w) { return w.projectID == "alpha"; });
+        content.workspaces.removeIf(
+            [](const SharedWorkspace& w) { return w.projectID == "alpha"; });
     };
 }
 
@@ -119,8 +120,8 @@ TEST(SharedContentMergeTest, DifferentObjectsBothSurviveAndTheSameObjectKeepsThe
     const std::vector<Row> table = {
         {"projects added on each side", addProject("gamma"), addProject("delta"), false,
          Outcome::Both},
-        {"a rename and a split of the same project", rename("alpha", "Renamed"), split(0, "vertical"),
-         false, Outcome::Both},
+        {"a rename and a split of the same project", rename("alpha", "Renamed"),
+         split(0, "vertical"), false, Outcome::Both},
         {"splits of two tabs", split(0, "horizontal"), split(1, "vertical"), true, Outcome::Both},
         {"a title and a split of the same tab", retitle(1, "logs"), split(1, "vertical"), false,
          Outcome::Both},
@@ -131,18 +132,42 @@ TEST(SharedContentMergeTest, DifferentObjectsBothSurviveAndTheSameObjectKeepsThe
          Outcome::Both},
         {"a removal of an untouched project", addProject("gamma"), removeAlpha(), false,
          Outcome::Both},
-        {"split right and split down of one tab, the later remote", split(1, "horizontal"),
-         split(1, "vertical"), false, Outcome::RemoteOnly, {}, {1}},
-        {"split right and split down of one tab, the later local", split(1, "horizontal"),
-         split(1, "vertical"), true, Outcome::LocalOnly, {}, {1}},
-        {"two renames of one project", rename("beta", "Mine"), rename("beta", "Theirs"), false,
-         Outcome::RemoteOnly, {"beta"}},
-        {"a removal that wins over a split", split(0, "vertical"), removeAlpha(), false,
-         Outcome::RemoteOnly, {"alpha"}, {0, 1}},
+        {"split right and split down of one tab, the later remote",
+         split(1, "horizontal"),
+         split(1, "vertical"),
+         false,
+         Outcome::RemoteOnly,
+         {},
+         {1}},
+        {"split right and split down of one tab, the later local",
+         split(1, "horizontal"),
+         split(1, "vertical"),
+         true,
+         Outcome::LocalOnly,
+         {},
+         {1}},
+        {"two renames of one project",
+         rename("beta", "Mine"),
+         rename("beta", "Theirs"),
+         false,
+         Outcome::RemoteOnly,
+         {"beta"}},
+        {"a removal that wins over a split",
+         split(0, "vertical"),
+         removeAlpha(),
+         false,
+         Outcome::RemoteOnly,
+         {"alpha"},
+         {0, 1}},
         {"a split that wins over a removal", split(0, "vertical"), removeAlpha(), true,
          Outcome::LocalOnly},
-        {"a closed tab that wins over its retitle", retitle(0, "kept?"), closeTab(0), false,
-         Outcome::RemoteOnly, {}, {0}},
+        {"a closed tab that wins over its retitle",
+         retitle(0, "kept?"),
+         closeTab(0),
+         false,
+         Outcome::RemoteOnly,
+         {},
+         {0}},
     };
     for (const Row& row : table) {
         SCOPED_TRACE(row.name);
@@ -161,9 +186,8 @@ TEST(SharedContentMergeTest, DifferentObjectsBothSurviveAndTheSameObjectKeepsThe
                 expected = remote;
                 break;
         }
-        const SharedMerge merge =
-            mergeSharedContent(base(), local.canonicalized(), remote.canonicalized(),
-                               row.localIsLater);
+        const SharedMerge merge = mergeSharedContent(base(), local.canonicalized(),
+                                                     remote.canonicalized(), row.localIsLater);
         EXPECT_NO_THROW(merge.merged.validated());
         EXPECT_EQ(merge.merged, expected.canonicalized());
         const SharedLosses& lost = row.localIsLater ? merge.remoteLosses : merge.localLosses;
@@ -218,8 +242,7 @@ TEST(SharedContentMergeTest, RestoringALostTabNeverTakesAwayAnotherComputersProj
     EXPECT_NO_THROW(restored.validated());
     EXPECT_EQ(restored.projects.size(), 3);
     EXPECT_EQ(project(const_cast<SharedContent&>(restored), "beta").name, "Renamed since");
-    EXPECT_EQ(alphaSpace(const_cast<SharedContent&>(restored)).tabs,
-              alphaSpace(lostSide).tabs);
+    EXPECT_EQ(alphaSpace(const_cast<SharedContent&>(restored)).tabs, alphaSpace(lostSide).tabs);
 }
 
 }  // namespace

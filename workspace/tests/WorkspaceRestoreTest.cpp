@@ -251,8 +251,8 @@ TEST_F(WorkspaceRestoreTest, SuspendedPanesAreReadAndClosedWithTheirProject) {
         EXPECT_EQ(f.stored(WorkspaceStore::suspendedPanesKey), "[{\"id\":\"nonsense\"}]");
     }
     const double now = hl::suspendedPaneClock();
-    const hl::SuspendedPane waiting{QUuid::createUuid(), alpha.id, alpha.root, "waiting", true,
-                                    now};
+    const hl::SuspendedPane waiting{QUuid::createUuid(), alpha.id, alpha.root,
+                                    "waiting",           true,     now};
     store(WorkspaceStore::suspendedPanesKey, hl::encodeSuspendedPanes({waiting, waiting}));
     EXPECT_TRUE(f.makeStore({alpha})->suspendedPanes().empty()) << "a repeated id drops the list";
 
@@ -270,17 +270,17 @@ TEST_F(WorkspaceRestoreTest, SuspendedPanesAreReadAndClosedWithTheirProject) {
     store(WorkspaceStore::suspendedPanesKey, hl::encodeSuspendedPanes(stored));
     auto subject = f.makeStore({alpha});
     auto kept = subject->suspendedPanes();
-    std::sort(kept.begin(), kept.end(), [](const auto& a, const auto& b) {
-        return a.suspendedAt > b.suspendedAt;
-    });
+    std::sort(kept.begin(), kept.end(),
+              [](const auto& a, const auto& b) { return a.suspendedAt > b.suspendedAt; });
     std::vector<hl::SuspendedPane> newest{stored[0]};
     newest.insert(newest.end(), stored.begin() + 2, stored.end() - 1);
     EXPECT_EQ(kept, newest);
     ASSERT_TRUE(spinUntil([&] { return f.node->sessions().size() == 8; }));
     EXPECT_EQ(f.node->sessions().count("s0"), 0u) << "the old one";
     EXPECT_EQ(f.node->sessions().count("s8"), 0u) << "the oldest past eight";
-    EXPECT_EQ(hl::decodeSuspendedPanes(QByteArray::fromStdString(
-                  f.stored(WorkspaceStore::suspendedPanesKey))).size(),
+    EXPECT_EQ(hl::decodeSuspendedPanes(
+                  QByteArray::fromStdString(f.stored(WorkspaceStore::suspendedPanesKey)))
+                  .size(),
               8u);
 
     EXPECT_TRUE(subject->removeProject(alpha.id));
