@@ -415,6 +415,7 @@ void CloudSyncCoordinator::failRefresh(std::exception_ptr error) {
     } catch (...) {
     }
     setStatus(status);
+    refreshAgain_ = false;  // a failure waits for the next tick, never a loop
     endRefresh();
 }
 
