@@ -1,6 +1,8 @@
 // State-dependent texts of the main window.
 #include "ContentTexts.h"
 
+#include "PlatformWords.h"
+
 namespace hl {
 
 namespace {
@@ -40,11 +42,14 @@ QString renameProjectMessage(bool mutationsAreAllowed) {
 QString removeProjectMessage(const QString& name, bool mutationsAreAllowed, bool hasWorkspace) {
     if (!mutationsAreAllowed)
         return unreadableWorkspace + " Resolve that problem before removing " + name + ".";
+    const QString others =
+        platformText(runningTextPlatform(), "your other Macs", "your other computers");
     if (hasWorkspace) {
-        return "This closes every terminal in " + name +
-               " and removes its saved workspace. The folder and its files will not be changed.";
+        return "This closes every terminal in " + name + ", here and on " + others +
+               ", and removes its saved workspace. The folder and its files will not be changed.";
     }
-    return "This removes " + name + " from the list. The folder and its files will not be changed.";
+    return "This removes " + name + " from the list and closes its terminals on " + others +
+           ". The folder and its files will not be changed.";
 }
 
 }  // namespace hl

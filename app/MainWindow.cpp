@@ -27,7 +27,8 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
                            [&app, this] { offerKeepCopyAndStartOver(app, this); });
     installSyncSidebar(
         app.sync(), content_,
-        [this](const ProjectRecord& record) { content_->openProject(record); }, &app.projectCopy());
+        [this](const ProjectRecord& record) { content_->openProject(record); }, &app.projectCopy(),
+        &app.workspace());
 
     WorkspaceStore& workspace = app.workspace();
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));

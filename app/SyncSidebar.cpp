@@ -47,16 +47,76 @@ QString SyncTexts::setUpMessage(const SharedProject& project, TextPlatform p) {
                         ". Copy it to the same path on this computer?");
 }
 
+QString SyncTexts::recoveryObjects(const SyncRecoveryCopy& copy) {
+    const SharedLosses losses = copy.losses();
+    const SharedContent& content = copy.snapshot.content();
+    const auto nameOf = [&](const QString& id) {
+        for (const auto& project : content.projects) {
+            if (project.id == id) return project.name;
+        }
+        return id;
+    };
+    QStringList items;
+    for (const auto& id : losses.projectIDs)
+        items.append(QString::fromUtf8("\u201C%1\u201D").arg(nameOf(id)));
+    for (const auto& workspace : content.workspaces) {
+        if (losses.projectIDs.contains(workspace.projectID)) continue;  // named with it
+        for (const auto& tab : workspace.tabs) {
+            if (!losses.tabIDs.contains(tab.id)) continue;
+            items.append(QString::fromUtf8("tab \u201C%1\u201D of \u201C%2\u201D")
+                             .arg(tab.title, nameOf(workspace.projectID)));
+        }
+    }
+    if (items.size() > 3) {
+        const auto more = items.size() - 2;
+        items = items.mid(0, 2);
+        items.append(QStringLiteral("%1 more").arg(more));
+    }
+    if (items.size() <= 1) return items.value(0);
+    const QString last = items.takeLast();
+    return items.join(QStringLiteral(", ")) + " and " + last;
+}
+
+QString SyncTexts::suspendedTerminals(std::size_t count) {
+    if (count == 0) return QStringLiteral("No suspended terminals");
+    return QStringLiteral("%1 suspended terminal%2").arg(count).arg(count == 1 ? "" : "s");
+}
+
+QString SyncTexts::timeAgo(SharedDate then, SharedDate now) {
+    using namespace std::chrono;
+    const auto minutes = duration_cast<std::chrono::minutes>(now - then).count();
+    const auto plural = [](long long n, const char* unit) {
+        return QStringLiteral("%1 %2%3 ago").arg(n).arg(unit).arg(n == 1 ? "" : "s");
+    };
+    if (minutes < 1) return QStringLiteral("just now");
+    if (minutes < 60) return plural(minutes, "minute");
+    if (minutes < 48 * 60) return plural(minutes / 60, "hour");
+    return plural(minutes / (24 * 60), "day");
+}
+
+QString SyncTexts::recoveryItem(const SyncRecoveryCopy& copy, SharedDate now) {
+    return recoveryObjects(copy) + QString::fromUtf8(" \u00B7 ") + copy.deviceName +
+           QString::fromUtf8(" \u00B7 ") + timeAgo(copy.snapshot.modifiedAt(), now);
+}
+
+QString SyncTexts::restoreQuestion(const SyncRecoveryCopy& copy, SharedDate now) {
+    return "Restore " + recoveryObjects(copy) + " as " + copy.deviceName + " had " +
+           (copy.losses().projectIDs.size() + copy.losses().tabIDs.size() == 1 ? "it " : "them ") +
+           timeAgo(copy.snapshot.modifiedAt(), now) + "?";
+}
+
 SyncSidebar::SyncSidebar(
     CloudSyncCoordinator* sync, QWidget* sidebar,
     std::function<void(const ProjectRecord&)> openProject, ProjectCopyController* copy,
     std::function<std::optional<QString>(const QString&, const QString&, const QString&)>
-        chooseFolder)
+        chooseFolder,
+    WorkspaceStore* workspace)
     : QObject(sidebar),
       sync_(sync),
       openProject_(std::move(openProject)),
       copy_(copy),
-      chooseFolder_(std::move(chooseFolder)) {
+      chooseFolder_(std::move(chooseFolder)),
+      workspace_(workspace) {
     if (!chooseFolder_) {
         chooseFolder_ = [sidebar](const QString& title, const QString& message,
                                   const QString& prompt) -> std::optional<QString> {
@@ -96,13 +156,28 @@ SyncSidebar::SyncSidebar(
     restore_->setObjectName("sync.restorePrevious");
     restore_->setFlat(true);
     restore_->setToolTip(SyncTexts::restoreHelp());
+    auto* more = new QToolButton(statusRow_);
+    more->setObjectName("sync.statusMenuButton");
+    more->setText(QString::fromUtf8("\u2026"));
+    more->setAutoRaise(true);
+    more->setPopupMode(QToolButton::InstantPopup);
+    statusMenu_ = new QMenu(more);
+    statusMenu_->setObjectName("sync.statusMenu");
+    suspendedCount_ = statusMenu_->addAction(SyncTexts::suspendedTerminals(0));
+    suspendedCount_->setObjectName("sync.statusMenu.suspended");
+    suspendedCount_->setEnabled(false);
+    more->setMenu(statusMenu_);
+    more->setVisible(workspace != nullptr);
     row->addWidget(statusIcon_);
     row->addWidget(statusText_, 1);
     row->addWidget(restore_);
+    row->addWidget(more);
     column->addLayout(row);
-    connect(restore_, &QPushButton::clicked, this, [this] {
-        if (sync_) sync_->restoreMostRecentRecovery();
-    });
+    if (workspace) {
+        connect(workspace, &WorkspaceStore::suspendedPanesChanged, this,
+                &SyncSidebar::updateStatus);
+    }
+    connect(restore_, &QPushButton::clicked, this, &SyncSidebar::offerRestore);
     connect(sync, &CloudSyncCoordinator::statusChanged, this, &SyncSidebar::updateStatus);
     connect(sync, &CloudSyncCoordinator::recoveryCountChanged, this, &SyncSidebar::updateStatus);
     connect(sync, &CloudSyncCoordinator::unmappedProjectsChanged, this, [this] {
@@ -122,6 +197,9 @@ void SyncSidebar::updateStatus() {
     statusText_->setText(sync_->status().title());
     statusIcon_->setPixmap(symbolPixmap(sync_->status().systemImage(), 12));
     restore_->setVisible(sync_->recoveryCount() > 0);
+    if (workspace_)
+        suspendedCount_->setText(
+            SyncTexts::suspendedTerminals(workspace_->suspendedPanes().size()));
 }
 
 void SyncSidebar::rebuildSection() {
@@ -224,6 +302,57 @@ void SyncSidebar::showSetUp(const SharedProject& project) {
     dialog->open();
 }
 
+void SyncSidebar::offerRestore() {
+    if (!sync_) return;
+    const QList<SyncRecoveryCopy> copies = sync_->recoveryCopies();
+    if (copies.isEmpty()) return;
+    if (copies.size() == 1) return confirmRestore(copies[0].snapshot.revision());
+    auto* menu = new QMenu(restore_);
+    menu->setObjectName("sync.restoreMenu");
+    menu->setAttribute(Qt::WA_DeleteOnClose);
+    const SharedDate now = sharedDateNow();
+    for (const auto& copy : copies) {
+        const QUuid revision = copy.snapshot.revision();
+        menu->addAction(SyncTexts::recoveryItem(copy, now), this,
+                        [this, revision] { confirmRestore(revision); });
+    }
+    menu->popup(restore_->mapToGlobal(QPoint(0, restore_->height())));
+}
+
+void SyncSidebar::confirmRestore(const QUuid& revision) {
+    if (!sync_) return;
+    const QList<SyncRecoveryCopy> copies = sync_->recoveryCopies();
+    const auto found = std::find_if(copies.begin(), copies.end(), [&](const SyncRecoveryCopy& c) {
+        return c.snapshot.revision() == revision;
+    });
+    if (found == copies.end()) return;
+    if (restoreDialog_) restoreDialog_->reject();
+    auto* dialog = new QMessageBox(statusRow_->window());
+    dialog->setObjectName("sync.restore");
+    dialog->setAttribute(Qt::WA_DeleteOnClose);
+    dialog->setWindowTitle(SyncTexts::restorePrevious());
+    dialog->setText(SyncTexts::restoreQuestion(*found, sharedDateNow()));
+    dialog->setInformativeText(SyncTexts::restoreDetail());
+    QPushButton* restore = dialog->addButton(SyncTexts::restoreButton(), QMessageBox::AcceptRole);
+    restore->setObjectName("sync.restore.restore");
+    QPushButton* cancel = dialog->addButton(SyncTexts::cancel(), QMessageBox::RejectRole);
+    cancel->setObjectName("sync.restore.cancel");
+    dialog->setEscapeButton(cancel);
+    dialog->setDefaultButton(cancel);
+    connect(dialog, &QMessageBox::finished, this, [this, dialog, restore, revision] {
+        if (dialog->clickedButton() != restore || !sync_) return;
+        const QList<SyncRecoveryCopy> now = sync_->recoveryCopies();
+        for (int i = 0; i < now.size(); ++i) {
+            if (now[i].snapshot.revision() == revision) {
+                sync_->restoreRecovery(i);
+                return;
+            }
+        }
+    });
+    restoreDialog_ = dialog;
+    dialog->open();
+}
+
 ProjectCopySource copySourceOf(const SharedProject& project) {
     ProjectCopySource source{project.id, project.name, std::nullopt};
     if (project.origin) {
@@ -236,12 +365,12 @@ ProjectCopySource copySourceOf(const SharedProject& project) {
 
 SyncSidebar* installSyncSidebar(CloudSyncCoordinator& sync, QWidget* window,
                                 std::function<void(const ProjectRecord&)> openProject,
-                                ProjectCopyController* copy) {
+                                ProjectCopyController* copy, WorkspaceStore* workspace) {
     auto* sidebar = window->findChild<QWidget*>(QStringLiteral("sidebar"));
     auto* errorRow = window->findChild<QWidget*>(QStringLiteral("sidebar.error"));
     auto* column = sidebar ? qobject_cast<QVBoxLayout*>(sidebar->layout()) : nullptr;
     if (!column || !errorRow) return nullptr;
-    auto* pieces = new SyncSidebar(&sync, sidebar, std::move(openProject), copy);
+    auto* pieces = new SyncSidebar(&sync, sidebar, std::move(openProject), copy, {}, workspace);
     if (copy) new ProjectCopySheet(copy, window);
     const int at = column->indexOf(errorRow);
     column->insertWidget(at, pieces->statusRow());

@@ -6,6 +6,7 @@
 #pragma once
 
 #include <QLabel>
+#include <QMenu>
 #include <QMessageBox>
 #include <QPointer>
 #include <QPushButton>
@@ -40,6 +41,20 @@ struct SyncTexts {
     static QString setUpTitle(const std::optional<SharedProject>& project);
     static QString setUpMessage(const SharedProject& project,
                                 TextPlatform p = runningTextPlatform());
+    // What a recovery copy puts back: its projects and tabs by name.
+    static QString recoveryObjects(const SyncRecoveryCopy& copy);
+    // "just now", "5 minutes ago", "2 hours ago", "3 days ago".
+    static QString timeAgo(SharedDate then, SharedDate now);
+    // One line of the list of copies: what, whose, how long ago.
+    static QString recoveryItem(const SyncRecoveryCopy& copy, SharedDate now);
+    static QString restoreQuestion(const SyncRecoveryCopy& copy, SharedDate now);
+    static QString restoreDetail() {
+        return QStringLiteral("Only these are put back. Everything else stays as it is.");
+    }
+    static QString restoreButton() { return QStringLiteral("Restore"); }
+    // The status row menu's count of shells kept for panes that left.
+    static QString suspendedTerminals(std::size_t count);
+    static QString cancel() { return QStringLiteral("Cancel"); }
 };
 
 class SyncSidebar : public QObject {
@@ -55,9 +70,12 @@ class SyncSidebar : public QObject {
         std::function<void(const ProjectRecord&)> openProject,
         ProjectCopyController* copy = nullptr,
         std::function<std::optional<QString>(const QString&, const QString&, const QString&)>
-            chooseFolder = {});
+            chooseFolder = {},
+        WorkspaceStore* workspace = nullptr);
 
     QWidget* statusRow() const { return statusRow_; }
+    // The status row's menu: the suspended shells' count.
+    QMenu* statusMenu() const { return statusMenu_; }
     QWidget* fromCloudSection() const { return section_; }
     // The set-up dialog while it is shown.
     QMessageBox* setUpDialog() const { return dialog_; }
@@ -68,11 +86,18 @@ class SyncSidebar : public QObject {
     void startCopy(const SharedProject& project);
     // Offers the first project not offered before in this run.
     void announceNewUnmappedProjects(const QList<SharedProject>& projects);
+    // Asks whether to restore the recovery copy with this revision, saying what
+    // it brings back, whose it was and how long ago; restores it on "Restore".
+    void confirmRestore(const QUuid& revision);
+    // The restore question while it is shown.
+    QMessageBox* restoreDialog() const { return restoreDialog_; }
 
   private:
     void updateStatus();
     void rebuildSection();
     void showSetUp(const SharedProject& project);
+    // The copies to choose from, or the question at once when there is one.
+    void offerRestore();
 
     QPointer<CloudSyncCoordinator> sync_;
     std::function<void(const ProjectRecord&)> openProject_;
@@ -83,9 +108,13 @@ class SyncSidebar : public QObject {
     QLabel* statusIcon_;
     QLabel* statusText_;
     QPushButton* restore_;
+    QPointer<WorkspaceStore> workspace_;
+    QMenu* statusMenu_;
+    QAction* suspendedCount_;
     QWidget* section_;
     QVBoxLayout* rows_;
     QPointer<QMessageBox> dialog_;
+    QPointer<QMessageBox> restoreDialog_;
     std::optional<SharedProject> projectToSetUp_;
     std::set<QString> announcedUnmappedProjectIDs_;
 };
@@ -98,6 +127,7 @@ ProjectCopySource copySourceOf(const SharedProject& project);
 // controller, its sheet over the window while it is presented.
 SyncSidebar* installSyncSidebar(CloudSyncCoordinator& sync, QWidget* window,
                                 std::function<void(const ProjectRecord&)> openProject,
-                                ProjectCopyController* copy = nullptr);
+                                ProjectCopyController* copy = nullptr,
+                                WorkspaceStore* workspace = nullptr);
 
 }  // namespace hl

@@ -9,6 +9,7 @@
 #include <map>
 
 #include "SharedSnapshotCodec.h"
+#include "StoredDataRecovery.h"
 
 namespace hl {
 
@@ -48,8 +49,7 @@ CloudSyncCoordinator::CloudSyncCoordinator(std::shared_ptr<Preferences> defaults
     } else if (accepted_) {
         sharedContent_ = accepted_->content();
     }
-    if (!recoveryListIsReadable()) damagedKeys_.insert(recoveryKey);
-    recoveryCount_ = static_cast<int>(recoverySnapshots().size());
+    readRecoveryList();
     status_ = CloudSyncStatus::of(transport_->isConfigured() ? CloudSyncStatus::Kind::Syncing
                                                              : CloudSyncStatus::Kind::LocalOnly);
     uploadTimer_.setSingleShot(true);
@@ -177,6 +177,7 @@ void CloudSyncCoordinator::offMainThread(std::function<void()> work,
 
 void CloudSyncCoordinator::refresh(std::function<void()> done) {
     if (refreshing_) {
+        refreshAgain_ = true;
         if (done) done();
         return;
     }
@@ -186,6 +187,10 @@ void CloudSyncCoordinator::refresh(std::function<void()> done) {
         return;
     }
     refreshing_ = true;
+    refreshAgain_ = false;
+    for (const char* key : {acceptedKey, pendingKey, recoveryKey}) {
+        if (damagedKeys_.count(key) != 0) rescueDamagedKey(key);
+    }
     if (done) refreshWaiters_.push_back(std::move(done));
     auto available = std::make_shared<bool>(false);
     offMainThread(
@@ -198,42 +203,42 @@ void CloudSyncCoordinator::refresh(std::function<void()> done) {
             }
             auto remote = std::make_shared<std::optional<SharedSnapshot>>();
             if (const std::optional<SharedSnapshot> sent = pending_) {
-                offMainThread([remote, sent,
-                               transport = transport_] { *remote = transport->exchange(*sent); },
-                              [this, remote, sent](std::exception_ptr error) {
-                                  if (error) return failRefresh(error);
-                                  try {
-                                      settleWith(*sent, **remote);
-                                  } catch (...) {
-                                      return failRefresh(std::current_exception());
-                                  }
-                                  endRefresh();
-                              });
+                const std::optional<QUuid> base =
+                    accepted_ ? std::optional<QUuid>(accepted_->revision()) : std::nullopt;
+                offMainThread(
+                    [remote, sent, base, transport = transport_] {
+                        *remote = transport->exchangeFrom(*sent, base);
+                    },
+                    [this, remote, sent](std::exception_ptr error) {
+                        if (error) return failRefresh(error);
+                        try {
+                            settleWith(*sent, **remote);
+                        } catch (...) {
+                            return failRefresh(std::current_exception());
+                        }
+                        endRefresh();
+                    });
                 return;
             }
             offMainThread([remote, transport = transport_] { *remote = transport->fetch(); },
                           [this, remote](std::exception_ptr error) {
                               if (error) return failRefresh(error);
-                              if (pending_) {
-                                  // A local change came during the fetch: it is
-                                  // delivered (and compared) first, never overwritten.
-                                  endRefresh();
-                                  return;
-                              }
                               if (!*remote) {
+                                  if (pending_) return endRefresh();  // delivered next
                                   publish(localContent(), [this] { endRefresh(); });
                                   return;
                               }
                               const SharedSnapshot& found = **remote;
                               try {
-                                  if (!accepted_) {
+                                  if (accepted_ && found.revision() == accepted_->revision()) {
+                                      if (!pending_) setStatus(settledStatus());
+                                  } else if (!accepted_ && !pending_) {
                                       preserveCurrentLocalContent(found.content());
                                       applyRemote(found);
-                                  } else if (found.revision() != accepted_->revision() &&
-                                             found.isNewer(*accepted_)) {
-                                      applyRemote(found);
                                   } else {
-                                      setStatus(settledStatus());
+                                      // Another computer's change, maybe met by a local
+                                      // change made while the fetch was under way.
+                                      takeRemote(found);
                                   }
                               } catch (...) {
                                   return failRefresh(std::current_exception());
@@ -248,16 +253,17 @@ void CloudSyncCoordinator::publish(const SharedContent& content, std::function<v
     try {
         const SharedDate time = now_();
         snapshot = SharedSnapshot(deviceID_, content.validated(), QUuid::createUuid(), time);
-        const QByteArray bytes = SharedSnapshotCodec::encode(*snapshot);  // throws when too large
+        SharedSnapshotCodec::encode(*snapshot);  // throws when it cannot be written
         pending_ = snapshot;
-        if (damagedKeys_.count(pendingKey) == 0)
-            defaults_->set(pendingKey, PreferenceData{bytes.toStdString()});
+        storeSnapshot(pendingKey, pending_);
     } catch (...) {
         return failRefresh(std::current_exception());
     }
+    const std::optional<QUuid> base =
+        accepted_ ? std::optional<QUuid>(accepted_->revision()) : std::nullopt;
     auto survivor = std::make_shared<std::optional<SharedSnapshot>>();
-    offMainThread([survivor, sent = *snapshot,
-                   transport = transport_] { *survivor = transport->exchange(sent); },
+    offMainThread([survivor, sent = *snapshot, base,
+                   transport = transport_] { *survivor = transport->exchangeFrom(sent, base); },
                   [this, survivor, sent = *snapshot, finish](std::exception_ptr error) {
                       if (error) return failRefresh(error);
                       try {
@@ -272,20 +278,100 @@ void CloudSyncCoordinator::publish(const SharedContent& content, std::function<v
 void CloudSyncCoordinator::settleWith(const SharedSnapshot& sent, const SharedSnapshot& survivor) {
     if (survivor.revision() == sent.revision()) {
         acceptLocal(survivor);
-    } else if (pending_ && pending_->revision() != sent.revision()) {
-        // A later local change holds the whole state and meets the survivor at
-        // the next exchange; applying the survivor now would overwrite it.
     } else {
-        preserveRecovery(sent);
-        applyRemote(survivor);
+        takeRemote(survivor);
     }
+}
+
+void CloudSyncCoordinator::takeRemote(const SharedSnapshot& remote) {
+    if (pending_) {
+        mergeWithPending(remote);
+    } else {
+        applyRemote(remote);
+    }
+}
+
+void CloudSyncCoordinator::mergeWithPending(const SharedSnapshot& remote) {
+    if (!catalog_ || !workspace_) return;
+    const SharedSnapshot theirs = remote.validated();
+    const SharedSnapshot ours = *pending_;
+    const SharedContent base = accepted_ ? accepted_->content() : SharedContent{};
+    const SharedMerge merge =
+        mergeSharedContent(base, ours.content(), theirs.content(), ours.isNewer(theirs));
+    SharedContent merged;
+    try {
+        merged = merge.merged.validated();
+        SharedSnapshotCodec::encode(SharedSnapshot(deviceID_, merged).validated());
+    } catch (...) {
+        // The two sides cannot be put together: the record's state is taken and
+        // this computer's keeps a whole copy.
+        preserveWhole(ours, localDeviceName());
+        applyRemote(theirs);
+        return;
+    }
+    if (!merge.localLosses.isEmpty()) {
+        preserveRecovery({SharedSnapshot(deviceID_, merge.localLosses.content, QUuid::createUuid(),
+                                         ours.modifiedAt()),
+                          localDeviceName(), merge.localLosses.projectIDs,
+                          merge.localLosses.tabIDs});
+    }
+    if (!merge.remoteLosses.isEmpty()) {
+        preserveRecovery({SharedSnapshot(theirs.deviceID(), merge.remoteLosses.content,
+                                         QUuid::createUuid(), theirs.modifiedAt()),
+                          deviceNameOf(theirs.deviceID(), theirs.content()),
+                          merge.remoteLosses.projectIDs, merge.remoteLosses.tabIDs});
+    }
+    if (merged == theirs.content()) {
+        applyRemote(theirs);
+        return;
+    }
+    const std::vector<QString> blocked = applyToStores(merged);
+    accepted_ = theirs;
+    pending_ = SharedSnapshot(deviceID_, merged, QUuid::createUuid(), now_());
+    sharedContent_ = merged;
+    knownMappedProjectIDs_ = catalogIDs();
+    storeSnapshot(acceptedKey, accepted_);
+    storeSnapshot(pendingKey, pending_);
+    updateUnmappedProjects();
+    setStatus(openStatus(blocked, CloudSyncStatus::of(CloudSyncStatus::Kind::Syncing)));
+    refreshAgain_ = true;  // the merged state goes out at once
+}
+
+std::vector<QString> CloudSyncCoordinator::applyToStores(const SharedContent& content) {
+    applyingRemote_ = true;
+    struct Reset {
+        bool& flag;
+        ~Reset() { flag = false; }
+    } reset{applyingRemote_};
+    catalog_->applySharedProjects(content.projects);
+    return workspace_->applySharedWorkspaces(content.workspaces, catalog_->projects());
+}
+
+QString CloudSyncCoordinator::localDeviceName() const {
+    if (deviceEndpoint_ && !deviceEndpoint_->deviceName.isEmpty())
+        return deviceEndpoint_->deviceName;
+    return QStringLiteral("this computer");
+}
+
+QString CloudSyncCoordinator::deviceNameOf(const QUuid& device,
+                                           const SharedContent& content) const {
+    if (device == deviceID_) return localDeviceName();
+    for (const auto* source : {&content, &sharedContent_}) {
+        for (const auto& project : source->projects) {
+            if (project.origin && project.origin->deviceID == device)
+                return project.origin->deviceName;
+        }
+    }
+    return QStringLiteral("another computer");
 }
 
 void CloudSyncCoordinator::acceptLocal(const SharedSnapshot& snapshot) {
     if (pending_ && pending_->revision() != snapshot.revision()) {
-        // A later local change waits: the record took the earlier one.
+        // A later local change waits: the record took the earlier one, which is
+        // the later one's base from now on.
         accepted_ = snapshot;
         storeSnapshot(acceptedKey, accepted_);
+        refreshAgain_ = true;
         if (publishChangeSignal_) publishChangeSignal_(snapshot.revision());
         return;
     }
@@ -302,17 +388,7 @@ void CloudSyncCoordinator::acceptLocal(const SharedSnapshot& snapshot) {
 void CloudSyncCoordinator::applyRemote(const SharedSnapshot& snapshot) {
     if (!catalog_ || !workspace_) return;
     const SharedSnapshot validated = snapshot.validated();
-    std::vector<QString> blocked;
-    {
-        applyingRemote_ = true;
-        struct Reset {
-            bool& flag;
-            ~Reset() { flag = false; }
-        } reset{applyingRemote_};
-        catalog_->applySharedProjects(validated.content().projects);
-        blocked =
-            workspace_->applySharedWorkspaces(validated.content().workspaces, catalog_->projects());
-    }
+    const std::vector<QString> blocked = applyToStores(validated.content());
     accepted_ = validated;
     pending_.reset();
     sharedContent_ = validated.content();
@@ -339,11 +415,14 @@ void CloudSyncCoordinator::failRefresh(std::exception_ptr error) {
     } catch (...) {
     }
     setStatus(status);
+    refreshAgain_ = false;  // a failure waits for the next tick, never a loop
     endRefresh();
 }
 
 void CloudSyncCoordinator::endRefresh() {
     refreshing_ = false;
+    if (refreshAgain_ && pending_) scheduleUpload(std::chrono::milliseconds(0));
+    refreshAgain_ = false;
     auto waiters = std::move(refreshWaiters_);
     refreshWaiters_.clear();
     for (auto& done : waiters)
@@ -393,7 +472,7 @@ CloudSyncStatus CloudSyncCoordinator::openStatus(const std::vector<QString>& blo
 
 void CloudSyncCoordinator::storeSnapshot(const char* key,
                                          const std::optional<SharedSnapshot>& snapshot) {
-    if (damagedKeys_.count(key) != 0) return;  // never written over
+    if (damagedKeys_.count(key) != 0 && !rescueDamagedKey(key)) return;  // no copy yet
     if (!snapshot) {
         defaults_->remove(key);
         return;
@@ -416,6 +495,23 @@ std::optional<SharedSnapshot> CloudSyncCoordinator::storedSnapshot(const char* k
         damagedKeys_.insert(key);  // kept on disk as it is
         return std::nullopt;
     }
+}
+
+}  // namespace hl
+
+namespace hl {
+
+bool CloudSyncCoordinator::rescueDamagedKey(const char* key) {
+    try {
+        const auto folder =
+            recoveredFolder_.empty() ? StoredDataRecovery::defaultFolder() : recoveredFolder_;
+        for (auto& copy : StoredDataRecovery::keepCopiesAndClear(*defaults_, {key}, folder))
+            recoveredFiles_.push_back(copy.file);
+    } catch (const StoredDataRecoveryError&) {
+        return false;  // kept as it is; tried again at the next write
+    }
+    damagedKeys_.erase(key);
+    return true;
 }
 
 }  // namespace hl

@@ -13,6 +13,7 @@
 #include <QTimer>
 #include <QUuid>
 
+#include <filesystem>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -22,11 +23,29 @@
 #include "DeviceCopyEndpoint.h"
 #include "Preferences.h"
 #include "ProjectCatalog.h"
+#include "SharedContentMerge.h"
 #include "SharedSnapshot.h"
 #include "SharedStateTransport.h"
 #include "WorkspaceStore.h"
 
 namespace hl {
+
+// One copy of the recovery list: objects that another computer's change
+// replaced, as the computer that lost them had them. The snapshot's device and
+// date say whose change it was and when it was made; `whole` copies (the state
+// of a computer that joined the record, or a copy of an earlier version) put
+// back every object they hold.
+struct SyncRecoveryCopy {
+    SharedSnapshot snapshot;
+    QString deviceName;
+    QStringList projectIDs;
+    QList<QUuid> tabIDs;
+    bool whole = false;
+
+    // The objects this copy puts back.
+    SharedLosses losses() const;
+    bool sameObjects(const SyncRecoveryCopy& other) const;
+};
 
 class CloudSyncCoordinator : public QObject {
     Q_OBJECT
@@ -36,7 +55,7 @@ class CloudSyncCoordinator : public QObject {
     static constexpr const char* pendingKey = "harborlattice.sync.pending.v1";
     static constexpr const char* recoveryKey = "harborlattice.sync.recovery.v1";
     static constexpr const char* deviceKey = "harborlattice.sync.device.v1";
-    static constexpr int maximumRecoveryCopies = 3;
+    static constexpr int maximumRecoveryCopies = 100;
     static constexpr std::chrono::milliseconds uploadDelay{450};
 
     // `transport` empty means the one HARBORLATTICE_SYNC_URL names.
@@ -58,6 +77,13 @@ class CloudSyncCoordinator : public QObject {
     void refresh(std::function<void()> done = {});
     // Brings back the latest recovery copy as a new local change.
     bool restoreMostRecentRecovery();
+    // Puts back the objects of the copy at `index` of `recoveryCopies()` into the
+    // present state, as a new local change; nothing else is removed or replaced.
+    bool restoreRecovery(int index);
+    // The recovery list, newest first; entries that cannot be read are left out.
+    QList<SyncRecoveryCopy> recoveryCopies() const;
+    // Where unreadable sync values are copied before they are replaced.
+    void setRecoveredFolder(std::filesystem::path folder) { recoveredFolder_ = std::move(folder); }
     // Gives a shared project its folder on this computer.
     std::optional<ProjectRecord> mapProject(const SharedProject& shared, const QString& rawRoot);
 
@@ -70,9 +96,11 @@ class CloudSyncCoordinator : public QObject {
     const SharedContent& sharedContent() const { return sharedContent_; }
     bool isRefreshing() const { return refreshing_; }
     SharedStateTransport& transport() const { return *transport_; }
-    // Keys whose stored values could not be read at start; they are kept as they
-    // are and never written in this run.
+    // Keys whose stored values could not be read and could not yet be copied
+    // out; they are not written until their copy is on disk.
     const std::set<std::string>& damagedKeys() const { return damagedKeys_; }
+    // The files that unreadable sync values were copied to in this run.
+    const std::vector<std::filesystem::path>& recoveredFiles() const { return recoveredFiles_; }
 
   signals:
     void statusChanged();
@@ -89,6 +117,17 @@ class CloudSyncCoordinator : public QObject {
     // Throws what validation or encoding throws.
     void applyRemote(const SharedSnapshot& snapshot);
     void settleWith(const SharedSnapshot& sent, const SharedSnapshot& survivor);
+    // A remote snapshot other than the accepted one: taken as it is when nothing
+    // is pending, merged with the pending change otherwise.
+    void takeRemote(const SharedSnapshot& remote);
+    void mergeWithPending(const SharedSnapshot& remote);
+    // Writes `content` into the stores without echo; gives the blocked projects.
+    std::vector<QString> applyToStores(const SharedContent& content);
+    QString deviceNameOf(const QUuid& device, const SharedContent& content) const;
+    QString localDeviceName() const;
+    // Copies the bytes of an unreadable key to the Recovered folder and clears it,
+    // so that it can be written again; false while that cannot be done.
+    bool rescueDamagedKey(const char* key);
     void failRefresh(std::exception_ptr error);
     void endRefresh();
     void updateUnmappedProjects();
@@ -99,15 +138,18 @@ class CloudSyncCoordinator : public QObject {
     std::set<QString> catalogIDs() const;
     void storeSnapshot(const char* key, const std::optional<SharedSnapshot>& snapshot);
     std::optional<SharedSnapshot> storedSnapshot(const char* key);
-    bool recoveryListIsReadable() const;
     // Runs `work` on a worker thread and `then` on the main thread with its failure.
     void offMainThread(std::function<void()> work, std::function<void(std::exception_ptr)> then);
     void scheduleUpload(std::chrono::milliseconds delay);
 
     // Recovery copies.
-    QList<SharedSnapshot> recoverySnapshots() const;
-    void persistRecovery(const QList<SharedSnapshot>& list);
-    void preserveRecovery(const SharedSnapshot& snapshot);
+    QList<SyncRecoveryCopy> recoverySnapshots() const;
+    void persistRecovery(const QList<SyncRecoveryCopy>& list);
+    void preserveRecovery(const SyncRecoveryCopy& copy);
+    void preserveWhole(const SharedSnapshot& snapshot, const QString& deviceName);
+    // Reads the stored list; an entry that cannot be read has its bytes copied out
+    // and is dropped from the list.
+    void readRecoveryList();
     void preserveCurrentLocalContent(const SharedContent& remote);
 
     std::shared_ptr<Preferences> defaults_;
@@ -124,12 +166,16 @@ class CloudSyncCoordinator : public QObject {
     std::set<QString> knownMappedProjectIDs_;
     bool applyingRemote_ = false;
     bool refreshing_ = false;
+    // A refresh was asked for while one ran.
+    bool refreshAgain_ = false;
     std::vector<std::function<void()>> refreshWaiters_;
     QTimer uploadTimer_;
     CloudSyncStatus status_;
     QList<SharedProject> unmappedProjects_;
     int recoveryCount_ = 0;
     std::set<std::string> damagedKeys_;
+    std::filesystem::path recoveredFolder_;
+    std::vector<std::filesystem::path> recoveredFiles_;
 };
 
 }  // namespace hl

@@ -4,7 +4,9 @@
 //
 // The recovery list is a JSON array, newest first, of snapshot objects whose
 // "modifiedAt" is seconds since 1 January 2001 UTC: not the bytes of a single
-// snapshot, and never read as one.
+// snapshot, and never read as one. Each entry also names the computer whose
+// change was replaced ("deviceName") and, unless it is a whole copy, the objects
+// it puts back ("restores": project ids and tab ids).
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -18,62 +20,107 @@ namespace {
 
 constexpr double secondsFrom1970To2001 = 978307200.0;
 
-QJsonObject recoveryEntry(const SharedSnapshot& snapshot) {
-    QJsonObject object = QJsonDocument::fromJson(SharedSnapshotCodec::encode(snapshot)).object();
+QJsonObject recoveryEntry(const SyncRecoveryCopy& copy) {
+    QJsonObject object =
+        QJsonDocument::fromJson(SharedSnapshotCodec::encode(copy.snapshot)).object();
     object["modifiedAt"] = object["modifiedAt"].toDouble() / 1000.0 - secondsFrom1970To2001;
+    object["deviceName"] = copy.deviceName;
+    if (!copy.whole) {
+        QJsonArray projects, tabs;
+        for (const auto& id : copy.projectIDs)
+            projects.append(id);
+        for (const auto& id : copy.tabIDs)
+            tabs.append(sharedUuidText(id));
+        object["restores"] = QJsonObject{{"projects", projects}, {"tabs", tabs}};
+    }
     return object;
 }
 
-SharedSnapshot snapshotFromEntry(QJsonObject object) {
+SyncRecoveryCopy copyFromEntry(QJsonObject object) {
     if (!object["modifiedAt"].isDouble()) throw SharedSnapshotCodecError("no modifiedAt");
     object["modifiedAt"] = (object["modifiedAt"].toDouble() + secondsFrom1970To2001) * 1000.0;
-    return SharedSnapshotCodec::decode(QJsonDocument(object).toJson(QJsonDocument::Compact));
+    SyncRecoveryCopy copy{
+        SharedSnapshotCodec::decode(QJsonDocument(object).toJson(QJsonDocument::Compact)),
+        object["deviceName"].toString(),
+        {},
+        {},
+        true};
+    if (object["restores"].isObject()) {
+        copy.whole = false;
+        const QJsonObject restores = object["restores"].toObject();
+        for (const QJsonValue& id : restores["projects"].toArray())
+            copy.projectIDs.append(id.toString());
+        for (const QJsonValue& id : restores["tabs"].toArray())
+            copy.tabIDs.append(QUuid::fromString(id.toString()));
+    }
+    return copy;
+}
+
+// The entries that read, and whether all did.
+std::pair<QList<SyncRecoveryCopy>, bool> parseRecoveryList(const PreferenceRead& stored) {
+    if (stored.isAbsent()) return {{}, true};
+    if (stored.isDamaged()) return {{}, false};
+    const QJsonDocument document = QJsonDocument::fromJson(
+        QByteArray::fromStdString(std::get<PreferenceData>(*stored.value).bytes));
+    if (!document.isArray()) return {{}, false};
+    QList<SyncRecoveryCopy> list;
+    bool whole = true;
+    for (const QJsonValue& entry : document.array()) {
+        try {
+            list.append(copyFromEntry(entry.toObject()));
+        } catch (...) {
+            whole = false;
+        }
+    }
+    return {list, whole};
 }
 
 }  // namespace
 
-bool CloudSyncCoordinator::recoveryListIsReadable() const {
-    const PreferenceRead stored = defaults_->readData(recoveryKey);
-    if (stored.isAbsent()) return true;
-    if (stored.isDamaged()) return false;
-    const QJsonDocument document = QJsonDocument::fromJson(
-        QByteArray::fromStdString(std::get<PreferenceData>(*stored.value).bytes));
-    if (!document.isArray()) return false;
-    try {
-        for (const QJsonValue& entry : document.array())
-            snapshotFromEntry(entry.toObject());
-    } catch (...) {
-        return false;
-    }
-    return true;
-}
-
-QList<SharedSnapshot> CloudSyncCoordinator::recoverySnapshots() const {
-    if (damagedKeys_.count(recoveryKey) != 0) return {};
-    const auto bytes = defaults_->data(recoveryKey);
-    if (!bytes) return {};
-    const QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(bytes->bytes));
-    if (!document.isArray()) return {};
-    QList<SharedSnapshot> list;
-    for (const QJsonValue& entry : document.array()) {
-        try {
-            list.append(snapshotFromEntry(entry.toObject()));
-        } catch (...) {
-            return {};
+SharedLosses SyncRecoveryCopy::losses() const {
+    SharedLosses losses{snapshot.content(), projectIDs, tabIDs};
+    if (whole) {
+        losses.projectIDs.clear();
+        losses.tabIDs.clear();
+        for (const auto& project : snapshot.content().projects)
+            losses.projectIDs.append(project.id);
+        for (const auto& workspace : snapshot.content().workspaces) {
+            for (const auto& tab : workspace.tabs)
+                losses.tabIDs.append(tab.id);
         }
     }
-    return list;
+    return losses;
 }
 
-void CloudSyncCoordinator::persistRecovery(const QList<SharedSnapshot>& list) {
-    if (damagedKeys_.count(recoveryKey) != 0) return;  // an unreadable list stays as it is
+bool SyncRecoveryCopy::sameObjects(const SyncRecoveryCopy& other) const {
+    return snapshot.revision() == other.snapshot.revision() ||
+           (snapshot.content() == other.snapshot.content() && projectIDs == other.projectIDs &&
+            tabIDs == other.tabIDs && whole == other.whole);
+}
+
+void CloudSyncCoordinator::readRecoveryList() {
+    const auto [list, whole] = parseRecoveryList(defaults_->readData(recoveryKey));
+    if (!whole) damagedKeys_.insert(recoveryKey);  // copied out at the next write
+    recoveryCount_ = static_cast<int>(list.size());
+}
+
+QList<SyncRecoveryCopy> CloudSyncCoordinator::recoverySnapshots() const {
+    return parseRecoveryList(defaults_->readData(recoveryKey)).first;
+}
+
+QList<SyncRecoveryCopy> CloudSyncCoordinator::recoveryCopies() const {
+    return recoverySnapshots();
+}
+
+void CloudSyncCoordinator::persistRecovery(const QList<SyncRecoveryCopy>& list) {
+    if (damagedKeys_.count(recoveryKey) != 0 && !rescueDamagedKey(recoveryKey)) return;
     if (list.isEmpty()) {
         defaults_->remove(recoveryKey);
     } else {
         try {
             QJsonArray array;
-            for (const auto& snapshot : list)
-                array.append(recoveryEntry(snapshot));
+            for (const auto& copy : list)
+                array.append(recoveryEntry(copy));
             defaults_->set(
                 recoveryKey,
                 PreferenceData{QJsonDocument(array).toJson(QJsonDocument::Compact).toStdString()});
@@ -87,42 +134,54 @@ void CloudSyncCoordinator::persistRecovery(const QList<SharedSnapshot>& list) {
     emit recoveryCountChanged();
 }
 
-void CloudSyncCoordinator::preserveRecovery(const SharedSnapshot& snapshot) {
-    QList<SharedSnapshot> list = recoverySnapshots();
+void CloudSyncCoordinator::preserveRecovery(const SyncRecoveryCopy& copy) {
+    QList<SyncRecoveryCopy> list = recoverySnapshots();
     for (const auto& entry : list) {
-        if (entry.revision() == snapshot.revision()) return;
+        if (entry.sameObjects(copy)) return;
     }
-    list.prepend(snapshot);
+    list.prepend(copy);
     persistRecovery(list.mid(0, maximumRecoveryCopies));
+}
+
+void CloudSyncCoordinator::preserveWhole(const SharedSnapshot& snapshot,
+                                         const QString& deviceName) {
+    preserveRecovery({snapshot, deviceName, {}, {}, true});
 }
 
 void CloudSyncCoordinator::preserveCurrentLocalContent(const SharedContent& remote) {
     const SharedContent content = localContent();
     if (content.isEmpty() || content == remote) return;
-    preserveRecovery(SharedSnapshot(deviceID_, content, QUuid::createUuid(), now_()));
+    preserveWhole(SharedSnapshot(deviceID_, content, QUuid::createUuid(), now_()),
+                  localDeviceName());
 }
 
 bool CloudSyncCoordinator::restoreMostRecentRecovery() {
+    return restoreRecovery(0);
+}
+
+bool CloudSyncCoordinator::restoreRecovery(int index) {
     if (!catalog_ || !workspace_) return false;
-    QList<SharedSnapshot> list = recoverySnapshots();
-    if (list.isEmpty()) return false;
-    const SharedSnapshot head = list.takeFirst();
-    std::optional<SharedSnapshot> validated;
+    QList<SyncRecoveryCopy> list = recoverySnapshots();
+    if (index < 0 || index >= list.size()) return false;
+    const SyncRecoveryCopy copy = list.takeAt(index);
     try {
-        validated = head.validated();
+        copy.snapshot.validated();
     } catch (...) {
+        // A copy that can no longer be applied is dropped.
         persistRecovery(list);
         return false;
     }
-    std::vector<QString> blocked;
-    applyingRemote_ = true;
-    catalog_->applySharedProjects(validated->content().projects);
-    blocked =
-        workspace_->applySharedWorkspaces(validated->content().workspaces, catalog_->projects());
-    applyingRemote_ = false;
-    sharedContent_ = validated->content();
+    SharedContent restored;
+    try {
+        restored = restoreSharedObjects(sharedContent_, copy.losses()).validated();
+        SharedSnapshot(deviceID_, restored).validated();
+    } catch (...) {
+        return false;  // does not fit the present state; the copy stays
+    }
+    const std::vector<QString> blocked = applyToStores(restored);
+    sharedContent_ = restored;
     knownMappedProjectIDs_ = catalogIDs();
-    pending_ = SharedSnapshot(deviceID_, validated->content(), QUuid::createUuid(), now_());
+    pending_ = SharedSnapshot(deviceID_, restored, QUuid::createUuid(), now_());
     storeSnapshot(pendingKey, pending_);
     persistRecovery(list);
     updateUnmappedProjects();

@@ -3,6 +3,8 @@
 // or null; unknown keys are ignored.
 #include "SavedWorkspace.h"
 
+#include <chrono>
+
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -167,6 +169,12 @@ SavedWorkspace SavedWorkspace::decodeLegacy(const QByteArray& bytes) {
     return decodeWorkspace(bytes, true);
 }
 
+double suspendedPaneClock() {
+    return static_cast<double>(std::chrono::duration_cast<std::chrono::milliseconds>(
+                                   std::chrono::system_clock::now().time_since_epoch())
+                                   .count());
+}
+
 QByteArray encodeSuspendedPanes(const std::vector<SuspendedPane>& panes) {
     QJsonArray list;
     for (const auto& pane : panes) {
@@ -174,7 +182,8 @@ QByteArray encodeSuspendedPanes(const std::vector<SuspendedPane>& panes) {
                                 {"projectID", pane.projectID},
                                 {"cwd", pane.cwd},
                                 {"sessionID", pane.sessionID},
-                                {"isReplacement", pane.isReplacement}});
+                                {"isReplacement", pane.isReplacement},
+                                {"suspendedAt", pane.suspendedAt}});
     }
     return QJsonDocument(list).toJson(QJsonDocument::Compact);
 }
@@ -190,11 +199,15 @@ std::vector<SuspendedPane> decodeSuspendedPanes(const QByteArray& bytes) {
         const QJsonObject object = requireObject(value, "suspended pane");
         const QJsonValue flag = object.value("isReplacement");
         if (!flag.isBool()) throw Error("isReplacement is not a boolean");
+        const QJsonValue since = object.value("suspendedAt");
+        if (!since.isUndefined() && !since.isNull() && !since.isDouble())
+            throw Error("suspendedAt is not a number");
         panes.push_back(SuspendedPane{requireUuid(object.value("id"), "id"),
                                       requireText(object.value("projectID"), "projectID"),
                                       requireText(object.value("cwd"), "cwd"),
                                       requireText(object.value("sessionID"), "sessionID"),
-                                      flag.toBool()});
+                                      flag.toBool(),
+                                      since.isDouble() ? since.toDouble() : suspendedPaneClock()});
     }
     return panes;
 }

@@ -57,15 +57,21 @@ struct SavedWorkspace {
     static SavedWorkspace decodeLegacy(const QByteArray& bytes);
 };
 
-// A running session whose pane is not in the model at present.
+// A running session whose pane is not in the model at present, since
+// `suspendedAt` (milliseconds since 1970; an entry of an earlier version, which
+// has none, counts from the start that read it).
 struct SuspendedPane {
     QUuid id;
     QString projectID;
     QString cwd;
     QString sessionID;
     bool isReplacement = false;
+    double suspendedAt = 0;
     bool operator==(const SuspendedPane&) const = default;
 };
+
+// The present time as `suspendedAt` counts it.
+double suspendedPaneClock();
 
 QByteArray encodeSuspendedPanes(const std::vector<SuspendedPane>& panes);
 // Throws LayoutDecodingError.

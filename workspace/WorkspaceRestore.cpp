@@ -39,6 +39,10 @@ void WorkspaceStore::readSuspendedPanes() {
             if (!panes.emplace(pane.id, pane).second) throw LayoutDecodingError("repeated id");
         }
         suspendedPanes_ = std::move(panes);
+        persistedSuspendedCount_ = suspendedPanes_.size();
+        const std::size_t read = suspendedPanes_.size();
+        boundSuspendedPanes();
+        if (suspendedPanes_.size() != read) persistSuspendedPanes();
     } catch (const LayoutDecodingError&) {
         // The list names running sessions: kept as it is, never overwritten.
         suspendedPanesAreWritable_ = false;

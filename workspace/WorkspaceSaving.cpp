@@ -43,6 +43,10 @@ void WorkspaceStore::persist() {
 
 void WorkspaceStore::persistSuspendedPanes() {
     if (!suspendedPanesAreWritable_) return;
+    if (suspendedPanes_.size() != persistedSuspendedCount_) {
+        persistedSuspendedCount_ = suspendedPanes_.size();
+        emit suspendedPanesChanged();
+    }
     // The map is keyed by UUID; the list is ordered by the id's text.
     std::vector<SuspendedPane> list = suspendedPanes();
     std::sort(list.begin(), list.end(), [](const SuspendedPane& a, const SuspendedPane& b) {

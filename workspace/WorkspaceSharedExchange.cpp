@@ -1,6 +1,8 @@
 // WorkspaceStore and the shared workspaces: the live model as other computers
-// see it, and the merge of their version into it. Shells are never killed by a
-// merge: a pane that leaves is suspended with its session and comes back to it.
+// see it, and the merge of their version into it. A pane that leaves is
+// suspended with its session and comes back to it; the suspended panes are
+// bounded (a number for each project, a lifetime), and the shells of a project
+// that another computer removed are closed through the ledger.
 #include <QDir>
 #include <QFileInfo>
 
@@ -103,8 +105,18 @@ std::vector<QString> WorkspaceStore::applySharedWorkspaces(
             unknown.insert(*each->projectID());
     }
     for (const QString& projectID : unknown) {
-        replaceProjectTabs(projectID, {});
+        if (!catalogIsReadable_ || !closeRemovedProject(projectID))
+            replaceProjectTabs(projectID, {});  // kept suspended while no close can be recorded
         selectedTabs_.erase(projectWorkspaceID(projectID));
+    }
+    // Suspended shells of a project that is gone are closed too.
+    std::set<QString> gone;
+    for (const auto& [id, pane] : suspendedPanes_) {
+        if (roots.count(pane.projectID) == 0) gone.insert(pane.projectID);
+    }
+    if (catalogIsReadable_) {
+        for (const QString& projectID : gone)
+            closeSuspendedPanes(projectID);
     }
 
     std::vector<QString> blocked;
@@ -241,7 +253,65 @@ void WorkspaceStore::fileSuspendedPane(const SuspendedPane& pane) {
         closeLedger_->record(displaced->second.sessionID);
         closeLedger_->retry(displaced->second.sessionID);
     }
-    suspendedPanes_[pane.id] = pane;
+    SuspendedPane filed = pane;
+    if (filed.suspendedAt == 0) filed.suspendedAt = suspendedPaneClock();
+    suspendedPanes_[pane.id] = filed;
+    boundSuspendedPanes();
+}
+
+void WorkspaceStore::boundSuspendedPanes() {
+    if (!suspendedPanesAreWritable_) return;  // the list stays as it was read
+    const double oldest = suspendedPaneClock() -
+                          std::chrono::duration<double, std::milli>(suspendedPaneLifetime).count();
+    std::map<QString, std::vector<const SuspendedPane*>> byProject;
+    for (const auto& [id, pane] : suspendedPanes_)
+        byProject[pane.projectID].push_back(&pane);
+    std::vector<QUuid> closing;
+    for (auto& [project, panes] : byProject) {
+        std::sort(panes.begin(), panes.end(), [](const SuspendedPane* a, const SuspendedPane* b) {
+            return a->suspendedAt > b->suspendedAt;
+        });
+        for (std::size_t i = 0; i < panes.size(); ++i) {
+            if (i >= maximumSuspendedPanesPerProject || panes[i]->suspendedAt < oldest)
+                closing.push_back(panes[i]->id);
+        }
+    }
+    for (const QUuid& id : closing) {
+        auto found = suspendedPanes_.find(id);
+        // A close that cannot be recorded keeps the pane suspended.
+        if (!closeLedger_->record(found->second.sessionID)) continue;
+        closeLedger_->retry(found->second.sessionID);
+        suspendedPanes_.erase(found);
+    }
+}
+
+bool WorkspaceStore::closeRemovedProject(const QString& projectID) {
+    std::vector<TerminalPane*> closing;
+    for (const auto& each : tabs_) {
+        if (each->projectID() != projectID) continue;
+        for (TerminalPane* pane : each->panes())
+            closing.push_back(pane);
+    }
+    if (!recordCloses(closing)) return false;
+    std::vector<std::unique_ptr<TerminalTab>> removed;
+    for (auto it = tabs_.begin(); it != tabs_.end();) {
+        if ((*it)->projectID() == projectID) {
+            removed.push_back(std::move(*it));
+            it = tabs_.erase(it);
+        } else {
+            ++it;
+        }
+    }
+    if (!removed.empty()) emit tabsChanged();
+    for (auto& tab : removed) {
+        for (const QUuid& paneID : tab->layout().paneIDs()) {
+            auto pane = tab->takePane(paneID);
+            pane->controller().close();
+            retire(std::move(pane));
+        }
+    }
+    closeSuspendedPanes(projectID);
+    return true;
 }
 
 void WorkspaceStore::normalizeSelectionAfterSharedImport() {

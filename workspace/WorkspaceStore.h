@@ -73,6 +73,10 @@ class WorkspaceStore : public QObject {
     // Sessions kept running across a start over, opened again at the next start.
     static constexpr const char* recoveredSessionsKey = "harborlattice.recovered-sessions.v1";
     static inline const QString recoveredTabTitle = QStringLiteral("Recovered terminals");
+    // Suspended panes kept for each project, newest first; the others' shells are
+    // closed through the ledger, as are those suspended longer than the lifetime.
+    static constexpr std::size_t maximumSuspendedPanesPerProject = 8;
+    static constexpr std::chrono::hours suspendedPaneLifetime{24 * 7};
 
     // Builds the store and restores the saved workspace (panes are made, not started).
     explicit WorkspaceStore(WorkspaceStoreOptions options, QObject* parent = nullptr);
@@ -200,6 +204,8 @@ class WorkspaceStore : public QObject {
     void selectedTabIDChanged();
     void searchQueryChanged();
     void errorMessageChanged();
+    // The number of suspended panes changed.
+    void suspendedPanesChanged();
 
   private:
     PaneRuntimePolicy paneRuntimePolicy(const PaneContext& context) const;
@@ -250,6 +256,13 @@ class WorkspaceStore : public QObject {
     // Enters a suspended session; one that it displaces under the same pane id
     // could never be reached again and is closed through the ledger.
     void fileSuspendedPane(const SuspendedPane& pane);
+    // Closes, through the ledger, the suspended panes past the per-project bound
+    // or the lifetime.
+    void boundSuspendedPanes();
+    // Closes, through the ledger, every shell of a project that another computer
+    // removed: its panes and its suspended panes. False when the closes could not
+    // be recorded.
+    bool closeRemovedProject(const QString& projectID);
     SavedWorkspace savedWorkspace() const;
     // Lets a pane go once its controller has no start in flight, so that a
     // session that comes up late is still closed or filed, never lost.
@@ -283,6 +296,7 @@ class WorkspaceStore : public QObject {
     std::map<QString, QUuid> selectedTabs_;
     std::map<QUuid, SuspendedPane> suspendedPanes_;
     bool suspendedPanesAreWritable_ = true;
+    std::size_t persistedSuspendedCount_ = 0;
     std::set<std::string> damagedKeys_;
     bool loadFailed_ = false;
     // A migration left sessions out of the model: nothing may be swept this run.

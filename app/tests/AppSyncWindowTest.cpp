@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <QAbstractButton>
+#include <QFile>
 #include <QLabel>
 
 #include "AppTestSupport.h"
+#include "FolderSharedStateTransport.h"
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
 #include "SyncSidebar.h"
@@ -83,6 +85,69 @@ TEST(SyncWindowTest, AProjectFromTheOtherInstanceIsShownAnnouncedOnceAndSetUp) {
     EXPECT_EQ(find(&b.window, "sync.fromCloud"), nullptr);
     ASSERT_EQ(b.app->catalog().projects().size(), 1u);
     EXPECT_EQ(b.app->workspace().tabs().size(), 1u);
+}
+
+TEST(SyncWindowTest, RestorePreviousSaysWhatItBringsBackAsksAndRestoresOnlyThat) {
+    const fs::path record = hl::apptest::baseFolder() / "restore-record";
+    fs::create_directories(record);
+    const QString folder = QString::fromStdString(record.string());
+    qputenv(hl::syncUrlVariable, "file://" + QFile::encodeName(folder));
+    Instance a("restore-a");
+    qunsetenv(hl::syncUrlVariable);
+    const fs::path root = hl::apptest::baseFolder() / "restored";
+    fs::create_directories(root);
+    auto alpha = a.app->catalog().add("alpha", QString::fromStdString(root.string()));
+    ASSERT_TRUE(alpha);
+    ASSERT_TRUE(a.app->workspace().openProject(*alpha));
+    ASSERT_TRUE(spinUntil([&] { return a.status() == "Synced with Cloud"; }))
+        << a.status().toStdString();
+
+    // Another computer, an hour ahead, retitles the tab and adds a project while
+    // this one retitles the same tab.
+    hl::FolderSharedStateTransport other(folder);
+    const auto base = other.fetch();
+    ASSERT_TRUE(base);
+    hl::SharedContent theirs = base->content();
+    theirs.workspaces[0].tabs[0].title = "Theirs";
+    theirs.projects.append({"gamma", "gamma", std::nullopt});
+    a.app->workspace().renameProject(alpha->id, "Mine");
+    other.exchangeFrom(hl::SharedSnapshot(QUuid::createUuid(), theirs, QUuid::createUuid(),
+                                          hl::sharedDateNow() + std::chrono::hours(1)),
+                       base->revision());
+    QAbstractButton* restore = nullptr;
+    ASSERT_TRUE(spinUntil([&] {
+        restore = find<QAbstractButton>(&a.window, "sync.restorePrevious");
+        return restore && restore->isVisible();
+    }));
+    ASSERT_TRUE(spinUntil([&] { return a.app->workspace().tabs()[0]->title() == "Theirs"; }));
+
+    // Asked first: cancelling changes nothing.
+    const QString question =
+        QString::fromUtf8(
+            "Restore tab \u201CMine\u201D of \u201Calpha\u201D as %1 had it just now?")
+            .arg(hl::DeviceCopyEndpoint::discover().deviceName);
+    for (const char* answer : {"sync.restore.cancel", "sync.restore.restore"}) {
+        restore->click();
+        QMessageBox* dialog = nullptr;
+        ASSERT_TRUE(
+            spinUntil([&] { return (dialog = a.window.findChild<QMessageBox*>("sync.restore")); }));
+        EXPECT_EQ(dialog->text(), question);
+        hl::apptest::saveScreenshot(dialog, "sync-restore");
+        dialog->findChild<QAbstractButton*>(answer)->click();
+        ASSERT_TRUE(spinUntil([&] { return !a.window.findChild<QMessageBox*>("sync.restore"); }));
+        if (std::string(answer) == "sync.restore.cancel") {
+            hl::apptest::spinFor(std::chrono::milliseconds(300));
+            EXPECT_EQ(a.app->workspace().tabs()[0]->title(), "Theirs");
+            EXPECT_EQ(a.app->sync().recoveryCount(), 1);
+        }
+    }
+    ASSERT_TRUE(spinUntil([&] { return !a.app->sync().pending(); }));
+    EXPECT_EQ(a.app->workspace().tabs()[0]->title(), "Mine");
+    EXPECT_EQ(a.app->sync().recoveryCount(), 0);
+    const auto stored = other.fetch();
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->content().projects.size(), 2) << "the other computer's project stays";
+    EXPECT_EQ(stored->content().workspaces[0].tabs[0].title, "Mine");
 }
 
 }  // namespace

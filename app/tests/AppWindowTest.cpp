@@ -277,8 +277,8 @@ TEST(ApplicationWindowTest, AProjectLivesThroughSplitsDialogsAndARestart) {
         dialog = content->removeDialog();
         ASSERT_NE(dialog, nullptr);
         EXPECT_EQ(dialog->findChild<QLabel*>("dialog.message")->text(),
-                  "This closes every terminal in Gamma and removes its saved workspace. The "
-                  "folder and its files will not be changed.");
+                  "This closes every terminal in Gamma, here and on your other computers, and "
+                  "removes its saved workspace. The folder and its files will not be changed.");
         saveScreenshot(dialog, "05-remove");
         click(dialog->findChild<QPushButton*>("dialog.confirm"));
         ASSERT_TRUE(spinUntil([&] { return content->removeDialog() == nullptr; }));

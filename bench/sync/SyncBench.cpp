@@ -7,16 +7,19 @@
 // goes: "upload" ends when A has its change accepted by the record, "to B" is
 // the rest, until B's model shows it.
 // Usage: sync_bench [changes]   (default 50). Goal: 95th percentile under 1.5 s.
+//        sync_bench stress [--instances N] [--seconds S]   (default 3 and 60; see SyncStress.cpp)
 #include <QCoreApplication>
 #include <QElapsedTimer>
 #include <QTimer>
 
 #include <algorithm>
 #include <cstdio>
+#include <string>
 
 #include "ApacheServer.h"
 #include "CloudSyncCoordinator.h"
 #include "FolderSharedStateTransport.h"
+#include "SyncStress.h"
 #include "WebDavSharedStateTransport.h"
 #include "WorkspaceTestSupport.h"
 
@@ -120,6 +123,15 @@ void run(const char* name, const std::function<std::shared_ptr<SharedStateTransp
 
 int main(int argc, char** argv) {
     QCoreApplication app(argc, argv);
+    if (argc > 1 && std::string(argv[1]) == "stress") {
+        int instances = 3, seconds = 60;
+        for (int i = 2; i + 1 < argc; i += 2) {
+            const std::string option = argv[i];
+            if (option == "--instances") instances = std::max(2, std::atoi(argv[i + 1]));
+            if (option == "--seconds") seconds = std::max(1, std::atoi(argv[i + 1]));
+        }
+        return bench::runStressOnBoth(instances, seconds);
+    }
     const int changes = argc > 1 ? std::atoi(argv[1]) : 50;
     test::TempDir dir;
     const QString folder = QString::fromStdString(dir.path().string());

@@ -26,6 +26,10 @@ class ApacheServer {
     QUrl url(const QString& name) const;
     // The file behind `name` in the DAV folder.
     QString filePath(const QString& name) const;
+    // Stops the server, as a network that went away.
+    void pause() { stop(); }
+    // Starts it again on the same port and folder.
+    bool resume() { return running_ = startOnce(port_); }
 
   private:
     bool startOnce(quint16 port);

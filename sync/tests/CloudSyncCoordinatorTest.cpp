@@ -12,6 +12,7 @@
 #include <csignal>
 
 #include <atomic>
+#include <fstream>
 #include <thread>
 
 #include "CloudSyncCoordinator.h"
@@ -170,53 +171,114 @@ class GatedFolderTransport final : public SharedStateTransport {
     SharedSnapshot exchange(const SharedSnapshot& snapshot) override {
         return inner_.exchange(snapshot);
     }
+    SharedSnapshot exchangeFrom(const SharedSnapshot& snapshot,
+                                const std::optional<QUuid>& base) override {
+        return inner_.exchangeFrom(snapshot, base);
+    }
     std::atomic<bool> held{false}, entered{false};
 
   private:
     FolderSharedStateTransport inner_;
 };
 
-TEST(FolderRecordTest, AChangeMadeWhileARefreshWaitsIsNeverOverwritten) {
+TEST(FolderRecordTest, AChangeMadeWhileAFetchWaitsMeetsTheNewerRecordAndBothSurvive) {
     hl::test::TempDir dir;
     const QString folder = QString::fromStdString(dir.path().string());
     auto gated = std::make_shared<GatedFolderTransport>(folder);
     Core a(gated), b(std::make_shared<FolderSharedStateTransport>(folder));
     a.settle();
     b.settle();
-    b.addProject("beta");
+    const auto beta = b.addProject("beta");
     ASSERT_TRUE(b.delivered());
     gated->held = true;
     gated->entered = false;
     a.sync->refresh();
     ASSERT_TRUE(spinUntil([&] { return gated->entered.load(); }));
-    const auto alpha = a.addProject("alpha");  // while the fetch waits
+    const auto alpha = a.addProject("alpha");  // while the fetch of B's record waits
     gated->held = false;
     ASSERT_TRUE(a.delivered());
     ASSERT_EQ(a.catalog->projects().size(), 1u);
     EXPECT_EQ(a.catalog->projects()[0].id, alpha.id);
     b.settle();
-    EXPECT_EQ(b.sync->unmappedProjects().size(), 1) << "the later change reached B";
+    ASSERT_EQ(b.catalog->projects().size(), 1u) << "B's delivered project stays";
+    EXPECT_EQ(b.catalog->projects()[0].id, beta.id);
+    ASSERT_EQ(b.sync->unmappedProjects().size(), 1) << "the later change reached B";
+    EXPECT_EQ(b.sync->unmappedProjects()[0].id, alpha.id);
+    const auto stored = FolderSharedStateTransport(folder).fetch();
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->content().projects.size(), 2);
+    EXPECT_EQ(stored->content(), b.sync->sharedContent());
+    EXPECT_EQ(a.sync->sharedContent(), b.sync->sharedContent());
 }
 
-TEST(StoredSyncStateTest, UnreadableSyncKeysAreKeptWhileSyncGoesOn) {
-    // Rows this version cannot read: a recovery list of another shape, a device
-    // id stored as data, a pending snapshot that does not decode.
+TEST(StoredSyncStateTest, UnreadableSyncKeysAreCopiedOutAndReplacedWhileSyncGoesOn) {
+    // Rows this version cannot read: a recovery list with one entry of another
+    // shape beside a good one, a device id stored as data, pending and accepted
+    // snapshots that do not decode.
     auto record = std::make_shared<MemoryRecordTransport>();
-    std::map<std::string, std::string> damaged = {
-        {CloudSyncCoordinator::recoveryKey, "[{\"not\": \"a snapshot\"}]"},
+    auto ahead = std::chrono::hours(0);
+    Core a(record, [&] { return hl::sharedDateNow() + ahead; });
+    a.settle();
+    a.addProject("alpha");
+    ASSERT_TRUE(a.delivered());
+    // A good recovery entry, from a rename lost to another computer's later one.
+    SharedContent theirs = hl::SharedSnapshotCodec::decode(record->payload()).content();
+    theirs.workspaces[0].tabs[0].title = "Their name";
+    a.store->renameProject(a.catalog->projects()[0].id, "Lost name");
+    record->setPayload(hl::SharedSnapshotCodec::encode(
+        SharedSnapshot(QUuid::createUuid(), theirs, QUuid::createUuid(),
+                       hl::sharedDateNow() + std::chrono::hours(1))));
+    ASSERT_TRUE(a.delivered());
+    ASSERT_EQ(a.sync->recoveryCount(), 1);
+    std::string goodList = a.f.prefs->read(CloudSyncCoordinator::recoveryKey).storedBytes;
+    const std::string badList =
+        goodList.substr(0, goodList.size() - 1) + ",{\"not\": \"a snapshot\"}]";
+    const std::map<std::string, std::string> damaged = {
+        {CloudSyncCoordinator::recoveryKey, badList},
         {CloudSyncCoordinator::deviceKey, "device id as data"},
-        {CloudSyncCoordinator::pendingKey, "{ half a snapshot"}};
-    Core a(record);
+        {CloudSyncCoordinator::pendingKey, "{ half a snapshot"},
+        {CloudSyncCoordinator::acceptedKey, "{ half an accepted"}};
     for (const auto& [key, bytes] : damaged)
         a.f.prefs->set(key, hl::PreferenceData{bytes});
     a.restart();
-    EXPECT_EQ(a.sync->damagedKeys().size(), 3u);
-    a.addProject("alpha");
+    EXPECT_EQ(a.sync->damagedKeys().size(), 4u);
+    EXPECT_EQ(a.sync->recoveryCount(), 1) << "the readable entry stays listed";
+
+    // Offline, a change, then a quit inside the debounce: the change is on disk.
+    ahead = std::chrono::hours(2);
+    record->available = false;
+    a.store->renameProject(a.catalog->projects()[0].id, "Offline name");
+    ASSERT_TRUE(a.sync->pending());
+    const QUuid offline = a.sync->pending()->revision();
+    a.restart();
+    ASSERT_TRUE(a.sync->pending());
+    EXPECT_EQ(a.sync->pending()->revision(), offline) << "the pending key was written again";
+    record->available = true;
     a.settle();
-    EXPECT_EQ(hl::SharedSnapshotCodec::decode(record->payload()).content().projects.size(), 1)
-        << "sync still works";
-    for (const auto& [key, bytes] : damaged)
-        EXPECT_EQ(a.f.prefs->read(key).storedBytes, bytes) << key;
+    ASSERT_TRUE(a.delivered());
+    const auto stored = hl::SharedSnapshotCodec::decode(record->payload());
+    ASSERT_EQ(stored.content().workspaces.size(), 1);
+    EXPECT_EQ(stored.content().workspaces[0].tabs[0].title, "Offline name");
+
+    // Each unreadable sync value's bytes are in Recovered; only the device id,
+    // which this computer never replaces, is kept where it is.
+    std::map<std::string, std::string> copies;
+    for (const auto& entry : fs::directory_iterator(a.f.base / "Recovered")) {
+        std::ifstream in(entry.path(), std::ios::binary);
+        const std::string name = entry.path().filename().string();
+        copies[name.substr(0, name.find(".v1-") + 3)] =
+            std::string(std::istreambuf_iterator<char>(in), {});
+    }
+    for (const auto& [key, bytes] : damaged) {
+        if (key == CloudSyncCoordinator::deviceKey) {
+            EXPECT_EQ(a.f.prefs->read(key).storedBytes, bytes);
+            continue;
+        }
+        EXPECT_EQ(copies[key], bytes) << key;
+        EXPECT_NE(a.f.prefs->read(key).storedBytes, bytes) << key;
+    }
+    EXPECT_EQ(a.sync->damagedKeys(), std::set<std::string>{CloudSyncCoordinator::deviceKey});
+    EXPECT_EQ(a.sync->recoveryCopies().size(), 1) << "the readable entry was kept";
 }
 
 }  // namespace

@@ -208,13 +208,17 @@ TEST(SuspendedPaneTest, PanesRemovedElsewhereKeepTheirShellsAndComeBackToThem) {
         "HL_MARK=kept-$((6*7)); echo marker-$((6*7))\n");
     ASSERT_TRUE(shows(leaving, "marker-42"));
 
-    // Concurrent renames, B's the later: A keeps its two-pane state as a copy.
+    // Concurrent renames of the project and its tab, B's the later: A keeps its
+    // two-pane tab as a copy.
     clockB += 60'000;
     b.catalog->rename(alpha.id, "From B");
+    b.store->renameProject(alpha.id, "From B");
     ASSERT_TRUE(b.delivered());
     a.catalog->rename(alpha.id, "From A");
+    a.store->renameProject(alpha.id, "From A");
     ASSERT_TRUE(a.delivered());
     ASSERT_EQ(a.sync->recoveryCount(), 1);
+    EXPECT_EQ(a.store->tabs()[0]->title(), "From B");
 
     // A closes the second pane: B suspends it, and its shell lives on.
     clockA += 120'000;
@@ -246,6 +250,36 @@ TEST(SuspendedPaneTest, PanesRemovedElsewhereKeepTheirShellsAndComeBackToThem) {
     EXPECT_TRUE(shows(back, "marker-42")) << "the earlier output is replayed";
     back->controller().terminalSurfaceDidReceiveInput("echo mark-is-$HL_MARK\n");
     EXPECT_TRUE(shows(back, "mark-is-kept-42")) << "the same shell, with its variable";
+
+    // A closes the pane again and then removes the project: B's shells for it,
+    // the one shown and the one suspended, are closed through the ledger.
+    a.store->selectPane(leavingID);
+    a.store->closeSelectedPane();
+    ASSERT_TRUE(a.delivered());
+    b.settle();
+    ASSERT_EQ(b.store->suspendedPanes().size(), 1u);
+    const QString shown = *b.store->tabs()[0]->panes()[0]->sessionID();
+    a.store->removeProject(alpha.id);
+    a.catalog->remove(alpha.id);
+    ASSERT_TRUE(a.delivered());
+    b.settle();
+    EXPECT_TRUE(b.catalog->projects().empty());
+    EXPECT_TRUE(b.store->tabs().empty());
+    EXPECT_TRUE(b.store->suspendedPanes().empty());
+    const auto client = node.client();
+    const auto listed = [&] {
+        std::set<std::string> ids;
+        for (const auto& id : *client.request("list_sessions")["session_ids"].arrayValue())
+            ids.insert(*id.stringValue());
+        return ids;
+    };
+    EXPECT_TRUE(spinUntil(
+        [&] {
+            const auto ids = listed();
+            return ids.count(session.toStdString()) == 0 && ids.count(shown.toStdString()) == 0;
+        },
+        30s));
+    EXPECT_TRUE(spinUntil([&] { return b.store->closeLedger().pending().empty(); }, 30s));
 }
 
 }  // namespace

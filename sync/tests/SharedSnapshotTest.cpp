@@ -335,25 +335,3 @@ TEST(SharedStateTextsTest, PlatformWordsAndStatusesReadAsTheyShould) {
     EXPECT_NE(Status::of(Status::Kind::LocalOnly).systemImage(),
               Status::of(Status::Kind::Syncing).systemImage());
 }
-
-TEST(SharedStateTextsTest, TransportFailuresMapToTheirStatus) {
-    using Error = hl::SharedStateTransportError;
-    using Status = hl::CloudSyncStatus::Kind;
-    auto status = [](Error::Kind kind, int code = 0) {
-        return hl::syncStatusForError(Error(kind, code, "x")).kind;
-    };
-    // What the real servers of the transport tests do not answer.
-    EXPECT_EQ(status(Error::Kind::HttpStatus, 500), Status::Offline);
-    for (int code : {409, 415}) {
-        EXPECT_EQ(status(Error::Kind::HttpStatus, code), Status::CloudSchema) << code;
-    }
-    for (int code : {404, 410, 412, 423}) {
-        EXPECT_EQ(status(Error::Kind::HttpStatus, code), Status::SyncFailed) << code;
-    }
-    EXPECT_EQ(status(Error::Kind::FileSystem, EACCES), Status::CloudPermission);
-    EXPECT_EQ(status(Error::Kind::FileSystem, ENOENT), Status::Offline);
-    EXPECT_EQ(status(Error::Kind::FileSystem, ENOSPC), Status::SyncFailed);
-    EXPECT_EQ(hl::syncStatusForError(SharedStateError(Kind::CloudConflict)).kind,
-              Status::SyncFailed);
-    EXPECT_EQ(hl::syncStatusForError(std::runtime_error("x")).kind, Status::SyncFailed);
-}

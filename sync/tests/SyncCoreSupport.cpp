@@ -19,6 +19,7 @@ void Core::start() {
     sync = std::make_unique<CloudSyncCoordinator>(
         f.prefs, transport, DeviceCopyEndpoint{"Studio", "studio.local", "ada"},
         [](const QUuid&) {}, now);
+    sync->setRecoveredFolder(f.base / "Recovered");
     sync->attach(catalog.get(), store.get(), false);
 }
 

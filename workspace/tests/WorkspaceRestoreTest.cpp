@@ -312,14 +312,39 @@ TEST_F(WorkspaceRestoreTest, SuspendedPanesAreReadAndClosedWithTheirProject) {
         EXPECT_TRUE(subject->suspendedPanes().empty());
         EXPECT_EQ(f.stored(WorkspaceStore::suspendedPanesKey), "[{\"id\":\"nonsense\"}]");
     }
-    const hl::SuspendedPane waiting{QUuid::createUuid(), alpha.id, alpha.root, "waiting", true};
+    const double now = hl::suspendedPaneClock();
+    const hl::SuspendedPane waiting{QUuid::createUuid(), alpha.id, alpha.root,
+                                    "waiting",           true,     now};
     store(WorkspaceStore::suspendedPanesKey, hl::encodeSuspendedPanes({waiting, waiting}));
     EXPECT_TRUE(f.makeStore({alpha})->suspendedPanes().empty()) << "a repeated id drops the list";
 
-    store(WorkspaceStore::suspendedPanesKey, hl::encodeSuspendedPanes({waiting}));
+    // Nine more of one project, one of them eight days old: the old one and the
+    // oldest past eight are closed through the ledger at start.
+    std::vector<hl::SuspendedPane> stored{waiting};
     f.node->adopt("waiting", alpha.root.toStdString());
+    for (int i = 0; i < 9; ++i) {
+        const std::string session = "s" + std::to_string(i);
+        const double age = i == 0 ? 8 * 24 * 3600e3 : 1000.0 * (i + 1);
+        stored.push_back({QUuid::createUuid(), alpha.id, alpha.root,
+                          QString::fromStdString(session), false, now - age});
+        f.node->adopt(session, alpha.root.toStdString());
+    }
+    store(WorkspaceStore::suspendedPanesKey, hl::encodeSuspendedPanes(stored));
     auto subject = f.makeStore({alpha});
-    ASSERT_EQ(subject->suspendedPanes(), std::vector<hl::SuspendedPane>{waiting});
+    auto kept = subject->suspendedPanes();
+    std::sort(kept.begin(), kept.end(),
+              [](const auto& a, const auto& b) { return a.suspendedAt > b.suspendedAt; });
+    std::vector<hl::SuspendedPane> newest{stored[0]};
+    newest.insert(newest.end(), stored.begin() + 2, stored.end() - 1);
+    EXPECT_EQ(kept, newest);
+    ASSERT_TRUE(spinUntil([&] { return f.node->sessions().size() == 8; }));
+    EXPECT_EQ(f.node->sessions().count("s0"), 0u) << "the old one";
+    EXPECT_EQ(f.node->sessions().count("s8"), 0u) << "the oldest past eight";
+    EXPECT_EQ(hl::decodeSuspendedPanes(
+                  QByteArray::fromStdString(f.stored(WorkspaceStore::suspendedPanesKey)))
+                  .size(),
+              8u);
+
     EXPECT_TRUE(subject->removeProject(alpha.id));
     EXPECT_TRUE(subject->suspendedPanes().empty());
     EXPECT_EQ(f.stored(WorkspaceStore::suspendedPanesKey), "<absent>");

@@ -27,7 +27,29 @@ std::optional<SharedSnapshot> RecordSharedStateTransport::fetch() {
     return found->second;
 }
 
+SharedSnapshot SharedStateTransport::exchangeFrom(const SharedSnapshot& snapshot,
+                                                  const std::optional<QUuid>&) {
+    return exchange(snapshot);
+}
+
 SharedSnapshot RecordSharedStateTransport::exchange(const SharedSnapshot& snapshot) {
+    return exchangeWhile(snapshot,
+                         [](const SharedSnapshot& found, const SharedSnapshot& candidate) {
+                             return found.isNewer(candidate);
+                         });
+}
+
+SharedSnapshot RecordSharedStateTransport::exchangeFrom(const SharedSnapshot& snapshot,
+                                                        const std::optional<QUuid>& base) {
+    return exchangeWhile(
+        snapshot, [base](const SharedSnapshot& found, const SharedSnapshot& candidate) {
+            return found.revision() != base && found.revision() != candidate.revision();
+        });
+}
+
+SharedSnapshot RecordSharedStateTransport::exchangeWhile(
+    const SharedSnapshot& snapshot,
+    const std::function<bool(const SharedSnapshot&, const SharedSnapshot&)>& wins) {
     if (!isConfigured()) throw SharedStateError(SharedStateError::Kind::NotConfigured);
     const SharedSnapshot candidate = snapshot.validated();
     const QByteArray payload = SharedSnapshotCodec::encode(candidate);
@@ -39,7 +61,7 @@ SharedSnapshot RecordSharedStateTransport::exchange(const SharedSnapshot& snapsh
         beginAttempt();
         AttemptScope scope{*this};
         const auto found = fetchRecord();
-        if (found && found->second.isNewer(candidate)) return found->second;
+        if (found && wins(found->second, candidate)) return found->second;
         const std::optional<QByteArray> tag =
             found ? std::optional<QByteArray>(found->first.tag) : std::nullopt;
         if (writeRecord(payload, tag) == SaveOutcome::Saved) return candidate;

@@ -62,6 +62,12 @@ class SharedStateTransport {
     virtual std::optional<SharedSnapshot> fetch() = 0;
     // Stores `snapshot` unless the record holds a newer one, and gives the survivor.
     virtual SharedSnapshot exchange(const SharedSnapshot& snapshot) = 0;
+    // Stores `snapshot` only while the record is absent or still holds the revision
+    // `base` (or already holds `snapshot`), and gives the survivor: `snapshot`, or
+    // the record as found, newer or older, for the caller to merge with. By
+    // default the plain exchange.
+    virtual SharedSnapshot exchangeFrom(const SharedSnapshot& snapshot,
+                                        const std::optional<QUuid>& base);
 
     // Tells other instances that `revision` was accepted; by default nobody.
     virtual void publishChange(const QUuid& revision);
@@ -96,6 +102,8 @@ class RecordSharedStateTransport : public SharedStateTransport {
 
     std::optional<SharedSnapshot> fetch() override;
     SharedSnapshot exchange(const SharedSnapshot& snapshot) override;
+    SharedSnapshot exchangeFrom(const SharedSnapshot& snapshot,
+                                const std::optional<QUuid>& base) override;
 
   protected:
     enum class SaveOutcome { Saved, TagMoved };
@@ -113,6 +121,11 @@ class RecordSharedStateTransport : public SharedStateTransport {
 
   private:
     std::optional<std::pair<SharedStateRecord, SharedSnapshot>> fetchRecord();
+    // The attempts of both exchanges; `wins` says whether the record as found
+    // survives without a write.
+    SharedSnapshot exchangeWhile(const SharedSnapshot& snapshot,
+                                 const std::function<bool(const SharedSnapshot& found,
+                                                          const SharedSnapshot& candidate)>& wins);
 };
 
 // The variable that names the record's place: a file:// URL of a folder or the
