@@ -7,6 +7,7 @@
 #include <QThreadPool>
 
 #include <map>
+#include <set>
 
 #include "SharedSnapshotCodec.h"
 #include "StoredDataRecovery.h"
@@ -287,9 +288,30 @@ void CloudSyncCoordinator::takeRemote(const SharedSnapshot& remote) {
     if (pending_) {
         mergeWithPending(remote);
     } else {
-        applyRemote(remote);
+        // Nothing changed here since the last agreement: a pane that the record
+        // no longer holds was closed on another computer, and so is its shell here.
+        applyRemote(remote, [](const QUuid&) { return true; });
     }
 }
+
+namespace {
+
+// The panes of the tabs (and of the whole projects) that a side lost: their
+// shells stay suspended, so that bringing the copy back finds them again.
+std::set<QUuid> panesOf(const SharedLosses& losses) {
+    std::set<QUuid> panes;
+    for (const auto& workspace : losses.content.workspaces) {
+        const bool wholeProject = losses.projectIDs.contains(workspace.projectID);
+        for (const auto& tab : workspace.tabs) {
+            if (!wholeProject && !losses.tabIDs.contains(tab.id)) continue;
+            for (const auto& pane : tab.panes)
+                panes.insert(pane.id);
+        }
+    }
+    return panes;
+}
+
+}  // namespace
 
 void CloudSyncCoordinator::mergeWithPending(const SharedSnapshot& remote) {
     if (!catalog_ || !workspace_) return;
@@ -321,11 +343,16 @@ void CloudSyncCoordinator::mergeWithPending(const SharedSnapshot& remote) {
                           deviceNameOf(theirs.deviceID(), theirs.content()),
                           merge.remoteLosses.projectIDs, merge.remoteLosses.tabIDs});
     }
+    // Panes closed on the other computer close their shells here; those of a
+    // copy this computer lost stay suspended with it.
+    const auto closes = [kept = panesOf(merge.localLosses)](const QUuid& pane) {
+        return kept.count(pane) == 0;
+    };
     if (merged == theirs.content()) {
-        applyRemote(theirs);
+        applyRemote(theirs, closes);
         return;
     }
-    const std::vector<QString> blocked = applyToStores(merged);
+    const std::vector<QString> blocked = applyToStores(merged, closes);
     accepted_ = theirs;
     pending_ = SharedSnapshot(deviceID_, merged, QUuid::createUuid(), now_());
     sharedContent_ = merged;
@@ -337,14 +364,16 @@ void CloudSyncCoordinator::mergeWithPending(const SharedSnapshot& remote) {
     refreshAgain_ = true;  // the merged state goes out at once
 }
 
-std::vector<QString> CloudSyncCoordinator::applyToStores(const SharedContent& content) {
+std::vector<QString> CloudSyncCoordinator::applyToStores(
+    const SharedContent& content, const std::function<bool(const QUuid&)>& closesLeavingPane) {
     applyingRemote_ = true;
     struct Reset {
         bool& flag;
         ~Reset() { flag = false; }
     } reset{applyingRemote_};
     catalog_->applySharedProjects(content.projects);
-    return workspace_->applySharedWorkspaces(content.workspaces, catalog_->projects());
+    return workspace_->applySharedWorkspaces(content.workspaces, catalog_->projects(),
+                                             closesLeavingPane);
 }
 
 QString CloudSyncCoordinator::localDeviceName() const {
@@ -385,10 +414,11 @@ void CloudSyncCoordinator::acceptLocal(const SharedSnapshot& snapshot) {
     if (publishChangeSignal_) publishChangeSignal_(snapshot.revision());
 }
 
-void CloudSyncCoordinator::applyRemote(const SharedSnapshot& snapshot) {
+void CloudSyncCoordinator::applyRemote(const SharedSnapshot& snapshot,
+                                       const std::function<bool(const QUuid&)>& closesLeavingPane) {
     if (!catalog_ || !workspace_) return;
     const SharedSnapshot validated = snapshot.validated();
-    const std::vector<QString> blocked = applyToStores(validated.content());
+    const std::vector<QString> blocked = applyToStores(validated.content(), closesLeavingPane);
     accepted_ = validated;
     pending_.reset();
     sharedContent_ = validated.content();
@@ -435,8 +465,9 @@ void CloudSyncCoordinator::endRefresh() {
 void CloudSyncCoordinator::updateUnmappedProjects() {
     const std::set<QString> mapped = catalogIDs();
     QList<SharedProject> list;
+    // With sync off, what an earlier sync stored names no project to set up here.
     for (const auto& project : sharedContent_.projects) {
-        if (mapped.count(project.id) == 0) list.append(project);
+        if (transport_->isConfigured() && mapped.count(project.id) == 0) list.append(project);
     }
     QCollator collator;
     collator.setNumericMode(true);

@@ -114,15 +114,19 @@ class CloudSyncCoordinator : public QObject {
     void localDidChange();
     void publish(const SharedContent& content, std::function<void()> finish);
     void acceptLocal(const SharedSnapshot& snapshot);
-    // Throws what validation or encoding throws.
-    void applyRemote(const SharedSnapshot& snapshot);
+    // Throws what validation or encoding throws. `closesLeavingPane` as for
+    // WorkspaceStore::applySharedWorkspaces; empty suspends every pane that leaves.
+    void applyRemote(const SharedSnapshot& snapshot,
+                     const std::function<bool(const QUuid&)>& closesLeavingPane = {});
     void settleWith(const SharedSnapshot& sent, const SharedSnapshot& survivor);
     // A remote snapshot other than the accepted one: taken as it is when nothing
     // is pending, merged with the pending change otherwise.
     void takeRemote(const SharedSnapshot& remote);
     void mergeWithPending(const SharedSnapshot& remote);
     // Writes `content` into the stores without echo; gives the blocked projects.
-    std::vector<QString> applyToStores(const SharedContent& content);
+    std::vector<QString> applyToStores(
+        const SharedContent& content,
+        const std::function<bool(const QUuid&)>& closesLeavingPane = {});
     QString deviceNameOf(const QUuid& device, const SharedContent& content) const;
     QString localDeviceName() const;
     // Copies the bytes of an unreadable key to the Recovered folder and clears it,

@@ -83,7 +83,8 @@ QList<SharedWorkspace> WorkspaceStore::sharedWorkspaces(
 }
 
 std::vector<QString> WorkspaceStore::applySharedWorkspaces(
-    const QList<SharedWorkspace>& workspaces, const std::vector<ProjectRecord>& mappedProjects) {
+    const QList<SharedWorkspace>& workspaces, const std::vector<ProjectRecord>& mappedProjects,
+    const std::function<bool(const QUuid&)>& closesLeavingPane) {
     std::vector<QString> everything;
     for (const auto& record : mappedProjects)
         everything.push_back(record.id);
@@ -137,7 +138,11 @@ std::vector<QString> WorkspaceStore::applySharedWorkspaces(
         const bool holds = wanted && std::any_of(imported->begin(), imported->end(),
                                                  [&](const auto& t) { return t->id() == *wanted; });
         const QUuid selection = holds ? *wanted : imported->front()->id();
+        // Only panes that the list itself takes away may be closed; a project
+        // that is not mapped here, or has no workspace in the list, only suspends.
+        closesLeavingPane_ = closesLeavingPane;
         replaceProjectTabs(record.id, std::move(*imported));
+        closesLeavingPane_ = nullptr;
         selectedTabs_[workspaceID] = selection;
     }
     normalizeSelectionAfterSharedImport();
@@ -228,8 +233,15 @@ void WorkspaceStore::replaceProjectTabs(const QString& projectID,
         std::vector<QUuid> ids;
         for (TerminalPane* pane : tab->panes())
             ids.push_back(pane->id());
-        for (const QUuid& id : ids)
-            suspendPane(tab->takePane(id));
+        for (const QUuid& id : ids) {
+            auto pane = tab->takePane(id);
+            if (closesLeavingPane_ && closesLeavingPane_(id) && recordCloses({pane.get()})) {
+                pane->controller().close();
+                retire(std::move(pane));
+            } else {
+                suspendPane(std::move(pane));
+            }
+        }
     }
 }
 

@@ -170,10 +170,13 @@ class WorkspaceStore : public QObject {
     QList<SharedWorkspace> sharedWorkspaces(const std::vector<ProjectRecord>& mappedProjects) const;
     // Makes the workspaces of the given projects what the shared list says, keeps
     // live panes whose directory is unchanged, suspends panes that leave and
-    // reattaches suspended ones that come back. Gives the projects that could not
-    // be applied (a directory missing here), or all of them when nothing may be saved.
-    std::vector<QString> applySharedWorkspaces(const QList<SharedWorkspace>& workspaces,
-                                               const std::vector<ProjectRecord>& mappedProjects);
+    // reattaches suspended ones that come back. A leaving pane for which
+    // `closesLeavingPane` says true (one another computer closed) has its shell
+    // closed through the ledger instead. Gives the projects that could not be
+    // applied (a directory missing here), or all of them when nothing may be saved.
+    std::vector<QString> applySharedWorkspaces(
+        const QList<SharedWorkspace>& workspaces, const std::vector<ProjectRecord>& mappedProjects,
+        const std::function<bool(const QUuid&)>& closesLeavingPane = {});
     // `path` relative to `root` ("" for the root itself) when it lies within it.
     static std::optional<QString> relativePath(const QString& path, const QString& root);
     // The existing directory that `relativePath` names within `root`, links resolved.
@@ -301,6 +304,8 @@ class WorkspaceStore : public QObject {
     bool loadFailed_ = false;
     // A migration left sessions out of the model: nothing may be swept this run.
     bool migrationDroppedSessions_ = false;
+    // While a shared list is applied: which leaving panes are closed, not suspended.
+    std::function<bool(const QUuid&)> closesLeavingPane_;
     bool writeFailed_ = false;
     std::string writeFailure_;
     QTimer saveRetry_;

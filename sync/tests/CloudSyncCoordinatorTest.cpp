@@ -114,6 +114,13 @@ TEST_F(MemoryRecordTest, AJoiningComputerTakesTheRecordAndKeepsItsOwnStateAsACop
     EXPECT_EQ(own.sync->recoveryCount(), 1);
     EXPECT_TRUE(own.catalog->projects().empty());
     EXPECT_EQ(own.sync->status(), CloudSyncStatus::needsFolder(1));
+    ASSERT_EQ(own.sync->unmappedProjects().size(), 1);
+
+    // Sync turned off: what the last sync stored asks for no set-up here.
+    own.sync = std::make_unique<CloudSyncCoordinator>(
+        own.f.prefs, std::make_shared<DisabledSharedStateTransport>());
+    own.sync->attach(own.catalog.get(), own.store.get(), false);
+    EXPECT_TRUE(own.sync->unmappedProjects().isEmpty());
 }
 
 TEST(KilledCoreTest, AChangeCaughtInTheMiddleOfAnExchangeIsDeliveredByTheNextStart) {

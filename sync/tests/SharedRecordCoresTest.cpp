@@ -176,7 +176,7 @@ bool shows(const TerminalPane* pane, const std::string& text) {
                      30s);
 }
 
-TEST(SuspendedPaneTest, PanesRemovedElsewhereKeepTheirShellsAndComeBackToThem) {
+TEST(SuspendedPaneTest, ALostPaneKeepsItsShellAndAClosedOneClosesIt) {
     hl::test::TempDir dir;
     const QString folder = QString::fromStdString(dir.path().string());
     double clockA = 1.0e12, clockB = 1.0e12;
@@ -208,64 +208,6 @@ TEST(SuspendedPaneTest, PanesRemovedElsewhereKeepTheirShellsAndComeBackToThem) {
         "HL_MARK=kept-$((6*7)); echo marker-$((6*7))\n");
     ASSERT_TRUE(shows(leaving, "marker-42"));
 
-    // Concurrent renames of the project and its tab, B's the later: A keeps its
-    // two-pane tab as a copy.
-    clockB += 60'000;
-    b.catalog->rename(alpha.id, "From B");
-    b.store->renameProject(alpha.id, "From B");
-    ASSERT_TRUE(b.delivered());
-    a.catalog->rename(alpha.id, "From A");
-    a.store->renameProject(alpha.id, "From A");
-    ASSERT_TRUE(a.delivered());
-    ASSERT_EQ(a.sync->recoveryCount(), 1);
-    EXPECT_EQ(a.store->tabs()[0]->title(), "From B");
-
-    // A closes the second pane: B suspends it, and its shell lives on.
-    clockA += 120'000;
-    a.store->selectPane(a.store->tabs()[0]->panes()[1]->id());
-    a.store->closeSelectedPane();
-    ASSERT_TRUE(a.delivered());
-    b.settle();
-    ASSERT_EQ(b.store->tabs()[0]->paneCount(), 1u);
-    ASSERT_EQ(b.store->suspendedPanes().size(), 1u);
-    EXPECT_EQ(b.store->suspendedPanes()[0].sessionID, session);
-    hl::test::spinFor(500ms);
-    EXPECT_TRUE(b.store->closeLedger().pending().empty()) << "nothing was closed";
-    node.type(session.toStdString(), "echo alive-$((2+3))\n");
-    EXPECT_NE(node.pollUntilContains(session.toStdString(), "alive-5").output.find("alive-5"),
-              std::string::npos);
-
-    // "Restore Previous" on A brings the pane back, and on B to the same shell.
-    clockA += 600'000;
-    ASSERT_TRUE(a.sync->restoreMostRecentRecovery());
-    ASSERT_TRUE(a.delivered());
-    b.settle();
-    ASSERT_EQ(b.store->tabs()[0]->paneCount(), 2u);
-    TerminalPane* back = b.store->tabs()[0]->panes()[1];
-    EXPECT_EQ(back->id(), leavingID);
-    EXPECT_EQ(back->sessionID(), session);
-    EXPECT_TRUE(b.store->suspendedPanes().empty());
-    back->controller().requestFocus();
-    ASSERT_TRUE(spinUntil([&] { return back->controller().status() == "Reconnected"; }, 30s));
-    EXPECT_TRUE(shows(back, "marker-42")) << "the earlier output is replayed";
-    back->controller().terminalSurfaceDidReceiveInput("echo mark-is-$HL_MARK\n");
-    EXPECT_TRUE(shows(back, "mark-is-kept-42")) << "the same shell, with its variable";
-
-    // A closes the pane again and then removes the project: B's shells for it,
-    // the one shown and the one suspended, are closed through the ledger.
-    a.store->selectPane(leavingID);
-    a.store->closeSelectedPane();
-    ASSERT_TRUE(a.delivered());
-    b.settle();
-    ASSERT_EQ(b.store->suspendedPanes().size(), 1u);
-    const QString shown = *b.store->tabs()[0]->panes()[0]->sessionID();
-    a.store->removeProject(alpha.id);
-    a.catalog->remove(alpha.id);
-    ASSERT_TRUE(a.delivered());
-    b.settle();
-    EXPECT_TRUE(b.catalog->projects().empty());
-    EXPECT_TRUE(b.store->tabs().empty());
-    EXPECT_TRUE(b.store->suspendedPanes().empty());
     const auto client = node.client();
     const auto listed = [&] {
         std::set<std::string> ids;
@@ -273,10 +215,69 @@ TEST(SuspendedPaneTest, PanesRemovedElsewhereKeepTheirShellsAndComeBackToThem) {
             ids.insert(*id.stringValue());
         return ids;
     };
+
+    // A closes the second pane while B, earlier, splits the same tab: B's tab
+    // loses and is kept as B's copy, and the pane leaving B is suspended with it.
+    clockA += 120'000;
+    a.store->selectPane(a.store->tabs()[0]->panes()[1]->id());
+    a.store->closeSelectedPane();
+    ASSERT_TRUE(a.delivered());
+    b.store->selectPane(b.store->tabs()[0]->panes()[0]->id());
+    b.store->split(false);
+    b.settle();
+    ASSERT_EQ(b.sync->recoveryCount(), 1);
+    ASSERT_EQ(b.store->tabs()[0]->paneCount(), 1u);
+    ASSERT_GE(b.store->suspendedPanes().size(), 1u);
+    hl::test::spinFor(500ms);
+    EXPECT_TRUE(b.store->closeLedger().pending().empty()) << "nothing was closed";
+    node.type(session.toStdString(), "echo alive-$((2+3))\n");
+    EXPECT_NE(node.pollUntilContains(session.toStdString(), "alive-5").output.find("alive-5"),
+              std::string::npos);
+
+    // "Restore Previous" on B brings its tab back, to the same shell.
+    clockB += 600'000;
+    ASSERT_TRUE(b.sync->restoreMostRecentRecovery());
+    ASSERT_TRUE(b.delivered());
+    TerminalPane* back = b.store->tabs()[0]->pane(leavingID);
+    ASSERT_NE(back, nullptr);
+    EXPECT_EQ(back->sessionID(), session);
+    back->controller().requestFocus();
+    ASSERT_TRUE(spinUntil([&] { return back->controller().status() == "Reconnected"; }, 30s));
+    EXPECT_TRUE(shows(back, "marker-42")) << "the earlier output is replayed";
+    back->controller().terminalSurfaceDidReceiveInput("echo mark-is-$HL_MARK\n");
+    EXPECT_TRUE(shows(back, "mark-is-kept-42")) << "the same shell, with its variable";
+
+    // A closes that pane on purpose: B's shell for it is closed through the ledger.
+    a.settle();
+    ASSERT_NE(a.store->tabs()[0]->pane(leavingID), nullptr);
+    clockA += 1'200'000;
+    a.store->selectPane(leavingID);
+    a.store->closeSelectedPane();
+    ASSERT_TRUE(a.delivered());
+    b.settle();
+    EXPECT_EQ(b.store->tabs()[0]->pane(leavingID), nullptr);
+    EXPECT_TRUE(spinUntil([&] { return listed().count(session.toStdString()) == 0; }, 30s))
+        << "a pane closed on another computer closes its shell here";
+
+    // A removes the project: B's shells for it, shown and suspended, are closed.
+    std::set<std::string> others;
+    for (auto* pane : b.store->tabs()[0]->panes())
+        if (pane->sessionID()) others.insert(pane->sessionID()->toStdString());
+    for (const auto& suspended : b.store->suspendedPanes())
+        others.insert(suspended.sessionID.toStdString());
+    ASSERT_FALSE(others.empty());
+    a.store->removeProject(alpha.id);
+    a.catalog->remove(alpha.id);
+    ASSERT_TRUE(a.delivered());
+    b.settle();
+    EXPECT_TRUE(b.catalog->projects().empty());
+    EXPECT_TRUE(b.store->tabs().empty());
+    EXPECT_TRUE(b.store->suspendedPanes().empty());
     EXPECT_TRUE(spinUntil(
         [&] {
             const auto ids = listed();
-            return ids.count(session.toStdString()) == 0 && ids.count(shown.toStdString()) == 0;
+            return std::none_of(others.begin(), others.end(),
+                                [&](const auto& id) { return ids.count(id) != 0; });
         },
         30s));
     EXPECT_TRUE(spinUntil([&] { return b.store->closeLedger().pending().empty(); }, 30s));
