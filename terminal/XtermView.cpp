@@ -82,6 +82,17 @@ const fitAddon = new FitAddon.FitAddon();
 const searchAddon = new SearchAddon.SearchAddon();
 terminal.loadAddon(fitAddon);
 terminal.loadAddon(searchAddon);
+// Characters are as wide as the C library's wcwidth says (emoji and other wide
+// characters take two cells), so the shell and the screen agree.
+// The terminal offers its width tables only as a proposed interface: it is
+// opened for this and closed again.
+terminal.options.allowProposedApi = true;
+try {
+  terminal.loadAddon(new Unicode11Addon.Unicode11Addon());
+  terminal.unicode.activeVersion = '11';
+} finally {
+  terminal.options.allowProposedApi = false;
+}
 terminal.loadAddon(new WebLinksAddon.WebLinksAddon((event, uri) => {
   host.openLink.postMessage(uri);
 }, linkCallbacks));
@@ -410,7 +421,44 @@ function placeContainer(container, rect) {
   container.style.width = `${rect.width}px`;
   container.style.height = `${rect.height}px`;
 }
+// Key events the page has seen, and the moves of the keyboard between
+// terminals that wait for keys sent before them. A move is made once the page
+// has seen those keys (after the last one has been handled), or at the latest
+// after half a second, for a key that never reached the page.
+let keyEventsSeen = 0;
+const waitingMoves = [];
+function makeDueMoves(all = false) {
+  while (waitingMoves.length > 0 && (all || keyEventsSeen >= waitingMoves[0].after)) {
+    const move = waitingMoves.shift();
+    clearTimeout(move.timer);
+    try {
+      terminals.get(move.id)?.api?.[move.operation]?.();
+    } finally {
+      window.webkit.messageHandlers.keyboardMoved.postMessage(move.number);
+    }
+  }
+}
+for (const type of ['keydown', 'keyup']) {
+  window.addEventListener(type, () => {
+    keyEventsSeen += 1;
+    if (waitingMoves.length > 0) setTimeout(makeDueMoves, 0);
+  }, true);
+}
 window.harborlattice = {
+  moveKeyboard(number, after, id, operation) {
+    const move = { number, after, id, operation };
+    waitingMoves.push(move);
+    if (keyEventsSeen >= after && waitingMoves.length === 1) {
+      makeDueMoves();
+      return;
+    }
+    move.timer = setTimeout(() => {
+      while (waitingMoves.includes(move)) {
+        keyEventsSeen = Math.max(keyEventsSeen, waitingMoves[0].after);
+        makeDueMoves();
+      }
+    }, 500);
+  },
   open(id, rect) {
     if (terminals.has(id)) return;
     const container = document.createElement('div');
@@ -519,12 +567,13 @@ std::string XtermView::htmlNamingScripts(std::string_view css) {
 }
 
 std::string XtermView::html(std::string_view js, std::string_view fit, std::string_view links,
-                            std::string_view search, std::string_view css) {
+                            std::string_view search, std::string_view unicode,
+                            std::string_view css) {
     const std::string script = documentScript();
     std::string document;
     document.reserve(documentHead.size() + css.size() + pageStyle.size() + js.size() +
-                     3 * nextScript.size() + fit.size() + links.size() + search.size() +
-                     ownScriptStart.size() + script.size() + documentTail.size());
+                     4 * nextScript.size() + fit.size() + links.size() + search.size() +
+                     unicode.size() + ownScriptStart.size() + script.size() + documentTail.size());
     document += documentHead;
     document += css;
     document += pageStyle;
@@ -535,6 +584,8 @@ std::string XtermView::html(std::string_view js, std::string_view fit, std::stri
     document += links;
     document += nextScript;
     document += search;
+    document += nextScript;
+    document += unicode;
     document += ownScriptStart;
     document += script;
     document += documentTail;
