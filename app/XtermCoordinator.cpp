@@ -242,7 +242,9 @@ void XtermCoordinator::didReceiveScriptMessage(const QString& name, const QJsonV
     } else if (name == "pastePrimary") {
         if (onPastePrimary) onPastePrimary();
     } else if (name == "link") {
-        if (body.isString()) hoveredLink_ = body.toString();
+        if (!body.isString()) return;
+        hoveredLink_ = body.toString();
+        if (onHoverLink) onHoverLink(hoveredLink_);
     } else if (name == "searchResults") {
         if (!body.isObject()) return;
         const auto count = integerMember(body.toObject(), "count");

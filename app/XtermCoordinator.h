@@ -121,6 +121,8 @@ class XtermCoordinator : public TerminalSurface {
     std::function<void(const QString&)> onSelection;
     // A middle click asks for the primary selection to be pasted.
     std::function<void()> onPastePrimary;
+    // The pointer is over a link (its target), or has left it (empty).
+    std::function<void(const QString&)> onHoverLink;
 
   private:
     void write(const QString& base64, bool replace);

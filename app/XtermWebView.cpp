@@ -6,6 +6,7 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QComboBox>
+#include <QCursor>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -15,6 +16,7 @@
 #include <QPlainTextEdit>
 #include <QTextEdit>
 #include <QTimer>
+#include <QToolTip>
 #include <QVBoxLayout>
 #include <QWebChannel>
 #include <QWebEnginePage>
@@ -301,6 +303,14 @@ XtermCoordinator* XtermWebView::open(const QUuid& pane, TerminalController* cont
         if (guarded && clipboard->supportsSelection())
             guarded->paste(clipboard->text(QClipboard::Selection));
     };
+    // Where a link goes shows beside the pointer while it is over the link.
+    coordinator->onHoverLink = [this](const QString& link) {
+        if (link.isEmpty()) {
+            QToolTip::hideText();
+        } else {
+            QToolTip::showText(QCursor::pos(), link, view_);
+        }
+    };
     if (currentFontSize != defaultFontSize) coordinator->setFontSize(currentFontSize);
     coordinator->bind(controller);
     scheduleSend();
@@ -445,6 +455,9 @@ QMenu* XtermWebView::contextMenu(QPoint position) {
         menu->addSeparator();
         menu->addAction(QStringLiteral("Open Link"), this, [terminal, link] {
             if (terminal) terminal->openLink(link);
+        });
+        menu->addAction(QStringLiteral("Copy Link Address"), this, [link] {
+            QGuiApplication::clipboard()->setText(link, QClipboard::Clipboard);
         });
     }
     return menu;

@@ -78,6 +78,34 @@ const linkCallbacks = {
   hover: (event, uri) => hoverLink(uri),
   leave: () => hoverLink(''),
 };
+// A link opens on Ctrl+click, or on a plain click of the primary button that
+// did not move and left nothing selected; never at the end of a drag, on a
+// double click or with another button. A plain click waits out the time of a
+// double click, which cancels it.
+const doubleClickInterval = 400;
+const clickSlop = 4;
+let press = null;
+let plainClickTimer = 0;
+function cancelPlainClick() {
+  clearTimeout(plainClickTimer);
+  plainClickTimer = 0;
+}
+function activateLink(event, uri) {
+  const click = press;
+  if (!click || click.button !== 0 || event.button !== 0 || click.moved) return;
+  if (click.detail > 1 || event.detail > 1) return;
+  if (event.ctrlKey && !event.altKey && !event.metaKey) {
+    host.openLink.postMessage(uri);
+    return;
+  }
+  if (event.ctrlKey || event.altKey || event.metaKey || event.shiftKey) return;
+  if (terminal.hasSelection()) return;
+  cancelPlainClick();
+  plainClickTimer = setTimeout(() => {
+    plainClickTimer = 0;
+    if (!closed && !terminal.hasSelection()) host.openLink.postMessage(uri);
+  }, doubleClickInterval);
+}
 const fitAddon = new FitAddon.FitAddon();
 const searchAddon = new SearchAddon.SearchAddon();
 terminal.loadAddon(fitAddon);
@@ -93,15 +121,21 @@ try {
 } finally {
   terminal.options.allowProposedApi = false;
 }
-terminal.loadAddon(new WebLinksAddon.WebLinksAddon((event, uri) => {
-  host.openLink.postMessage(uri);
-}, linkCallbacks));
+terminal.loadAddon(new WebLinksAddon.WebLinksAddon(activateLink, linkCallbacks));
 // Links a program embeds in its output (OSC 8) leave the same way as plain ones.
-terminal.options.linkHandler = {
-  activate: (event, uri) => host.openLink.postMessage(uri),
-  ...linkCallbacks,
-};
+terminal.options.linkHandler = { activate: activateLink, ...linkCallbacks };
 terminal.open(container);
+terminal.element?.addEventListener('mousedown', event => {
+  cancelPlainClick();
+  press = { x: event.clientX, y: event.clientY, button: event.button, detail: event.detail,
+    moved: false };
+}, true);
+terminal.element?.addEventListener('mousemove', event => {
+  if (press && !press.moved && (Math.abs(event.clientX - press.x) > clickSlop ||
+                                Math.abs(event.clientY - press.y) > clickSlop)) {
+    press.moved = true;
+  }
+}, true);
 // The renderer measures a character's width the first time it draws it, one
 // layout of the whole page per character. Printable ASCII is measured here at
 // once, in one layout, with the renderer's own measuring element, and handed
@@ -387,6 +421,7 @@ const api = {
 };
 function close() {
   closed = true;
+  cancelPlainClick();
   outputWaiting.length = 0;
   clearInterval(blinkTimer);
   resizeObserver.disconnect();

@@ -213,6 +213,22 @@ TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {
     }
     EXPECT_EQ(entries, QStringList({"Copy", "Paste", "Select All", "Find…"}));
     delete menu;
+    // Over a link it offers to open it or copy its address.
+    evaluate(view, "window.webkit.messageHandlers.link.postMessage({pane: '" +
+                       view.pane.toString(QUuid::WithoutBraces) +
+                       "', body: 'https://harborlattice.test/a?b=1'})");
+    ASSERT_TRUE(spinUntil([&] { return !view.coordinator->hoveredLink().isEmpty(); }, 5s));
+    menu = view.view->contextMenu({10, 10});
+    ASSERT_NE(menu, nullptr);
+    entries.clear();
+    for (auto* action : menu->actions()) {
+        if (!action->isSeparator()) entries << action->text();
+    }
+    EXPECT_EQ(entries, QStringList({"Copy", "Paste", "Select All", "Find…", "Open Link",
+                                    "Copy Link Address"}));
+    menu->actions().last()->trigger();
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), "https://harborlattice.test/a?b=1");
+    delete menu;
     EXPECT_EQ(view.view->webView()->contextMenuPolicy(), Qt::CustomContextMenu);
 
     // Find from the keyboard; a terminal that comes up meanwhile leaves the field alone.

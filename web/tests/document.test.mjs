@@ -35,10 +35,14 @@ function recordPosts() {
   window.recordedPosts = posts;
   window.webkit = { messageHandlers: {} };
   const functions = (object, names) => names.every((name) => typeof object?.[name] === 'function');
-  for (const name of ['loaded', 'input', 'resize', 'openLink', 'ready', 'title', 'bell', 'selection',
+  for (const name of ['loaded', 'keyboardMoved', 'input', 'resize', 'openLink', 'ready', 'title', 'bell', 'selection',
     'pastePrimary', 'link', 'searchResults']) {
     window.webkit.messageHandlers[name] = {
       postMessage(message) {
+        if (name === 'keyboardMoved') {
+          posts.push({ name, body: message });
+          return;
+        }
         if (name === 'loaded') {
           posts.push({ name, body: message, inPlace: {
             host: functions(window.harborlattice, ['open', 'place', 'close', 'terminal']),
@@ -393,6 +397,43 @@ describe('links', () => {
     return { x: box.x + (column + 0.5) * cell.width, y: box.y + (row + 0.5) * cell.height };
   }
 
+  test('a link opens on Ctrl+click or a still plain click, never on a drag, double click or other button', async () => {
+    const url = 'https://harborlattice.test/rules';
+    await write(`go ${url} now`);
+    await clearPosts();
+    const opened = async () => (await posts()).filter((post) => post.name === 'openLink').map((post) => post.body);
+    const start = await cellCentre(3 + 12, 0);
+    const hover = async () => {
+      await page.mouse.move(start.x, start.y + 1);
+      await page.mouse.move(start.x, start.y);
+      await page.waitForFunction(() => window.recordedPosts.findLast((post) => post.name === 'link')?.body !== '');
+    };
+    // A drag that selects part of the link, a double click, a right click.
+    await hover();
+    const end = await cellCentre(3 + 20, 0);
+    await page.mouse.down();
+    await page.mouse.move(end.x, end.y, { steps: 5 });
+    await page.mouse.up();
+    assert.ok(await page.evaluate(() => terminalOf('a').hasSelection()), 'the drag selected');
+    await hover();
+    await page.mouse.dblclick(start.x, start.y);
+    await hover();
+    await page.mouse.click(start.x, start.y, { button: 'right' });
+    await page.waitForTimeout(700);
+    assert.deepEqual(await opened(), []);
+    // Ctrl+click opens at once; a plain click once no second click followed.
+    await page.evaluate(() => terminalOf('a').clearSelection());
+    await hover();
+    await page.keyboard.down('Control');
+    await page.mouse.click(start.x, start.y);
+    await page.keyboard.up('Control');
+    assert.deepEqual(await opened(), [url]);
+    await hover();
+    await page.mouse.click(start.x, start.y);
+    await page.waitForFunction((count) => window.recordedPosts.filter((post) => post.name === 'openLink').length > count, 1);
+    assert.deepEqual(await opened(), [url, url]);
+  });
+
   test('a plain link and one a program embeds (OSC 8) are hovered, posted as "openLink" and opened nowhere', async () => {
     const plain = 'https://harborlattice.test/docs?topic=links';
     const embedded = 'https://harborlattice.test/embedded?x=1';
@@ -447,13 +488,22 @@ describe('terminals side by side', () => {
     const boxB = await page.locator('[data-pane="b"] .xterm-screen').boundingBox();
     assert.deepEqual([boxB.x, boxB.y], [400, 100]);
 
+    // A move of the keyboard waits until the page has seen the key events
+    // sent before it (a press and a release each), or half a second at most.
     await clearPosts();
-    await page.evaluate(() => window.harborlattice.terminal('b').focus());
-    await page.keyboard.type('x');
-    await page.evaluate(() => window.harborlattice.terminal('a').focus());
-    await page.keyboard.type('y');
-    assert.deepEqual((await posts()).filter((post) => post.name === 'input')
-      .map((post) => [post.pane, post.body]), [['b', 'x'], ['a', 'y']]);
+    await page.evaluate(() => {
+      window.harborlattice.moveKeyboard(1, 0, 'b', 'focus');
+      window.harborlattice.moveKeyboard(2, 4, 'a', 'focus');
+    });
+    await page.keyboard.type('xy');
+    await page.keyboard.type('z');
+    await page.evaluate(() => window.harborlattice.moveKeyboard(3, 100, 'b', 'focus'));
+    await page.keyboard.type('v');
+    await page.waitForTimeout(700);
+    await page.keyboard.type('w');
+    assert.deepEqual((await posts()).filter((post) => ['input', 'keyboardMoved'].includes(post.name))
+      .map((post) => [post.pane ?? 'moved', post.body]),
+    [['moved', 1], ['b', 'x'], ['b', 'y'], ['moved', 2], ['a', 'z'], ['a', 'v'], ['moved', 3], ['b', 'w']]);
 
     // Output after a keystroke is parsed at once, later output in a task of its own.
     await write('only in a');
