@@ -114,6 +114,12 @@ ContentView::ContentView(ProjectCatalog* catalog, WorkspaceStore* workspace, App
     detail_->setObjectName("detail");
     detail_->addWidget(buildEmptyState());
     workspaceView_ = new TerminalWorkspaceView(workspace_, detail_);
+    workspaceView_->projectName = [this](const QString& id) -> std::optional<QString> {
+        for (const ProjectRecord& project : catalog_->projects()) {
+            if (project.id == id) return project.name;
+        }
+        return std::nullopt;
+    };
     detail_->addWidget(workspaceView_);
     splitter_->addWidget(detail_);
     splitter_->setStretchFactor(0, 0);

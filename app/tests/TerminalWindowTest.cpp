@@ -12,7 +12,9 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QPointer>
+#include <QScrollArea>
 #include <QTest>
+#include <QToolButton>
 #include <QWebEnginePage>
 #include <QWebEngineView>
 
@@ -349,6 +351,100 @@ TEST(TerminalWindowTest, FontZoomIsKeptAcrossARestart) {
     again.press(Qt::Key_0, Qt::ControlModifier);
     EXPECT_EQ(hl::XtermWebView::fontSize(), hl::XtermWebView::defaultFontSize);
     EXPECT_TRUE(spinUntil([&] { return evaluate(view, "terminal.options.fontSize") == "13"; }));
+}
+
+}  // namespace
+
+namespace {
+
+// The strip's entry of the selected tab: its select button or its rename field.
+QWidget* tabEntry(RunningApp& run, const QString& objectName) {
+    const QString entry =
+        "tab." + run.workspace().selectedTabID().value_or(QUuid()).toString(QUuid::WithoutBraces);
+    for (auto* each : run.window.findChildren<QWidget*>(entry)) {
+        if (auto* found = hl::apptest::find(each, objectName)) return found;
+    }
+    return nullptr;
+}
+
+void typeIntoWindow(RunningApp& run, const QString& text) {
+    for (const QChar character : text)
+        QTest::keyClick(run.window.windowHandle(), character.toLatin1());
+}
+
+// A tab's label follows its terminal's title until the user renames it; the
+// rename field has the keyboard (nothing reaches the shell), Enter keeps the
+// name, Escape drops it, and the keyboard goes back to the terminal.
+TEST(TerminalWindowTest, ARenamedTabKeepsItsNameAndTheFieldKeepsTheKeys) {
+    RunningApp run;
+    run.workspace().createScratchTerminal();
+    auto* first = run.selected();
+    ASSERT_TRUE(connected(first));
+    const Terminal view = run.view(first);
+    ASSERT_TRUE(spinUntil([&] { return view.isReady(); }, 30s));
+    view.coordinator->takeKeyboard();
+    type(first, "printf '\\033]2;job-%s\\007' $((2*3))\r");
+    const auto label = [&] {
+        auto* select = qobject_cast<QToolButton*>(tabEntry(run, "tab.select"));
+        return select ? select->text() : QString();
+    };
+    EXPECT_TRUE(spinUntil([&] { return label() == "job-6"; })) << label().toStdString();
+
+    QTest::mouseDClick(tabEntry(run, "tab.select"), Qt::LeftButton);
+    QLineEdit* field = nullptr;
+    ASSERT_TRUE(spinUntil([&] {
+        field = qobject_cast<QLineEdit*>(tabEntry(run, "tab.rename"));
+        return field && QApplication::focusWidget() == field;
+    })) << "the field has the keyboard";
+    EXPECT_EQ(field->selectedText(), "Scratch");
+    typeIntoWindow(run, "build");
+    QTest::keyClick(run.window.windowHandle(), Qt::Key_Return);
+    EXPECT_TRUE(spinUntil([&] { return run.workspace().selectedTab()->title() == "build"; }));
+    EXPECT_TRUE(spinUntil([&] { return label() == "build"; })) << label().toStdString();
+
+    QTest::mouseDClick(tabEntry(run, "tab.select"), Qt::LeftButton);
+    ASSERT_TRUE(
+        spinUntil([&] { return QApplication::focusWidget() == tabEntry(run, "tab.rename"); }));
+    typeIntoWindow(run, "zzz");
+    QTest::keyClick(run.window.windowHandle(), Qt::Key_Escape);
+    EXPECT_TRUE(spinUntil([&] { return tabEntry(run, "tab.rename") == nullptr; }));
+    EXPECT_EQ(run.workspace().selectedTab()->title(), "build");
+    EXPECT_EQ(label(), "build");
+
+    // The keyboard is the terminal's again.
+    ASSERT_TRUE(spinUntil([&] {
+        return QApplication::focusWidget() && view.view->isAncestorOf(QApplication::focusWidget());
+    }));
+    spinFor(300ms);
+    typeIntoWindow(run, "echo back-$((1+1))");
+    QTest::keyClick(run.window.windowHandle(), Qt::Key_Return);
+    EXPECT_TRUE(screenShows(view, "back-2")) << screenText(view).toStdString();
+    const QString screen = screenText(view);
+    EXPECT_FALSE(screen.contains("build")) << screen.toStdString();
+    EXPECT_FALSE(screen.contains("zzz")) << screen.toStdString();
+}
+
+// At 800x600 every tab can be reached: the selected one is always in view.
+TEST(TerminalWindowTest, TheSelectedTabIsInViewInANarrowWindow) {
+    RunningApp run;
+    run.window.resize(800, 600);
+    run.workspace().createScratchTerminal();
+    for (int i = 0; i < 7; ++i)
+        run.workspace().newTerminal();
+    auto* strip = run.window.findChild<QScrollArea*>("tabs.strip");
+    ASSERT_NE(strip, nullptr);
+    for (int i = 0; i < 8; ++i) {
+        run.workspace().selectAdjacentTab(i < 4 ? -1 : 1);
+        QWidget* selected = nullptr;
+        EXPECT_TRUE(spinUntil([&] {
+            selected = tabEntry(run, "tab.select");
+            if (!selected) return false;
+            const QRect inViewport(selected->mapTo(strip->viewport(), QPoint(0, 0)),
+                                   selected->size());
+            return strip->viewport()->rect().contains(inViewport);
+        })) << i;
+    }
+    hl::apptest::saveScreenshot(&run.window, "tab-strip-800x600");
 }
 
 }  // namespace
