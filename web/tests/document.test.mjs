@@ -388,6 +388,29 @@ describe('terminal events', () => {
   });
 });
 
+describe('widths', () => {
+  test('every character takes as many cells as the C library\'s wcwidth says', async () => {
+    const codes = [0x1F680, 0x1F600, 0x1F44D, 0x1F9D1, 0x231A, 0x2764, 0x4E2D, 0xAC00, 0x3000,
+      0xFF71, 0xE9, 0x301, 0x200B, 0x1F1EF];
+    const wcwidth = JSON.parse(execFileSync('python3', ['-c', `
+import ctypes, json, locale
+locale.setlocale(locale.LC_ALL, 'C.UTF-8')
+libc = ctypes.CDLL('libc.so.6')
+print(json.dumps([libc.wcwidth(code) for code in ${JSON.stringify(codes)}]))`]).toString());
+    const cells = [];
+    for (const code of codes) {
+      await write(`\r${ESC}[Ka${String.fromCodePoint(code)}`);
+      cells.push(await page.evaluate(() => terminalOf('a').buffer.active.cursorX - 1));
+    }
+    assert.deepEqual(cells.map((width, index) => [codes[index].toString(16), width]),
+      wcwidth.map((width, index) => [codes[index].toString(16), width]));
+    // Three rockets and a bar: the bar in the seventh cell, where the shell puts it.
+    await write(`\r${ESC}[K\u{1F680}\u{1F680}\u{1F680}|`);
+    assert.equal(await page.evaluate(() => terminalOf('a').buffer.active.getLine(
+      terminalOf('a').buffer.active.cursorY + terminalOf('a').buffer.active.baseY).getCell(6).getChars()), '|');
+  });
+});
+
 describe('links', () => {
   // The middle of a cell of terminal 'a', in page coordinates.
   async function cellCentre(column, row) {
