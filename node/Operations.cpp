@@ -31,6 +31,16 @@ std::string newSessionId() {
 
 // Whether two paths name the same directory: the same text, or the same file
 // (as when one of them goes through a symbolic link).
+// What a client shows of a session's shell besides its output: the status it
+// ended with, or the directory it is in now.
+void addShellState(json& data, const Session& session) {
+    if (session.exited()) {
+        if (auto status = session.exitStatus()) data["exit_status"] = *status;
+    } else if (auto directory = session.currentDirectory()) {
+        data["shell_cwd"] = *directory;
+    }
+}
+
 bool sameDirectory(const std::string& a, const std::string& b) {
     if (a == b) return true;
     struct stat first, second;
@@ -86,7 +96,9 @@ std::string Server::replaySession(const Request& request, Clock::time_point now)
     if (session->wantsOutput(now)) session->readOutput(Session::tailLimit, now);
     const std::string output = session->replay(outputAllowance());
     // The pane's own text, so that its exact comparison holds.
-    return successReply({{"cwd", request.expectedCwd}, {"exited", session->exited()}}, output);
+    json data{{"cwd", request.expectedCwd}, {"exited", session->exited()}};
+    addShellState(data, *session);
+    return successReply(std::move(data), output);
 }
 
 std::optional<std::string> Server::createSession(const Request& request, std::uint64_t ticket,
@@ -139,7 +151,9 @@ std::string Server::pollSession(const Request& request, Clock::time_point now) {
     // Whatever reached the terminal since this turn's wait goes out now too.
     if (session->wantsOutput(now)) session->readOutput(allowance, now);
     const std::string output = session->takeOutput(allowance);
-    return successReply({{"exited", session->exited()}}, output);
+    json data{{"exited", session->exited()}};
+    addShellState(data, *session);
+    return successReply(std::move(data), output);
 }
 
 std::string Server::inputSession(const Request& request) {

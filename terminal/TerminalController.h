@@ -60,6 +60,8 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
         bool isReplacementSession READ isReplacementSession NOTIFY isReplacementSessionChanged)
     // The title a program gave the terminal; empty when none.
     Q_PROPERTY(QString title READ title NOTIFY titleChanged)
+    // The directory the shell is in now, as the node reports it; empty when unknown.
+    Q_PROPERTY(QString shellDirectory READ shellDirectory NOTIFY shellDirectoryChanged)
 
   public:
     static constexpr std::int64_t maximumHistoryBytes = 4194304;
@@ -85,6 +87,9 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     bool isConnected() const { return isConnected_; }
     bool isReplacementSession() const { return isReplacementSession_; }
     QString title() const { return title_; }
+    QString shellDirectory() const { return shellDirectory_; }
+    // The shell has ended; Enter starts a new one in the pane's directory.
+    bool hasExited() const { return exited_; }
     // The last search's matches and the selected one (-1 when none is).
     int searchMatchCount() const { return searchMatchCount_; }
     int searchMatchIndex() const { return searchMatchIndex_; }
@@ -154,6 +159,7 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     void isReplacementSessionChanged();
     void titleChanged();
     void bellRang();
+    void shellDirectoryChanged();
     void searchMatchesChanged();
 
   private:
@@ -183,7 +189,12 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     void mismatchResult(bool mayCreate);
     void retryResult();
     void recover();
-    void markExited();
+    void markExited(std::optional<int> status);
+    // The status line of an ended shell.
+    static QString exitedStatus(std::optional<int> status);
+    // After an exit: the old session goes, a new shell starts in the pane's directory.
+    void startNewShell();
+    void setShellDirectory(const QString& directory);
     // Calls start() after the retry delay, unless the controller is gone.
     void scheduleRetry();
     void cancelPolling();
@@ -207,6 +218,8 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     bool isConnected_ = false;
     bool isReplacementSession_;
     QString title_;
+    QString shellDirectory_;
+    bool exited_ = false;
     int searchMatchCount_ = 0;
     int searchMatchIndex_ = -1;
     // The renderer's last reported size, columns and rows.
