@@ -101,6 +101,7 @@ function activateLink(event, uri) {
   if (event.ctrlKey || event.altKey || event.metaKey || event.shiftKey) return;
   if (terminal.hasSelection()) return;
   cancelPlainClick();
+  clearTimeout(resizeTimer);
   plainClickTimer = setTimeout(() => {
     plainClickTimer = 0;
     if (!closed && !terminal.hasSelection()) host.openLink.postMessage(uri);
@@ -186,6 +187,10 @@ terminal.textarea?.addEventListener('blur', () => {
   clearInterval(blinkTimer);
   showCursor();
 });
+// After the terminal's own handlers: a move of the keyboard may wait for this key.
+terminal.textarea?.addEventListener('keydown', keyWasHandled);
+terminal.textarea?.addEventListener('keypress', keyWasHandled);
+terminal.textarea?.addEventListener('keyup', keyWasHandled);
 terminal.textarea?.addEventListener('compositionend', () => {
   compositionEndedAt = performance.now();
 }, true);
@@ -193,7 +198,28 @@ terminal.onData(data => {
   if (replayWritesInFlight > 0 && !isUserAct()) return;
   host.input.postMessage(data);
 });
-terminal.onResize(size => host.resize.postMessage(size));
+// The shell learns the first size at once and later ones when the size has
+// stopped changing for a moment: a program that redraws on every change would
+// draw over itself while a divider or the window is dragged. The screen is
+// then painted whole.
+const resizeQuietPeriod = 150;
+let sizeWasPosted = false;
+let resizeTimer = 0;
+function postSize() {
+  resizeTimer = 0;
+  if (closed) return;
+  sizeWasPosted = true;
+  host.resize.postMessage({ cols: terminal.cols, rows: terminal.rows });
+  terminal.refresh(0, terminal.rows - 1);
+}
+terminal.onResize(() => {
+  clearTimeout(resizeTimer);
+  if (!sizeWasPosted) {
+    postSize();
+  } else {
+    resizeTimer = setTimeout(postSize, resizeQuietPeriod);
+  }
+});
 terminal.onTitleChange(title => host.title.postMessage(title));
 terminal.onBell(() => {
   if (replayWritesInFlight === 0) host.bell.postMessage('');
@@ -417,6 +443,7 @@ const api = {
     terminal.options.fontSize = size;
     fit();
     measureAsciiWidths();
+    terminal.refresh(0, terminal.rows - 1);
   },
 };
 function close() {
@@ -458,10 +485,30 @@ function placeContainer(container, rect) {
 }
 // Key events the page has seen, and the moves of the keyboard between
 // terminals that wait for keys sent before them. A move is made once the page
-// has seen those keys (after the last one has been handled), or at the latest
-// after half a second, for a key that never reached the page.
+// has seen those keys and the last of them has been handled where it was
+// aimed (for a key that types, its keypress too), or at the latest after half
+// a second, for a key that never reached the page.
 let keyEventsSeen = 0;
 const waitingMoves = [];
+// Set while due moves wait for the key that made them due to be handled.
+let dueAfter = null;
+function movesAreDue() {
+  return waitingMoves.length > 0 && keyEventsSeen >= waitingMoves[0].after;
+}
+// Called by a terminal's text area after the terminal has handled a key event.
+function keyWasHandled(event) {
+  if (dueAfter === 'keydown' && event.type === 'keydown') {
+    if (!event.defaultPrevented && event.key.length === 1 &&
+        !event.ctrlKey && !event.metaKey && !event.altKey) {
+      dueAfter = 'keypress';
+      return;
+    }
+  } else if (dueAfter !== event.type) {
+    return;
+  }
+  dueAfter = null;
+  makeDueMoves();
+}
 function makeDueMoves(all = false) {
   while (waitingMoves.length > 0 && (all || keyEventsSeen >= waitingMoves[0].after)) {
     const move = waitingMoves.shift();
@@ -474,9 +521,19 @@ function makeDueMoves(all = false) {
   }
 }
 for (const type of ['keydown', 'keyup']) {
-  window.addEventListener(type, () => {
+  window.addEventListener(type, event => {
+    if (dueAfter) {
+      dueAfter = null;
+      makeDueMoves();
+    }
     keyEventsSeen += 1;
-    if (waitingMoves.length > 0) setTimeout(makeDueMoves, 0);
+    if (!movesAreDue()) return;
+    // A terminal's own handlers may take the keyboard back (its key-up does).
+    if (event.target?.classList?.contains('xterm-helper-textarea')) {
+      dueAfter = type;
+      return;
+    }
+    makeDueMoves();
   }, true);
 }
 window.harborlattice = {
@@ -488,6 +545,7 @@ window.harborlattice = {
       return;
     }
     move.timer = setTimeout(() => {
+      dueAfter = null;
       while (waitingMoves.includes(move)) {
         keyEventsSeen = Math.max(keyEventsSeen, waitingMoves[0].after);
         makeDueMoves();

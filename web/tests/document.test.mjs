@@ -388,6 +388,26 @@ describe('terminal events', () => {
   });
 });
 
+describe('sizes', () => {
+  test('the shell learns a size once it has stopped changing, and the screen is painted whole', async () => {
+    await clearPosts();
+    const started = Date.now();
+    for (let step = 0; step < 15; step += 1) {
+      await page.evaluate((width) => window.harborlattice.place('a', { left: 0, top: 0, width, height: 400 }),
+        400 + step * 20);
+      await page.waitForTimeout(40);
+    }
+    const during = (await posts()).filter((post) => post.name === 'resize');
+    assert.deepEqual(during, [], 'nothing while the size changes');
+    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'resize'));
+    await page.waitForTimeout(300);
+    const cols = await page.evaluate(() => terminalOf('a').cols);
+    assert.deepEqual((await posts()).filter((post) => post.name === 'resize').map((post) => post.body),
+      [{ cols, rows: await page.evaluate(() => terminalOf('a').rows) }]);
+    assert.ok(Date.now() - started > 15 * 40);
+  });
+});
+
 describe('widths', () => {
   test('every character takes as many cells as the C library\'s wcwidth says', async () => {
     const codes = [0x1F680, 0x1F600, 0x1F44D, 0x1F9D1, 0x231A, 0x2764, 0x4E2D, 0xAC00, 0x3000,
@@ -504,7 +524,8 @@ describe('terminals side by side', () => {
       window.harborlattice.place('a', { left: 0, top: 0, width: 400, height: 400 });
       window.harborlattice.place('b', { left: 400, top: 100, width: 400, height: 300 });
     });
-    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'resize' && post.pane === 'b'));
+    await page.waitForFunction(() => ['a', 'b'].every((pane) =>
+      window.recordedPosts.some((post) => post.name === 'resize' && post.pane === pane)));
     const colsA = await page.evaluate(() => terminalOf('a').cols);
     assert.ok(colsA > 10 && colsA < colsBefore, `${colsA} against ${colsBefore}`);
     assert.deepEqual([await resizes('a'), await resizes('b')], [[colsA], [colsA]]);
