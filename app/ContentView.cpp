@@ -233,6 +233,8 @@ QWidget* ContentView::buildSidebar() {
 QWidget* ContentView::buildEmptyState() {
     auto* page = new QWidget(this);
     page->setObjectName("empty");
+    page->setFocusPolicy(Qt::ClickFocus);
+    emptyPage_ = page;
     auto* column = new QVBoxLayout(page);
     column->addStretch(1);
     auto* icon = new QLabel(page);
@@ -280,7 +282,11 @@ void ContentView::refreshDetail() {
     emptyTitle_->setText(text.title);
     emptyDescription_->setText(text.description);
     emptyAction_->setText(text.button);
+    QWidget* focus = QApplication::focusWidget();
+    const bool terminalHadKeyboard = focus && workspaceView_->isAncestorOf(focus);
     detail_->setCurrentIndex(0);
+    if (terminalHadKeyboard || QApplication::focusWidget() == emptyAction_)
+        emptyPage_->setFocus(Qt::OtherFocusReason);
 }
 
 void ContentView::refreshErrorRow() {

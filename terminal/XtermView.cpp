@@ -39,7 +39,9 @@ blinkStyle.textContent = `.terminal .xterm-cursor.xterm-cursor-blink { animation
   background-color: inherit !important; color: ${terminalTheme.cursor} !important; }
 .terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-bar { box-shadow: none !important; }
 .terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-underline {
-  border-bottom-style: hidden !important; }`;
+  border-bottom-style: hidden !important; }
+.terminal.bell-flash::after { content: ''; position: absolute; inset: 0; pointer-events: none;
+  background: rgba(255, 149, 0, 0.22); }`;
 document.head.appendChild(blinkStyle);
 // One terminal in its container, posting to the host through `host`. Nothing
 // in it is shared with another terminal. Returns its interface for the host,
@@ -102,6 +104,7 @@ function activateLink(event, uri) {
   if (terminal.hasSelection()) return;
   cancelPlainClick();
   clearTimeout(resizeTimer);
+  clearTimeout(bellTimer);
   plainClickTimer = setTimeout(() => {
     plainClickTimer = 0;
     if (!closed && !terminal.hasSelection()) host.openLink.postMessage(uri);
@@ -221,8 +224,15 @@ terminal.onResize(() => {
   }
 });
 terminal.onTitleChange(title => host.title.postMessage(title));
+// A bell flashes the terminal for a moment and tells the host.
+const bellFlashDuration = 150;
+let bellTimer = 0;
 terminal.onBell(() => {
-  if (replayWritesInFlight === 0) host.bell.postMessage('');
+  if (replayWritesInFlight > 0) return;
+  container.classList.add('bell-flash');
+  clearTimeout(bellTimer);
+  bellTimer = setTimeout(() => container.classList.remove('bell-flash'), bellFlashDuration);
+  host.bell.postMessage('');
 });
 // The selection is offered to the host, which holds it as the primary selection.
 let selectionIsScheduled = false;

@@ -447,4 +447,29 @@ TEST(TerminalWindowTest, TheSelectedTabIsInViewInANarrowWindow) {
     hl::apptest::saveScreenshot(&run.window, "tab-strip-800x600");
 }
 
+// Keys typed after the last pane has closed reach nothing: not the empty
+// page's button, which would open a new terminal.
+TEST(TerminalWindowTest, KeysAfterTheLastPaneClosedReachNothing) {
+    RunningApp run;
+    run.workspace().createScratchTerminal();
+    auto* only = run.selected();
+    ASSERT_TRUE(connected(only));
+    const Terminal view = run.view(only);
+    ASSERT_TRUE(spinUntil([&] { return view.isReady(); }, 30s));
+    view.coordinator->takeKeyboard();
+    ASSERT_TRUE(spinUntil([&] {
+        return QApplication::focusWidget() && view.view->isAncestorOf(QApplication::focusWidget());
+    }));
+    run.press(Qt::Key_W, Qt::ControlModifier | Qt::ShiftModifier);
+    ASSERT_TRUE(spinUntil([&] { return run.workspace().visibleTabs().empty(); }));
+    spinFor(200ms);
+    ASSERT_NE(QApplication::focusWidget(), hl::apptest::find(&run.window, "empty.action"));
+    typeIntoWindow(run, "x ");
+    QTest::keyClick(run.window.windowHandle(), Qt::Key_Return);
+    QTest::keyClick(run.window.windowHandle(), Qt::Key_Space);
+    spinFor(300ms);
+    EXPECT_TRUE(run.workspace().visibleTabs().empty());
+    EXPECT_EQ(run.workspace().selectedTab(), nullptr);
+}
+
 }  // namespace

@@ -362,6 +362,21 @@ describe('terminal events', () => {
     assert.equal(await page.evaluate(cursorOff), false);
   });
 
+  test('a bell flashes the terminal for a moment; a replayed one does not', async () => {
+    const flashes = () => page.evaluate(() => new Promise((resolve) => {
+      const container = document.querySelector('[data-pane="a"]');
+      let seen = false;
+      const observer = new MutationObserver(() => { seen ||= container.classList.contains('bell-flash'); });
+      observer.observe(container, { attributes: true });
+      window.harborlattice.terminal('a').writeBase64(btoa('\x07'), false);
+      setTimeout(() => { observer.disconnect(); resolve([seen, container.classList.contains('bell-flash')]); }, 400);
+    }));
+    assert.deepEqual(await flashes(), [true, false]);
+    await write('\x07', true);
+    await page.waitForTimeout(50);
+    assert.equal(await page.evaluate(() => document.querySelector('[data-pane="a"]').classList.contains('bell-flash')), false);
+  });
+
   test('a middle click asks for the primary selection unless a program follows the mouse', async () => {
     const box = await page.locator('.terminal .xterm-screen').boundingBox();
     const middleClick = () => page.mouse.click(box.x + 40, box.y + 10, { button: 'middle' });
