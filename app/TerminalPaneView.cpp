@@ -2,9 +2,9 @@
 #include "TerminalPaneView.h"
 
 #include <QApplication>
+#include <QFileInfo>
 #include <QFontDatabase>
 #include <QHBoxLayout>
-#include <QFileInfo>
 #include <QLabel>
 #include <QMouseEvent>
 #include <QPainter>
@@ -147,8 +147,7 @@ void TerminalPaneView::refreshDirectory() {
     const QString folder = pane_->context().cwd;
     const QString shell = controller_->shellDirectory();
     const bool outside = !shell.isEmpty() && !isInsideFolder(shell, folder);
-    cwd_->setFullText(shell.isEmpty() ? folder
-                                      : outside ? shell + shellOutsideFolderNote : shell);
+    cwd_->setFullText(shell.isEmpty() ? folder : outside ? shell + shellOutsideFolderNote : shell);
     cwd_->setToolTip(outside ? QStringLiteral("The pane's folder: ") + folder : QString());
     cwd_->setForegroundRole(outside ? QPalette::Link : QPalette::WindowText);
 }

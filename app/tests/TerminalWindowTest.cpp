@@ -30,10 +30,12 @@
 
 #include "AppTestSupport.h"
 #include "ContentView.h"
+#include "ElidedLabel.h"
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
 #include "RunningApp.h"
 #include "TerminalCommands.h"
+#include "TerminalPaneView.h"
 #include "TerminalWorkspaceView.h"
 #include "XtermWebView.h"
 
@@ -470,6 +472,35 @@ TEST(TerminalWindowTest, KeysAfterTheLastPaneClosedReachNothing) {
     spinFor(300ms);
     EXPECT_TRUE(run.workspace().visibleTabs().empty());
     EXPECT_EQ(run.workspace().selectedTab(), nullptr);
+}
+
+// The footer follows the shell's directory as the node reports it: below the
+// pane's folder it is inside, elsewhere it says that the shell starts fresh
+// after a restart.
+TEST(TerminalWindowTest, TheFooterShowsWhereTheShellIs) {
+    RunningApp run;
+    run.workspace().createScratchTerminal();
+    auto* shell = run.selected();
+    ASSERT_TRUE(connected(shell));
+    const QString folder = run.workspace().selectedTab()->panes().front()->context().cwd;
+    auto* footer = hl::apptest::find<hl::ElidedLabel>(&run.window, "pane.cwd");
+    ASSERT_NE(footer, nullptr);
+    EXPECT_TRUE(spinUntil([&] { return footer->fullText() == folder; }))
+        << footer->fullText().toStdString();
+    type(shell, "mkdir -p inner/deeper && cd inner/deeper\r");
+    EXPECT_TRUE(spinUntil([&] { return footer->fullText() == folder + "/inner/deeper"; }))
+        << footer->fullText().toStdString();
+    type(shell, "cd /tmp\r");
+    EXPECT_TRUE(spinUntil([&] {
+        return footer->fullText() == "/tmp" + hl::TerminalPaneView::shellOutsideFolderNote;
+    })) << footer->fullText().toStdString();
+    EXPECT_TRUE(
+        footer->fullText().endsWith(" · outside the pane's folder · starts fresh after a restart"));
+    type(shell, "cd -\r");
+    EXPECT_TRUE(spinUntil([&] { return footer->fullText() == folder + "/inner/deeper"; }))
+        << footer->fullText().toStdString();
+    EXPECT_TRUE(hl::TerminalPaneView::isInsideFolder("/a/b", "/a/b/"));
+    EXPECT_FALSE(hl::TerminalPaneView::isInsideFolder("/a/bc", "/a/b"));
 }
 
 }  // namespace
