@@ -148,7 +148,8 @@ void TerminalPaneView::refreshDirectory() {
     const QString shell = controller_->shellDirectory();
     const bool outside = !shell.isEmpty() && !isInsideFolder(shell, folder);
     cwd_->setFullText(shell.isEmpty() ? folder : outside ? shell + shellOutsideFolderNote : shell);
-    cwd_->setToolTip(outside ? QStringLiteral("The pane's folder: ") + folder : QString());
+    cwd_->setToolTip(outside ? cwd_->fullText() + QStringLiteral("\nThe pane's folder: ") + folder
+                             : QString());
     cwd_->setForegroundRole(outside ? QPalette::Link : QPalette::WindowText);
 }
 
