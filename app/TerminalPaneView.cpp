@@ -148,8 +148,8 @@ void TerminalPaneView::refreshDirectory() {
     const QString shell = controller_->shellDirectory();
     const bool outside = !shell.isEmpty() && !isInsideFolder(shell, folder);
     cwd_->setFullText(shell.isEmpty() ? folder : outside ? shell + shellOutsideFolderNote : shell);
-    cwd_->setToolTip(outside ? cwd_->fullText() + QStringLiteral("\nThe pane's folder: ") + folder
-                             : QString());
+    if (outside)
+        cwd_->setToolTip(cwd_->fullText() + QStringLiteral("\nThe pane's folder: ") + folder);
     cwd_->setForegroundRole(outside ? QPalette::Link : QPalette::WindowText);
 }
 
