@@ -472,13 +472,17 @@ bool XtermWebView::eventFilter(QObject* watched, QEvent* event) {
     if (watched == view_ && event->type() == QEvent::ChildAdded) {
         // The view's focus proxy, which takes the keys, comes with the page.
         QTimer::singleShot(0, this, &XtermWebView::watchKeys);
-    } else if ((event->type() == QEvent::KeyPress || event->type() == QEvent::KeyRelease) &&
-               !releasingKeys_ && (keyboardMoveInFlight_ || !keyGate_.empty())) {
+        return QWidget::eventFilter(watched, event);
+    }
+    // Only the keys on their way to the page: not those it hands back unused.
+    if (watched != keyTarget_ ||
+        (event->type() != QEvent::KeyPress && event->type() != QEvent::KeyRelease))
+        return QWidget::eventFilter(watched, event);
+    if (!releasingKeys_ && (keyboardMoveInFlight_ || !keyGate_.empty())) {
         keyGate_.emplace_back(std::unique_ptr<QEvent>(event->clone()));
         return true;
-    } else if (event->type() == QEvent::KeyPress || event->type() == QEvent::KeyRelease) {
-        ++keyEventsSent_;
     }
+    ++keyEventsSent_;
     return QWidget::eventFilter(watched, event);
 }
 
