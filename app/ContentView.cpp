@@ -114,6 +114,12 @@ ContentView::ContentView(ProjectCatalog* catalog, WorkspaceStore* workspace, App
     detail_->setObjectName("detail");
     detail_->addWidget(buildEmptyState());
     workspaceView_ = new TerminalWorkspaceView(workspace_, detail_);
+    workspaceView_->projectName = [this](const QString& id) -> std::optional<QString> {
+        for (const ProjectRecord& project : catalog_->projects()) {
+            if (project.id == id) return project.name;
+        }
+        return std::nullopt;
+    };
     detail_->addWidget(workspaceView_);
     splitter_->addWidget(detail_);
     splitter_->setStretchFactor(0, 0);
@@ -227,6 +233,8 @@ QWidget* ContentView::buildSidebar() {
 QWidget* ContentView::buildEmptyState() {
     auto* page = new QWidget(this);
     page->setObjectName("empty");
+    page->setFocusPolicy(Qt::ClickFocus);
+    emptyPage_ = page;
     auto* column = new QVBoxLayout(page);
     column->addStretch(1);
     auto* icon = new QLabel(page);
@@ -274,7 +282,11 @@ void ContentView::refreshDetail() {
     emptyTitle_->setText(text.title);
     emptyDescription_->setText(text.description);
     emptyAction_->setText(text.button);
+    QWidget* focus = QApplication::focusWidget();
+    const bool terminalHadKeyboard = focus && workspaceView_->isAncestorOf(focus);
     detail_->setCurrentIndex(0);
+    if (terminalHadKeyboard || QApplication::focusWidget() == emptyAction_)
+        emptyPage_->setFocus(Qt::OtherFocusReason);
 }
 
 void ContentView::refreshErrorRow() {

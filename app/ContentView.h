@@ -91,6 +91,9 @@ class ContentView : public QWidget {
     std::function<bool()> startOverIsOffered_;
     std::function<void()> startOver_;
     QStackedWidget* detail_ = nullptr;
+    // The empty page: it takes the keyboard when the last terminal goes, so
+    // that keys typed then reach nothing (not its button).
+    QWidget* emptyPage_ = nullptr;
     QLabel* emptyTitle_ = nullptr;
     QLabel* emptyDescription_ = nullptr;
     QPushButton* emptyAction_ = nullptr;

@@ -2,6 +2,7 @@
 #include "TerminalPaneView.h"
 
 #include <QApplication>
+#include <QFileInfo>
 #include <QFontDatabase>
 #include <QHBoxLayout>
 #include <QLabel>
@@ -88,7 +89,10 @@ TerminalPaneView::TerminalPaneView(TerminalPane* pane, XtermWebView* document,
     // them here, before they are delivered.
     qApp->installEventFilter(this);
     connect(controller_, &TerminalController::bellRang, this, &TerminalPaneView::flashForBell);
+    connect(controller_, &TerminalController::shellDirectoryChanged, this,
+            &TerminalPaneView::refreshDirectory);
     refreshStatus();
+    refreshDirectory();
     setSelected(false);
 }
 
@@ -133,6 +137,32 @@ void TerminalPaneView::flashForBell() {
     palette.setColor(QPalette::Window, QColor(0xff, 0x95, 0x00, 0x90));
     statusLine_->setPalette(palette);
     QTimer::singleShot(250, this, [this] { setSelected(selected_); });
+}
+
+// The footer shows where the shell is now, and says so when it has left the
+// pane's folder (the folder itself and everything below it count as inside):
+// such a shell is not taken up again after a restart.
+void TerminalPaneView::refreshDirectory() {
+    if (!controller_ || !pane_) return;
+    const QString folder = pane_->context().cwd;
+    const QString shell = controller_->shellDirectory();
+    const bool outside = !shell.isEmpty() && !isInsideFolder(shell, folder);
+    cwd_->setFullText(shell.isEmpty() ? folder : outside ? shell + shellOutsideFolderNote : shell);
+    if (outside)
+        cwd_->setToolTip(cwd_->fullText() + QStringLiteral("\nThe pane's folder: ") + folder);
+    cwd_->setForegroundRole(outside ? QPalette::Link : QPalette::WindowText);
+}
+
+bool TerminalPaneView::isInsideFolder(const QString& directory, const QString& folder) {
+    const auto within = [](const QString& path, QString root) {
+        while (root.size() > 1 && root.endsWith('/'))
+            root.chop(1);
+        return path == root || path.startsWith(root == "/" ? root : root + '/');
+    };
+    if (within(directory, folder)) return true;
+    // The node reports the directory with its links resolved.
+    const QString resolved = QFileInfo(folder).canonicalFilePath();
+    return !resolved.isEmpty() && within(directory, resolved);
 }
 
 void TerminalPaneView::refreshStatus() {

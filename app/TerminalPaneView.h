@@ -34,6 +34,12 @@ class TerminalPaneView : public QWidget {
     bool isSelected() const { return selected_; }
     void setSelected(bool selected);
 
+    // True when `directory` is `folder` or lies below it.
+    static bool isInsideFolder(const QString& directory, const QString& folder);
+    // After the shell's directory in the footer, when it has left the pane's folder.
+    static inline const QString shellOutsideFolderNote =
+        QStringLiteral(" · outside the pane's folder · starts fresh after a restart");
+
   protected:
     void paintEvent(QPaintEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
@@ -43,6 +49,7 @@ class TerminalPaneView : public QWidget {
 
   private:
     void refreshStatus();
+    void refreshDirectory();
     void flashForBell();
     // Leaves the terminal's place open and tells the document where it is.
     void placeTerminal();

@@ -14,10 +14,12 @@
 #include <QTimer>
 #include <QToolButton>
 #include <QVBoxLayout>
+#include <QWheelEvent>
 
 #include "CommandKeys.h"
 #include "PaneLayoutView.h"
 #include "SymbolIcon.h"
+#include "XtermCoordinator.h"
 
 namespace hl {
 
@@ -89,6 +91,7 @@ TerminalWorkspaceView::TerminalWorkspaceView(WorkspaceStore* workspace, QWidget*
     tabScroll_->setMinimumWidth(1);
     tabScroll_->setSizePolicy(QSizePolicy::Expanding, QSizePolicy::Fixed);
     tabScroll_->setFixedHeight(30);
+    tabScroll_->viewport()->installEventFilter(this);
     row->addWidget(tabScroll_, 1);
     row->addWidget(separator(Qt::Vertical, controls));
 
@@ -289,6 +292,18 @@ QWidget* TerminalWorkspaceView::tabEntry(TerminalTab* tab) {
     row->setContentsMargins(7, 4, 7, 4);
     row->setSpacing(3);
 
+    if (tab->id() == renaming_) {
+        auto* field = new QLineEdit(tab->title(), entry);
+        field->setObjectName("tab.rename");
+        field->setAccessibleName("Rename " + tab->title() + " tab");
+        field->setMinimumWidth(120);
+        field->selectAll();
+        field->installEventFilter(this);
+        connect(field, &QLineEdit::returnPressed, this, [this] { endRename(true); });
+        row->addWidget(field);
+        renameField_ = field;
+        return entry;
+    }
     auto* select = new QToolButton(entry);
     select->setObjectName("tab.select");
     select->setAutoRaise(true);
@@ -296,8 +311,14 @@ QWidget* TerminalWorkspaceView::tabEntry(TerminalTab* tab) {
     select->setAccessibleName("Select " + tab->title() + " tab");
     select->setToolButtonStyle(Qt::ToolButtonTextOnly);
     // A bell that rang out of view shows as a dot before the title.
-    select->setText(tab->hasUnseenBell() ? QStringLiteral("● ") + tab->title() : tab->title());
+    const QString shown = label(tab);
+    select->setText(select->fontMetrics().elidedText(
+        tab->hasUnseenBell() ? QStringLiteral("● ") + shown : shown, Qt::ElideMiddle,
+        maximumTabLabelWidth));
+    if (select->text() != shown) select->setToolTip(shown);
     const QUuid id = tab->id();
+    select->setProperty("tabID", id);
+    select->installEventFilter(this);
     connect(select, &QToolButton::clicked, workspace_, [this, id] { workspace_->selectTab(id); });
     row->addWidget(select);
     if (tab->paneCount() > 1) {
@@ -315,7 +336,90 @@ QWidget* TerminalWorkspaceView::tabEntry(TerminalTab* tab) {
     return entry;
 }
 
+void TerminalWorkspaceView::beginRename(const QUuid& id) {
+    if (renaming_ == id) return;
+    if (!renaming_.isNull()) endRename(false);
+    renaming_ = id;
+    rebuildTabStrip();
+    if (!renameField_) {
+        renaming_ = QUuid();
+        return;
+    }
+    renameField_->setFocus(Qt::OtherFocusReason);
+    renameField_->selectAll();
+    tabScroll_->ensureWidgetVisible(renameField_);
+}
+
+void TerminalWorkspaceView::endRename(bool commit) {
+    if (renaming_.isNull()) return;
+    const QUuid id = renaming_;
+    const QString text = renameField_ ? renameField_->text() : QString();
+    const bool hadKeyboard = renameField_ && renameField_->hasFocus();
+    renaming_ = QUuid();
+    renameField_.clear();
+    if (commit) workspace_->renameTab(id, text);
+    rebuildTabStrip();
+    // The keyboard goes back to the selected terminal.
+    if (!hadKeyboard) return;
+    if (TerminalTab* selected = workspace_->selectedTab()) {
+        const auto pane = selected->selectedPaneID();
+        TerminalPane* each = pane ? selected->pane(*pane) : nullptr;
+        if (auto* terminal =
+                each ? qobject_cast<XtermCoordinator*>(each->controller().surface()) : nullptr)
+            terminal->takeKeyboard();
+    }
+}
+
+bool TerminalWorkspaceView::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == renameField_) {
+        if (event->type() == QEvent::KeyPress &&
+            static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape) {
+            QTimer::singleShot(0, this, [this] { endRename(false); });
+            return true;
+        }
+        if (event->type() == QEvent::FocusOut &&
+            static_cast<QFocusEvent*>(event)->reason() != Qt::PopupFocusReason) {
+            QTimer::singleShot(0, this, [this] { endRename(false); });
+        }
+    } else if (event->type() == QEvent::MouseButtonDblClick) {
+        const QUuid id = watched->property("tabID").toUuid();
+        if (!id.isNull()) {
+            QTimer::singleShot(0, this, [this, id] { beginRename(id); });
+            return true;
+        }
+    } else if (watched == tabScroll_->viewport() && event->type() == QEvent::Wheel) {
+        // The wheel moves the strip sideways, so that every tab can be reached.
+        auto* wheel = static_cast<QWheelEvent*>(event);
+        const QPoint delta = wheel->angleDelta();
+        QScrollBar* bar = tabScroll_->horizontalScrollBar();
+        bar->setValue(bar->value() - (delta.x() != 0 ? delta.x() : delta.y()));
+        return true;
+    }
+    return QWidget::eventFilter(watched, event);
+}
+
+QString TerminalWorkspaceView::label(TerminalTab* tab) const {
+    std::optional<QString> first = QStringLiteral("Scratch");
+    if (tab->projectID()) first = projectName ? projectName(*tab->projectID()) : std::nullopt;
+    if (!first || tab->title() != *first) return tab->title();
+    const auto selected = tab->selectedPaneID();
+    TerminalPane* pane = selected ? tab->pane(*selected) : nullptr;
+    const QString title = pane ? pane->controller().title().trimmed() : QString();
+    return title.isEmpty() ? tab->title() : title;
+}
+
 void TerminalWorkspaceView::rebuildTabStrip() {
+    // The strip waits while a tab is renamed: the field keeps the keyboard.
+    if (!renaming_.isNull() && renameField_) {
+        if (!rebuildIsWaiting_) {
+            rebuildIsWaiting_ = true;
+            QTimer::singleShot(200, this, [this] {
+                rebuildIsWaiting_ = false;
+                rebuildTabStrip();
+            });
+        }
+        return;
+    }
     for (const auto& connection : tabConnections_)
         disconnect(connection);
     tabConnections_.clear();
@@ -333,6 +437,12 @@ void TerminalWorkspaceView::rebuildTabStrip() {
         };
         tabConnections_.push_back(connect(tab, &TerminalTab::titleChanged, this, later));
         tabConnections_.push_back(connect(tab, &TerminalTab::panesChanged, this, later));
+        // The label follows the selected terminal's title.
+        tabConnections_.push_back(connect(tab, &TerminalTab::selectedPaneIDChanged, this, later));
+        for (TerminalPane* pane : tab->panes()) {
+            tabConnections_.push_back(
+                connect(&pane->controller(), &TerminalController::titleChanged, this, later));
+        }
     }
     auto* add = iconButton("tabs.new", "plus", "New terminal tab",
                            helpTextWithKey("New terminal in " + workspace_->activeWorkspaceTitle(),
@@ -344,6 +454,20 @@ void TerminalWorkspaceView::rebuildTabStrip() {
     tabStrip_ = strip;
     tabScroll_->takeWidget();
     tabScroll_->setWidget(strip);
+    // The selected tab stays in view.
+    QPointer<QWidget> selected;
+    for (auto* entry : strip->findChildren<QWidget*>(QString(), Qt::FindDirectChildrenOnly)) {
+        if (entry->objectName() ==
+            "tab." + workspace_->selectedTabID().value_or(QUuid()).toString(QUuid::WithoutBraces))
+            selected = entry;
+    }
+    if (renameField_) selected = renameField_->parentWidget();
+    if (selected) {
+        QTimer::singleShot(0, this, [this, selected] {
+            if (selected && tabScroll_->widget() == selected->parentWidget())
+                tabScroll_->ensureWidgetVisible(selected, 8, 0);
+        });
+    }
 }
 
 }  // namespace hl

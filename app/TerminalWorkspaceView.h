@@ -10,6 +10,8 @@
 #include <QWidget>
 
 #include <cstdint>
+#include <functional>
+#include <optional>
 #include <vector>
 
 #include "PaneLayoutView.h"
@@ -44,8 +46,24 @@ class TerminalWorkspaceView : public QWidget {
     // The layout views alive, the shown one included.
     int keptLayoutCount() const { return static_cast<int>(kept_.size()); }
 
+    // Opens the field that renames the tab in its place in the strip; Enter
+    // gives the tab its text, Escape or leaving the field keeps the title.
+    void beginRename(const QUuid& id);
+    // The tab being renamed; null when none is.
+    QUuid renamingTab() const { return renaming_; }
+    // The name of a project, to tell a tab that keeps its project's name
+    // (and shows its terminal's title) from one the user renamed.
+    std::function<std::optional<QString>(const QString& projectID)> projectName;
+
+  protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
   private:
     void rebuildTabStrip();
+    void endRename(bool commit);
+    // What the tab's entry shows: its selected terminal's title while the tab
+    // keeps its first title, otherwise the title the user gave it.
+    QString label(TerminalTab* tab) const;
     void searchQueryChanged();
     QWidget* tabEntry(TerminalTab* tab);
     QToolButton* iconButton(const QString& objectName, const QString& symbol, const QString& label,
@@ -70,11 +88,15 @@ class TerminalWorkspaceView : public QWidget {
     int keptPaneLimit_ = defaultKeptPaneLimit;
     QScrollArea* tabScroll_ = nullptr;
     QPointer<QWidget> tabStrip_;
+    static constexpr int maximumTabLabelWidth = 180;
     QLineEdit* find_ = nullptr;
     QToolButton* findPrevious_ = nullptr;
     QToolButton* findNext_ = nullptr;
     // Tabs whose title and pane count the strip shows.
     std::vector<QMetaObject::Connection> tabConnections_;
+    QUuid renaming_;
+    QPointer<QLineEdit> renameField_;
+    bool rebuildIsWaiting_ = false;
 };
 
 }  // namespace hl

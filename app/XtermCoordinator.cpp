@@ -13,8 +13,8 @@
 namespace hl {
 
 const QStringList XtermCoordinator::scriptMessageHandlerNames = {
-    "loaded", "input",     "resize",       "openLink", "ready",        "title",
-    "bell",   "selection", "pastePrimary", "link",     "searchResults"};
+    "loaded", "keyboardMoved", "input",     "resize",       "openLink", "ready",
+    "title",  "bell",          "selection", "pastePrimary", "link",     "searchResults"};
 
 // It says so at every pane's place, and opens no terminal: no pane says
 // "ready", so no shell is started for a page that cannot show it.
@@ -73,6 +73,7 @@ void XtermCoordinator::bind(TerminalController* next) {
         if (controller_ && controller_->surface() == this) controller_->setSurface(nullptr);
         controller_ = next;
         pending_.clear();
+        unsent_.clear();
         startRequestedFor_ = nullptr;
     }
     if (next && next->surface() != this) next->setSurface(this);
@@ -83,6 +84,7 @@ void XtermCoordinator::detach() {
     if (controller_ && controller_->surface() == this) controller_->setSurface(nullptr);
     controller_ = nullptr;
     pending_.clear();
+    forgetWritesInFlight();
     ready_ = false;
     startRequestedFor_ = nullptr;
     pendingStartController_ = nullptr;
@@ -119,6 +121,7 @@ void XtermCoordinator::terminalDidBecomeReady() {
 void XtermCoordinator::documentWasLost() {
     ready_ = false;
     pending_.clear();
+    forgetWritesInFlight();
     selectionText_.clear();
     hoveredLink_.clear();
     startRequestedFor_ = nullptr;
@@ -136,7 +139,36 @@ void XtermCoordinator::write(const QString& base64, bool replace) {
         pending_.emplace_back(base64, replace);
         return;
     }
-    evaluate("writeBase64(" + json(base64) + ", " + (replace ? "true" : "false") + ")");
+    // A replay holds all the output before it.
+    if (replace) unsent_.clear();
+    unsent_.emplace_back(base64, replace);
+    sendWrites();
+}
+
+void XtermCoordinator::sendWrites() {
+    if (!page_) return;
+    while (!unsent_.empty() &&
+           (bytesInFlight_ == 0 ||
+            bytesInFlight_ + unsent_.front().first.size() <= maximumBytesInFlight)) {
+        auto [base64, replace] = std::move(unsent_.front());
+        unsent_.pop_front();
+        const qsizetype size = base64.size();
+        bytesInFlight_ += size;
+        QPointer<XtermCoordinator> self(this);
+        const unsigned generation = writeGeneration_;
+        page_->callThen("writeBase64(" + json(base64) + ", " + (replace ? "true" : "false") + ")",
+                        [self, generation, size] {
+                            if (!self || self->writeGeneration_ != generation) return;
+                            self->bytesInFlight_ -= size;
+                            self->sendWrites();
+                        });
+    }
+}
+
+void XtermCoordinator::forgetWritesInFlight() {
+    unsent_.clear();
+    bytesInFlight_ = 0;
+    ++writeGeneration_;
 }
 
 // Focus, blur and search are not queued: before "ready" they do nothing.
@@ -148,7 +180,7 @@ void XtermCoordinator::focus() {
 
 void XtermCoordinator::takeKeyboard() {
     if (onFocus) onFocus();
-    if (ready_) evaluate("focus()");
+    if (ready_ && page_) page_->moveKeyboard("focus()");
 }
 
 void XtermCoordinator::clearSearch() {
@@ -173,7 +205,7 @@ void XtermCoordinator::setFontSize(int points) {
 }
 
 void XtermCoordinator::resignFocus() {
-    if (ready_) evaluate("blur()");
+    if (ready_ && page_) page_->moveKeyboard("blur()");
 }
 
 void XtermCoordinator::search(const QString& text, bool backwards) {
@@ -210,7 +242,9 @@ void XtermCoordinator::didReceiveScriptMessage(const QString& name, const QJsonV
     } else if (name == "pastePrimary") {
         if (onPastePrimary) onPastePrimary();
     } else if (name == "link") {
-        if (body.isString()) hoveredLink_ = body.toString();
+        if (!body.isString()) return;
+        hoveredLink_ = body.toString();
+        if (onHoverLink) onHoverLink(hoveredLink_);
     } else if (name == "searchResults") {
         if (!body.isObject()) return;
         const auto count = integerMember(body.toObject(), "count");

@@ -12,6 +12,7 @@
 #include <QString>
 #include <QUrl>
 
+#include <deque>
 #include <functional>
 #include <optional>
 #include <utility>
@@ -29,12 +30,23 @@ class TerminalWebPage : public QObject {
   public:
     using QObject::QObject;
     virtual void call(const QString& call) = 0;
+    // Runs `call` and then `done`, once the page has run it (never, when the
+    // page is gone). A page that runs calls at once calls `done` at once.
+    virtual void callThen(const QString& call, std::function<void()> done) {
+        this->call(call);
+        done();
+    }
+    // A call that gives or takes the keyboard ("focus()", "blur()"): keys
+    // pressed before it reach the terminal that had the keyboard then, keys
+    // pressed after it the one that has it now.
+    virtual void moveKeyboard(const QString& call) { this->call(call); }
 };
 
 class XtermCoordinator : public TerminalSurface {
     Q_OBJECT
   public:
-    // The names of the page's message channels: "loaded" is the page's own;
+    // The names of the page's message channels: "loaded" and "keyboardMoved"
+    // are the page's own;
     // every other is posted by one terminal, naming its pane.
     static const QStringList scriptMessageHandlerNames;
     // The page shown when the terminal's assets cannot be found: it says so at
@@ -53,6 +65,10 @@ class XtermCoordinator : public TerminalSurface {
     bool isReady() const { return ready_; }
     // Writes that wait for "ready": base64 text and whether it replaces the screen.
     const std::vector<std::pair<QString, bool>>& pending() const { return pending_; }
+    // Base64 text the page may be running at once: past it, writes wait here
+    // until the page has taken the earlier ones, so that a flood of output
+    // never queues up in the page ahead of a key or a focus change.
+    static constexpr qsizetype maximumBytesInFlight = 512 * 1024;
 
     // Takes over `next`: drops what was queued for another controller and
     // becomes `next`'s surface (which repaints it from its history).
@@ -105,9 +121,14 @@ class XtermCoordinator : public TerminalSurface {
     std::function<void(const QString&)> onSelection;
     // A middle click asks for the primary selection to be pasted.
     std::function<void()> onPastePrimary;
+    // The pointer is over a link (its target), or has left it (empty).
+    std::function<void(const QString&)> onHoverLink;
 
   private:
     void write(const QString& base64, bool replace);
+    void sendWrites();
+    // Forgets the writes the page was given: they went with its document.
+    void forgetWritesInFlight();
     void requestDeferredStart(TerminalController* target);
     void evaluate(const QString& script);
 
@@ -115,6 +136,11 @@ class XtermCoordinator : public TerminalSurface {
     QPointer<TerminalWebPage> page_;
     bool ready_ = false;
     std::vector<std::pair<QString, bool>> pending_;
+    std::deque<std::pair<QString, bool>> unsent_;
+    qsizetype bytesInFlight_ = 0;
+    // Counts the documents and bindings whose writes are in flight; an answer
+    // for an older one is dropped.
+    unsigned writeGeneration_ = 0;
     DeferStart deferStart_;
     QPointer<TerminalController> startRequestedFor_;
     QPointer<TerminalController> pendingStartController_;

@@ -6,6 +6,7 @@
 #include <QApplication>
 #include <QClipboard>
 #include <QComboBox>
+#include <QCursor>
 #include <QFile>
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -15,6 +16,7 @@
 #include <QPlainTextEdit>
 #include <QTextEdit>
 #include <QTimer>
+#include <QToolTip>
 #include <QVBoxLayout>
 #include <QWebChannel>
 #include <QWebEnginePage>
@@ -84,22 +86,37 @@ bool anotherFieldHasKeyboard() {
            qobject_cast<QComboBox*>(focus);
 }
 
+}  // namespace
+
 // One terminal's part of the page.
 class PaneTerminalPage : public TerminalWebPage {
   public:
-    PaneTerminalPage(QWebEnginePage* page, const QUuid& pane, QObject* parent)
+    PaneTerminalPage(XtermWebView* view, const QUuid& pane, QObject* parent)
         : TerminalWebPage(parent),
-          page_(page),
+          view_(view),
+          pane_(pane),
           receiver_("window.harborlattice.terminal(\"" + pane.toString(QUuid::WithoutBraces) +
                     "\")?.") {}
     void call(const QString& call) override {
-        if (page_) page_->runJavaScript(receiver_ + call);
+        if (view_) view_->webView()->page()->runJavaScript(receiver_ + call);
+    }
+    void callThen(const QString& call, std::function<void()> done) override {
+        if (view_) {
+            view_->webView()->page()->runJavaScript(
+                receiver_ + call, [done = std::move(done)](const QVariant&) { done(); });
+        }
+    }
+    void moveKeyboard(const QString& call) override {
+        if (view_) view_->moveKeyboard(pane_, call.section('(', 0, 0));
     }
 
   private:
-    QPointer<QWebEnginePage> page_;
+    QPointer<XtermWebView> view_;
+    QUuid pane_;
     QString receiver_;
 };
+
+namespace {
 
 QString rectLiteral(const QRect& rect) {
     return QStringLiteral("{left: %1, top: %2, width: %3, height: %4}")
@@ -197,8 +214,9 @@ QString XtermWebView::document() {
         const std::string fit = locator.contents("addon-fit.js");
         const std::string links = locator.contents("addon-web-links.js");
         const std::string search = locator.contents("addon-search.js");
+        const std::string unicode = locator.contents("addon-unicode11.js");
         const std::string css = locator.contents("xterm.css");
-        return QString::fromStdString(XtermView::html(js, fit, links, search, css));
+        return QString::fromStdString(XtermView::html(js, fit, links, search, unicode, css));
     } catch (const std::exception&) {
         return XtermCoordinator::assetsUnavailableDocument;
     }
@@ -241,6 +259,8 @@ XtermWebView::XtermWebView(QWidget* parent) : QWidget(parent), view_(new QWebEng
                 QTimer::singleShot(0, this, &XtermWebView::loadDocument);
             });
 
+    view_->installEventFilter(this);
+    watchKeys();
     view_->setContextMenuPolicy(Qt::CustomContextMenu);
     connect(view_, &QWidget::customContextMenuRequested, this, [this](QPoint position) {
         QMenu* menu = contextMenu(view_->mapTo(this, position));
@@ -271,7 +291,7 @@ XtermCoordinator* XtermWebView::open(const QUuid& pane, TerminalController* cont
     }
     auto* coordinator = new XtermCoordinator(controller, {}, this);
     terminal.coordinator = coordinator;
-    coordinator->setWebPage(new PaneTerminalPage(view_->page(), pane, coordinator));
+    coordinator->setWebPage(new PaneTerminalPage(this, pane, coordinator));
     coordinator->onFocus = [this] { view_->setFocus(Qt::OtherFocusReason); };
     coordinator->mayTakeKeyboard = [] { return !anotherFieldHasKeyboard(); };
     coordinator->onSelection = [](const QString& text) {
@@ -283,6 +303,14 @@ XtermCoordinator* XtermWebView::open(const QUuid& pane, TerminalController* cont
         QClipboard* clipboard = QGuiApplication::clipboard();
         if (guarded && clipboard->supportsSelection())
             guarded->paste(clipboard->text(QClipboard::Selection));
+    };
+    // Where a link goes shows beside the pointer while it is over the link.
+    coordinator->onHoverLink = [this](const QString& link) {
+        if (link.isEmpty()) {
+            QToolTip::hideText();
+        } else {
+            QToolTip::showText(QCursor::pos(), link, view_);
+        }
     };
     if (currentFontSize != defaultFontSize) coordinator->setFontSize(currentFontSize);
     coordinator->bind(controller);
@@ -358,6 +386,7 @@ void XtermWebView::send() {
 
 void XtermWebView::documentDidLoad() {
     loaded_ = true;
+    keyEventsSent_ = 0;
     for (auto& [pane, terminal] : terminals_)
         terminal.opened = false;
     unsentPlacements_.clear();
@@ -366,6 +395,7 @@ void XtermWebView::documentDidLoad() {
 
 void XtermWebView::documentWasLost() {
     loaded_ = false;
+    keyboardMoveInFlight_ = false;
     for (auto& [pane, terminal] : terminals_) {
         terminal.opened = false;
         if (terminal.coordinator) terminal.coordinator->documentWasLost();
@@ -375,6 +405,10 @@ void XtermWebView::documentWasLost() {
 void XtermWebView::receive(const QString& name, const QJsonValue& message) {
     if (name == "loaded") {
         documentDidLoad();
+        return;
+    }
+    if (name == "keyboardMoved") {
+        keyboardDidMove(static_cast<unsigned>(message.toInteger()));
         return;
     }
     const QJsonObject object = message.toObject();
@@ -423,10 +457,78 @@ QMenu* XtermWebView::contextMenu(QPoint position) {
         menu->addAction(QStringLiteral("Open Link"), this, [terminal, link] {
             if (terminal) terminal->openLink(link);
         });
+        menu->addAction(QStringLiteral("Copy Link Address"), this, [link] {
+            QGuiApplication::clipboard()->setText(link, QClipboard::Clipboard);
+        });
     }
     if (TerminalController* controller = terminal->controller())
         addPreviousShellActions(*menu, *controller);
     return menu;
+}
+
+void XtermWebView::moveKeyboard(const QUuid& pane, const QString& operation) {
+    keyGate_.emplace_back(paneLiteral(pane) + ", \"" + operation + "\")");
+    releaseKeys();
+}
+
+bool XtermWebView::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == view_ && event->type() == QEvent::ChildAdded) {
+        // The view's focus proxy, which takes the keys, comes with the page.
+        QTimer::singleShot(0, this, &XtermWebView::watchKeys);
+        return QWidget::eventFilter(watched, event);
+    }
+    // Only the keys on their way to the page: not those it hands back unused.
+    if (watched != keyTarget_ ||
+        (event->type() != QEvent::KeyPress && event->type() != QEvent::KeyRelease))
+        return QWidget::eventFilter(watched, event);
+    if (!releasingKeys_ && (keyboardMoveInFlight_ || !keyGate_.empty())) {
+        keyGate_.emplace_back(std::unique_ptr<QEvent>(event->clone()));
+        return true;
+    }
+    ++keyEventsSent_;
+    return QWidget::eventFilter(watched, event);
+}
+
+void XtermWebView::watchKeys() {
+    QWidget* proxy = view_->focusProxy();
+    if (!proxy || proxy == keyTarget_) return;
+    if (keyTarget_) keyTarget_->removeEventFilter(this);
+    keyTarget_ = proxy;
+    proxy->installEventFilter(this);
+}
+
+void XtermWebView::releaseKeys() {
+    while (!keyboardMoveInFlight_ && !keyGate_.empty()) {
+        auto next = std::move(keyGate_.front());
+        keyGate_.pop_front();
+        if (auto* key = std::get_if<std::unique_ptr<QEvent>>(&next)) {
+            QWidget* target = view_->focusProxy() ? view_->focusProxy() : view_;
+            releasingKeys_ = true;
+            QCoreApplication::sendEvent(target, key->get());
+            releasingKeys_ = false;
+            continue;
+        }
+        if (!loaded_) continue;
+        // The page makes the move once the keys sent before it have reached
+        // their terminal; keys pressed after it wait until it says so.
+        keyboardMoveInFlight_ = true;
+        const unsigned move = ++keyboardMoves_;
+        view_->page()->runJavaScript(QStringLiteral("window.harborlattice.moveKeyboard(%1, %2, ")
+                                         .arg(move)
+                                         .arg(keyEventsSent_) +
+                                     std::get<QString>(next));
+        // A page that never answers (its renderer is gone) keeps no key.
+        QPointer<XtermWebView> self(this);
+        QTimer::singleShot(keyboardMoveTimeout, this, [self, move] {
+            if (self) self->keyboardDidMove(move);
+        });
+    }
+}
+
+void XtermWebView::keyboardDidMove(unsigned move) {
+    if (!keyboardMoveInFlight_ || keyboardMoves_ != move) return;
+    keyboardMoveInFlight_ = false;
+    releaseKeys();
 }
 
 int XtermWebView::fontSize() {

@@ -12,9 +12,11 @@
 #include <QUuid>
 #include <QWidget>
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <optional>
+#include <variant>
 
 #include "TerminalDocumentScheme.h"
 #include "XtermCoordinator.h"
@@ -67,6 +69,17 @@ class XtermWebView : public QWidget {
     static void setFontSizeForAll(int points);
     static constexpr int defaultFontSize = 13;
 
+    // Gives the pane's terminal the keyboard ("focus") or takes it ("blur").
+    // The page makes the move once the keys sent before it have reached their
+    // terminal; keys pressed from now on wait here until the page has made
+    // it, and then follow in order.
+    void moveKeyboard(const QUuid& pane, const QString& operation);
+    // How long keys wait for a page that does not answer.
+    static constexpr int keyboardMoveTimeout = 3000;
+
+  protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
   private:
     struct Terminal {
         QPointer<XtermCoordinator> coordinator;
@@ -82,12 +95,24 @@ class XtermWebView : public QWidget {
     // Sends the opens and placements made since the last send, in one script.
     void scheduleSend();
     void send();
+    void watchKeys();
+    void releaseKeys();
+    void keyboardDidMove(unsigned move);
 
     QWebEngineView* view_;
     std::map<QUuid, Terminal> terminals_;
     bool loaded_ = false;
     bool sendIsScheduled_ = false;
     std::map<QUuid, QRect> unsentPlacements_;
+    // Keys held while a move of the keyboard is with the page, and the moves
+    // asked for meanwhile, in the order they came.
+    std::deque<std::variant<std::unique_ptr<QEvent>, QString>> keyGate_;
+    bool keyboardMoveInFlight_ = false;
+    bool releasingKeys_ = false;
+    unsigned keyboardMoves_ = 0;
+    // Key presses and releases sent to the page since it loaded.
+    qint64 keyEventsSent_ = 0;
+    QPointer<QWidget> keyTarget_;
 };
 
 // The script run at document creation that defines the page's message handlers.

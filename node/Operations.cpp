@@ -57,6 +57,16 @@ bool directoryIsWithin(UniqueFd directory, const std::string& folder) {
     return false;
 }
 
+// What a client shows of a session's shell besides its output: the status it
+// ended with, or the directory it is in now.
+void addShellState(json& data, const Session& session) {
+    if (session.exited()) {
+        if (auto status = session.exitStatus()) data["exit_status"] = *status;
+    } else if (auto directory = session.currentDirectory()) {
+        data["shell_cwd"] = *directory;
+    }
+}
+
 const char* const unknownSession = "unknown session";
 
 }  // namespace
@@ -111,7 +121,9 @@ std::string Server::replaySession(const Request& request, Clock::time_point now)
     const std::string output = session->replay(outputAllowance());
     // The pane's own text, so that its exact comparison holds: a shell in a folder
     // below the pane's is still the pane's shell.
-    return successReply({{"cwd", request.expectedCwd}, {"exited", session->exited()}}, output);
+    json data{{"cwd", request.expectedCwd}, {"exited", session->exited()}};
+    addShellState(data, *session);
+    return successReply(std::move(data), output);
 }
 
 std::optional<std::string> Server::createSession(const Request& request, std::uint64_t ticket,
@@ -168,7 +180,9 @@ std::string Server::pollSession(const Request& request, Clock::time_point now) {
     // Whatever reached the terminal since this turn's wait goes out now too.
     if (session->wantsOutput(now)) session->readOutput(allowance, now);
     const std::string output = session->takeOutput(allowance);
-    return successReply({{"exited", session->exited()}}, output);
+    json data{{"exited", session->exited()}};
+    addShellState(data, *session);
+    return successReply(std::move(data), output);
 }
 
 std::string Server::inputSession(const Request& request) {

@@ -302,7 +302,7 @@ void Server::reapChildren(Clock::time_point now) {
     pid_t pid;
     while ((pid = ::waitpid(-1, &status, WNOHANG)) > 0) {
         for (auto& [id, session] : sessions_) {
-            if (session->shellPid() == pid) session->shellEnded(now);
+            if (session->shellPid() == pid) session->shellEnded(now, status);
         }
         for (auto& start : pendingStarts_) {
             if (start.shell.pid == pid) start.reaped = true;

@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <sys/ioctl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -143,10 +144,21 @@ std::string Session::replay(std::size_t count) {
     return tail_.back(count);
 }
 
-void Session::shellEnded(Clock::time_point now) {
+void Session::shellEnded(Clock::time_point now, std::optional<int> waitStatus) {
     reapedAt_ = processClockNow();
     shellReaped_ = true;
+    if (waitStatus && WIFEXITED(*waitStatus)) exitStatus_ = WEXITSTATUS(*waitStatus);
+    if (waitStatus && WIFSIGNALED(*waitStatus)) exitStatus_ = 128 + WTERMSIG(*waitStatus);
     readOutput(pending_.space(), now);
+}
+
+std::optional<std::string> Session::currentDirectory() const {
+    if (shellReaped_) return std::nullopt;
+    char target[4096];
+    const std::string link = "/proc/" + std::to_string(shellPid_) + "/cwd";
+    const ssize_t length = ::readlink(link.c_str(), target, sizeof target);
+    if (length <= 0 || static_cast<std::size_t>(length) >= sizeof target) return std::nullopt;
+    return std::string(target, static_cast<std::size_t>(length));
 }
 
 bool Session::exited() const {

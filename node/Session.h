@@ -98,9 +98,15 @@ class Session {
     // replay already shows it.
     std::string replay(std::size_t count);
 
-    // Records that the shell has been reaped and drains what it left behind.
-    void shellEnded(Clock::time_point now);
+    // Records that the shell has been reaped (with its wait status, when
+    // known) and drains what it left behind.
+    void shellEnded(Clock::time_point now, std::optional<int> waitStatus = std::nullopt);
     bool exited() const;
+    // The shell's exit status as a shell gives it (128 plus the signal for a
+    // shell ended by one); absent while it runs or when unknown.
+    std::optional<int> exitStatus() const { return exitStatus_; }
+    // The directory the shell is in now; absent when it cannot be read.
+    std::optional<std::string> currentDirectory() const;
 
   private:
     // Closes the terminal after it reported end of file.
@@ -119,6 +125,7 @@ class Session {
     RingBuffer tail_{tailLimit};
     std::string input_;
     bool shellReaped_ = false;
+    std::optional<int> exitStatus_;
     bool drainedAfterExit_ = false;
 };
 

@@ -73,6 +73,11 @@ std::optional<bool> JSONValue::boolValue() const {
     return std::nullopt;
 }
 
+std::optional<double> JSONValue::numberValue() const {
+    if (auto* number = std::get_if<double>(&value_)) return *number;
+    return std::nullopt;
+}
+
 JSONValue NodeResponse::operator[](const std::string& key) const {
     auto it = data.find(key);
     return it == data.end() ? JSONValue() : it->second;

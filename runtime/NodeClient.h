@@ -34,6 +34,7 @@ class JSONValue {
     std::optional<std::string> stringValue() const;
     std::optional<std::vector<JSONValue>> arrayValue() const;
     std::optional<bool> boolValue() const;
+    std::optional<double> numberValue() const;
 
     bool operator==(const JSONValue&) const = default;
 

@@ -19,12 +19,13 @@ namespace hl {
 
 namespace {
 
-constexpr std::array<std::pair<std::string_view, std::string_view>, 5> sourcePaths{{
+constexpr std::array<std::pair<std::string_view, std::string_view>, 6> sourcePaths{{
     {"xterm.js", "@xterm/xterm/lib/xterm.js"},
     {"xterm.css", "@xterm/xterm/css/xterm.css"},
     {"addon-fit.js", "@xterm/addon-fit/lib/addon-fit.js"},
     {"addon-web-links.js", "@xterm/addon-web-links/lib/addon-web-links.js"},
     {"addon-search.js", "@xterm/addon-search/lib/addon-search.js"},
+    {"addon-unicode11.js", "@xterm/addon-unicode11/lib/addon-unicode11.js"},
 }};
 
 [[noreturn]] void fail(int code) {

@@ -171,6 +171,10 @@ TerminalController::AttachOutcome TerminalController::attach(
             outcome.id = *candidate;
             outcome.output = reply["output_base64"].stringValue();
             outcome.exited = reply["exited"].boolValue().value_or(false);
+            if (auto status = reply["exit_status"].numberValue())
+                outcome.exitStatus = static_cast<int>(*status);
+            outcome.shellDirectory =
+                QString::fromStdString(reply["shell_cwd"].stringValue().value_or(""));
             return outcome;
         }
         if (!mayCreate) {
@@ -203,9 +207,13 @@ void TerminalController::finish(const AttachOutcome& outcome,
     notePreviousShells(outcome);
     switch (outcome.kind) {
         case AttachOutcome::Kind::Attached:
-            if (!attachResult(outcome.id, outcome.exited, candidate, outcome.output) &&
-                onCloseRequired)
-                onCloseRequired(outcome.id);
+            if (!attachResult(outcome.id, outcome.exited, candidate, outcome.output)) {
+                if (onCloseRequired) onCloseRequired(outcome.id);
+            } else if (outcome.exited) {
+                markExited(outcome.exitStatus);
+            } else {
+                setShellDirectory(outcome.shellDirectory);
+            }
             break;
         case AttachOutcome::Kind::SavedSessionUnavailable:
             finishUnavailableReconnect(mayCreate);
@@ -246,7 +254,7 @@ bool TerminalController::attachResult(const std::string& id, bool exited,
                             (!reattached && isStartingReplacement_ && !keptPrevious));
     const char* next = nullptr;
     if (exited) {
-        next = isReplacementSession_ ? "Replacement exited · saved session was lost" : "Exited";
+        next = "Exited";
     } else if (reattached) {
         next = isReplacementSession_ ? "Replacement reconnected · original session was lost"
                                      : "Reconnected";
@@ -261,6 +269,7 @@ bool TerminalController::attachResult(const std::string& id, bool exited,
         setStatus(text(next));
     }
     isStartingReplacement_ = false;
+    exited_ = false;
     if (output && !output->empty()) {
         receiveReplay(*output);
     } else if (!reattached && rendererHistoryBytes_ > 0) {
@@ -342,12 +351,36 @@ void TerminalController::recover() {
 }
 
 // The shell has ended. A late report after close() or suspend() changes nothing.
-void TerminalController::markExited() {
-    if (closed_ || suspended_) return;
+void TerminalController::markExited(std::optional<int> status) {
+    if (closed_ || suspended_ || !sessionID_) return;
     polling_.reset();
+    exited_ = true;
     setIsConnected(false);
-    setStatus(
-        text(isReplacementSession_ ? "Replacement exited · saved session was lost" : "Exited"));
+    setShellDirectory(QString());
+    setStatus(exitedStatus(status));
+}
+
+QString TerminalController::exitedStatus(std::optional<int> status) {
+    if (!status) return text("Exited · press Enter to start a new shell");
+    return text("Exited (status %1) · press Enter to start a new shell").arg(*status);
+}
+
+void TerminalController::startNewShell() {
+    if (!exited_ || closed_ || suspended_) return;
+    const auto ended = sessionID_;
+    exited_ = false;
+    started_ = false;
+    reconnectCandidate_.reset();
+    setSessionID(std::nullopt);
+    setIsReplacementSession(false);
+    if (ended && onCloseRequired) onCloseRequired(*ended);
+    start();
+}
+
+void TerminalController::setShellDirectory(const QString& directory) {
+    if (shellDirectory_ == directory) return;
+    shellDirectory_ = directory;
+    emit shellDirectoryChanged();
 }
 
 void TerminalController::scheduleRetry() {
@@ -418,6 +451,10 @@ void TerminalController::resignFocus() {
 }
 
 void TerminalController::terminalSurfaceDidReceiveInput(const QString& input) {
+    if (exited_) {
+        if (input.contains('\r') || input.contains('\n')) startNewShell();
+        return;
+    }
     if (!sessionID_) return;
     const QByteArray bytes = input.toUtf8();
     auto encoded = base64::encode(std::string_view(bytes.constData(), bytes.size()));
@@ -494,6 +531,7 @@ void TerminalController::pollLoop(QPointer<TerminalController> controller,
         });
     };
     const NodeRequestData request{{"session_id", sessionID}};
+    std::string shellDirectory;
     for (;;) {
         if (token->isCancelled()) {
             deliver(batcher.flush());
@@ -515,10 +553,21 @@ void TerminalController::pollLoop(QPointer<TerminalController> controller,
         if (reply["exited"].boolValue() == true) {
             token->cancel();
             deliver(batcher.flush());
-            postToMainThread([controller] {
-                if (auto* c = controller.data()) c->markExited();
+            std::optional<int> status;
+            if (auto number = reply["exit_status"].numberValue())
+                status = static_cast<int>(*number);
+            postToMainThread([controller, status] {
+                if (auto* c = controller.data()) c->markExited(status);
             });
             return;
+        }
+        if (auto directory = reply["shell_cwd"].stringValue();
+            directory && *directory != shellDirectory) {
+            shellDirectory = *directory;
+            postToMainThread([controller, token, directory = QString::fromStdString(*directory)] {
+                auto* c = controller.data();
+                if (c && !token->isCancelled()) c->setShellDirectory(directory);
+            });
         }
         token->wait(output && !output->empty() ? settings.busyPollInterval
                                                : settings.idlePollInterval);

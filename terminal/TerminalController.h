@@ -67,6 +67,8 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     // The title a program gave the terminal; empty when none.
     Q_PROPERTY(QString title READ title NOTIFY titleChanged)
     Q_PROPERTY(int previousShellCount READ previousShellCount NOTIFY previousShellsChanged)
+    // The directory the shell is in now, as the node reports it; empty when unknown.
+    Q_PROPERTY(QString shellDirectory READ shellDirectory NOTIFY shellDirectoryChanged)
 
   public:
     static constexpr std::int64_t maximumHistoryBytes = 4194304;
@@ -100,6 +102,9 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     bool isConnected() const { return isConnected_; }
     bool isReplacementSession() const { return isReplacementSession_; }
     QString title() const { return title_; }
+    QString shellDirectory() const { return shellDirectory_; }
+    // The shell has ended; Enter starts a new one in the pane's directory.
+    bool hasExited() const { return exited_; }
     // The last search's matches and the selected one (-1 when none is).
     int searchMatchCount() const { return searchMatchCount_; }
     int searchMatchIndex() const { return searchMatchIndex_; }
@@ -186,6 +191,7 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     void isReplacementSessionChanged();
     void titleChanged();
     void bellRang();
+    void shellDirectoryChanged();
     void searchMatchesChanged();
     void previousShellsChanged();
 
@@ -197,6 +203,8 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
         std::string id;
         bool exited = false;
         std::optional<std::string> output;
+        std::optional<int> exitStatus;
+        QString shellDirectory;
         // Where the node's sessions were, when the start listed them.
         bool listed = false;
         std::map<std::string, std::string> directories;
@@ -239,7 +247,12 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
                         const std::string& candidateDirectory);
     void retryResult();
     void recover();
-    void markExited();
+    void markExited(std::optional<int> status);
+    // The status line of an ended shell.
+    static QString exitedStatus(std::optional<int> status);
+    // After an exit: the old session goes, a new shell starts in the pane's directory.
+    void startNewShell();
+    void setShellDirectory(const QString& directory);
     // Calls start() after the retry delay, unless the controller is gone.
     void scheduleRetry();
     void cancelPolling();
@@ -263,6 +276,8 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     bool isConnected_ = false;
     bool isReplacementSession_;
     QString title_;
+    QString shellDirectory_;
+    bool exited_ = false;
     int searchMatchCount_ = 0;
     int searchMatchIndex_ = -1;
     // The renderer's last reported size, columns and rows.

@@ -95,6 +95,10 @@ TerminalController::AttachOutcome TerminalController::attachPrevious(
             outcome.id = id;
             outcome.output = reply["output_base64"].stringValue();
             outcome.exited = reply["exited"].boolValue().value_or(false);
+            if (auto status = reply["exit_status"].numberValue())
+                outcome.exitStatus = static_cast<int>(*status);
+            outcome.shellDirectory =
+                QString::fromStdString(reply["shell_cwd"].stringValue().value_or(""));
             return outcome;
         } catch (const NodeClientError& error) {
             const bool moved = error.kind() == NodeClientError::Kind::Daemon &&
@@ -159,7 +163,12 @@ void TerminalController::finishPreviousReattach(const AttachOutcome& outcome,
     setIsReplacementSession(false);
     started_ = true;
     emit previousShellsChanged();
-    attachResult(id, outcome.exited, id, outcome.output);
+    if (!attachResult(id, outcome.exited, id, outcome.output)) return;
+    if (outcome.exited) {
+        markExited(outcome.exitStatus);
+    } else {
+        setShellDirectory(outcome.shellDirectory);
+    }
 }
 
 void TerminalController::closePreviousShell(const std::string& id) {

@@ -11,6 +11,7 @@ set(_hl_terminal_asset_sources
   ${_hl_node_modules}/@xterm/addon-fit/lib/addon-fit.js
   ${_hl_node_modules}/@xterm/addon-web-links/lib/addon-web-links.js
   ${_hl_node_modules}/@xterm/addon-search/lib/addon-search.js
+  ${_hl_node_modules}/@xterm/addon-unicode11/lib/addon-unicode11.js
 )
 if(NOT EXISTS ${_hl_node_modules}/@xterm/xterm/lib/xterm.js)
   message(WARNING "web/node_modules has no xterm.js: run scripts/install-deps.sh before building terminal_assets")

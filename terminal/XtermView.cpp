@@ -39,7 +39,9 @@ blinkStyle.textContent = `.terminal .xterm-cursor.xterm-cursor-blink { animation
   background-color: inherit !important; color: ${terminalTheme.cursor} !important; }
 .terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-bar { box-shadow: none !important; }
 .terminal.cursor-off .xterm-cursor.xterm-cursor-blink.xterm-cursor-underline {
-  border-bottom-style: hidden !important; }`;
+  border-bottom-style: hidden !important; }
+.terminal.bell-flash::after { content: ''; position: absolute; inset: 0; pointer-events: none;
+  background: rgba(255, 149, 0, 0.22); }`;
 document.head.appendChild(blinkStyle);
 // One terminal in its container, posting to the host through `host`. Nothing
 // in it is shared with another terminal. Returns its interface for the host,
@@ -78,19 +80,66 @@ const linkCallbacks = {
   hover: (event, uri) => hoverLink(uri),
   leave: () => hoverLink(''),
 };
+// A link opens on Ctrl+click, or on a plain click of the primary button that
+// did not move and left nothing selected; never at the end of a drag, on a
+// double click or with another button. A plain click waits out the time of a
+// double click, which cancels it.
+const doubleClickInterval = 400;
+const clickSlop = 4;
+let press = null;
+let plainClickTimer = 0;
+function cancelPlainClick() {
+  clearTimeout(plainClickTimer);
+  plainClickTimer = 0;
+}
+function activateLink(event, uri) {
+  const click = press;
+  if (!click || click.button !== 0 || event.button !== 0 || click.moved) return;
+  if (click.detail > 1 || event.detail > 1) return;
+  if (event.ctrlKey && !event.altKey && !event.metaKey) {
+    host.openLink.postMessage(uri);
+    return;
+  }
+  if (event.ctrlKey || event.altKey || event.metaKey || event.shiftKey) return;
+  if (terminal.hasSelection()) return;
+  cancelPlainClick();
+  clearTimeout(resizeTimer);
+  clearTimeout(bellTimer);
+  plainClickTimer = setTimeout(() => {
+    plainClickTimer = 0;
+    if (!closed && !terminal.hasSelection()) host.openLink.postMessage(uri);
+  }, doubleClickInterval);
+}
 const fitAddon = new FitAddon.FitAddon();
 const searchAddon = new SearchAddon.SearchAddon();
 terminal.loadAddon(fitAddon);
 terminal.loadAddon(searchAddon);
-terminal.loadAddon(new WebLinksAddon.WebLinksAddon((event, uri) => {
-  host.openLink.postMessage(uri);
-}, linkCallbacks));
+// Characters are as wide as the C library's wcwidth says (emoji and other wide
+// characters take two cells), so the shell and the screen agree.
+// The terminal offers its width tables only as a proposed interface: it is
+// opened for this and closed again.
+terminal.options.allowProposedApi = true;
+try {
+  terminal.loadAddon(new Unicode11Addon.Unicode11Addon());
+  terminal.unicode.activeVersion = '11';
+} finally {
+  terminal.options.allowProposedApi = false;
+}
+terminal.loadAddon(new WebLinksAddon.WebLinksAddon(activateLink, linkCallbacks));
 // Links a program embeds in its output (OSC 8) leave the same way as plain ones.
-terminal.options.linkHandler = {
-  activate: (event, uri) => host.openLink.postMessage(uri),
-  ...linkCallbacks,
-};
+terminal.options.linkHandler = { activate: activateLink, ...linkCallbacks };
 terminal.open(container);
+terminal.element?.addEventListener('mousedown', event => {
+  cancelPlainClick();
+  press = { x: event.clientX, y: event.clientY, button: event.button, detail: event.detail,
+    moved: false };
+}, true);
+terminal.element?.addEventListener('mousemove', event => {
+  if (press && !press.moved && (Math.abs(event.clientX - press.x) > clickSlop ||
+                                Math.abs(event.clientY - press.y) > clickSlop)) {
+    press.moved = true;
+  }
+}, true);
 // The renderer measures a character's width the first time it draws it, one
 // layout of the whole page per character. Printable ASCII is measured here at
 // once, in one layout, with the renderer's own measuring element, and handed
@@ -141,6 +190,10 @@ terminal.textarea?.addEventListener('blur', () => {
   clearInterval(blinkTimer);
   showCursor();
 });
+// After the terminal's own handlers: a move of the keyboard may wait for this key.
+terminal.textarea?.addEventListener('keydown', keyWasHandled);
+terminal.textarea?.addEventListener('keypress', keyWasHandled);
+terminal.textarea?.addEventListener('keyup', keyWasHandled);
 terminal.textarea?.addEventListener('compositionend', () => {
   compositionEndedAt = performance.now();
 }, true);
@@ -148,10 +201,38 @@ terminal.onData(data => {
   if (replayWritesInFlight > 0 && !isUserAct()) return;
   host.input.postMessage(data);
 });
-terminal.onResize(size => host.resize.postMessage(size));
+// The shell learns the first size at once and later ones when the size has
+// stopped changing for a moment: a program that redraws on every change would
+// draw over itself while a divider or the window is dragged. The screen is
+// then painted whole.
+const resizeQuietPeriod = 150;
+let sizeWasPosted = false;
+let resizeTimer = 0;
+function postSize() {
+  resizeTimer = 0;
+  if (closed) return;
+  sizeWasPosted = true;
+  host.resize.postMessage({ cols: terminal.cols, rows: terminal.rows });
+  terminal.refresh(0, terminal.rows - 1);
+}
+terminal.onResize(() => {
+  clearTimeout(resizeTimer);
+  if (!sizeWasPosted) {
+    postSize();
+  } else {
+    resizeTimer = setTimeout(postSize, resizeQuietPeriod);
+  }
+});
 terminal.onTitleChange(title => host.title.postMessage(title));
+// A bell flashes the terminal for a moment and tells the host.
+const bellFlashDuration = 150;
+let bellTimer = 0;
 terminal.onBell(() => {
-  if (replayWritesInFlight === 0) host.bell.postMessage('');
+  if (replayWritesInFlight > 0) return;
+  container.classList.add('bell-flash');
+  clearTimeout(bellTimer);
+  bellTimer = setTimeout(() => container.classList.remove('bell-flash'), bellFlashDuration);
+  host.bell.postMessage('');
 });
 // The selection is offered to the host, which holds it as the primary selection.
 let selectionIsScheduled = false;
@@ -372,10 +453,12 @@ const api = {
     terminal.options.fontSize = size;
     fit();
     measureAsciiWidths();
+    terminal.refresh(0, terminal.rows - 1);
   },
 };
 function close() {
   closed = true;
+  cancelPlainClick();
   outputWaiting.length = 0;
   clearInterval(blinkTimer);
   resizeObserver.disconnect();
@@ -410,7 +493,75 @@ function placeContainer(container, rect) {
   container.style.width = `${rect.width}px`;
   container.style.height = `${rect.height}px`;
 }
+// Key events the page has seen, and the moves of the keyboard between
+// terminals that wait for keys sent before them. A move is made once the page
+// has seen those keys and the last of them has been handled where it was
+// aimed (for a key that types, its keypress too), or at the latest after half
+// a second, for a key that never reached the page.
+let keyEventsSeen = 0;
+const waitingMoves = [];
+// Set while due moves wait for the key that made them due to be handled.
+let dueAfter = null;
+function movesAreDue() {
+  return waitingMoves.length > 0 && keyEventsSeen >= waitingMoves[0].after;
+}
+// Called by a terminal's text area after the terminal has handled a key event.
+function keyWasHandled(event) {
+  if (dueAfter === 'keydown' && event.type === 'keydown') {
+    if (!event.defaultPrevented && event.key.length === 1 &&
+        !event.ctrlKey && !event.metaKey && !event.altKey) {
+      dueAfter = 'keypress';
+      return;
+    }
+  } else if (dueAfter !== event.type) {
+    return;
+  }
+  dueAfter = null;
+  makeDueMoves();
+}
+function makeDueMoves(all = false) {
+  while (waitingMoves.length > 0 && (all || keyEventsSeen >= waitingMoves[0].after)) {
+    const move = waitingMoves.shift();
+    clearTimeout(move.timer);
+    try {
+      terminals.get(move.id)?.api?.[move.operation]?.();
+    } finally {
+      window.webkit.messageHandlers.keyboardMoved.postMessage(move.number);
+    }
+  }
+}
+for (const type of ['keydown', 'keyup']) {
+  window.addEventListener(type, event => {
+    if (dueAfter) {
+      dueAfter = null;
+      makeDueMoves();
+    }
+    keyEventsSeen += 1;
+    if (!movesAreDue()) return;
+    // A terminal's own handlers may take the keyboard back (its key-up does).
+    if (event.target?.classList?.contains('xterm-helper-textarea')) {
+      dueAfter = type;
+      return;
+    }
+    makeDueMoves();
+  }, true);
+}
 window.harborlattice = {
+  moveKeyboard(number, after, id, operation) {
+    const move = { number, after, id, operation };
+    waitingMoves.push(move);
+    if (keyEventsSeen >= after && waitingMoves.length === 1) {
+      makeDueMoves();
+      return;
+    }
+    move.timer = setTimeout(() => {
+      dueAfter = null;
+      while (waitingMoves.includes(move)) {
+        keyEventsSeen = Math.max(keyEventsSeen, waitingMoves[0].after);
+        makeDueMoves();
+      }
+    }, 500);
+  },
   open(id, rect) {
     if (terminals.has(id)) return;
     const container = document.createElement('div');
@@ -519,12 +670,13 @@ std::string XtermView::htmlNamingScripts(std::string_view css) {
 }
 
 std::string XtermView::html(std::string_view js, std::string_view fit, std::string_view links,
-                            std::string_view search, std::string_view css) {
+                            std::string_view search, std::string_view unicode,
+                            std::string_view css) {
     const std::string script = documentScript();
     std::string document;
     document.reserve(documentHead.size() + css.size() + pageStyle.size() + js.size() +
-                     3 * nextScript.size() + fit.size() + links.size() + search.size() +
-                     ownScriptStart.size() + script.size() + documentTail.size());
+                     4 * nextScript.size() + fit.size() + links.size() + search.size() +
+                     unicode.size() + ownScriptStart.size() + script.size() + documentTail.size());
     document += documentHead;
     document += css;
     document += pageStyle;
@@ -535,6 +687,8 @@ std::string XtermView::html(std::string_view js, std::string_view fit, std::stri
     document += links;
     document += nextScript;
     document += search;
+    document += nextScript;
+    document += unicode;
     document += ownScriptStart;
     document += script;
     document += documentTail;

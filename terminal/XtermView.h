@@ -9,6 +9,10 @@
 //   close(id)        disposes of it and removes its container
 //   terminal(id)     its interface (writeBase64, focus, blur, search,
 //                    clearSearch, paste, selectAll, setFontSize), or undefined
+//   moveKeyboard(number, after, id, operation)
+//                    runs the terminal's "focus" or "blur" once the page has
+//                    seen `after` key events (presses and releases) since it
+//                    loaded, and then posts "keyboardMoved" (number)
 // and posts "loaded" ('') once, when `window.harborlattice` is in place. Every
 // terminal posts { pane: id, body } on "input", "resize", "openLink", "ready"
 // (when it is set up), "title", "bell", "selection", "pastePrimary", "link"
@@ -61,18 +65,19 @@ std::string theme();
 }  // namespace XtermConfiguration
 
 struct XtermView {
-    // The whole document for the contents of the five assets, which are put in
+    // The whole document for the contents of the six assets, which are put in
     // as they are.
     static std::string html(std::string_view js, std::string_view fit, std::string_view links,
-                            std::string_view search, std::string_view css);
+                            std::string_view search, std::string_view unicode,
+                            std::string_view css);
 
-    // The same document with the four scripts named by their asset names
+    // The same document with the five scripts named by their asset names
     // (relative addresses, loaded in order from the document's own origin)
     // instead of written out: pages of one origin then share one copy of them.
     static std::string htmlNamingScripts(std::string_view css);
     // The asset names of the scripts, in the order the document runs them.
-    static constexpr std::array<std::string_view, 4> scriptAssets{
-        "xterm.js", "addon-fit.js", "addon-web-links.js", "addon-search.js"};
+    static constexpr std::array<std::string_view, 5> scriptAssets{
+        "xterm.js", "addon-fit.js", "addon-web-links.js", "addon-search.js", "addon-unicode11.js"};
 
     // The document's own script: defines `window.harborlattice` and posts "loaded".
     static std::string documentScript();

@@ -130,6 +130,8 @@ class WorkspaceStore : public QObject {
     void closeSelectedPane();
     void closeTab(const QUuid& id);
     bool renameProject(const QString& id, const QString& name);
+    // Gives one tab the title the user typed (trimmed); a blank one is refused.
+    bool renameTab(const QUuid& id, const QString& title);
     bool removeProject(const QString& id);
     void search(bool backwards = false);
     void clearError();

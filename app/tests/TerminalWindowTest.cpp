@@ -12,7 +12,9 @@
 #include <QLineEdit>
 #include <QMenu>
 #include <QPointer>
+#include <QScrollArea>
 #include <QTest>
+#include <QToolButton>
 #include <QWebEnginePage>
 #include <QWebEngineView>
 
@@ -28,10 +30,12 @@
 
 #include "AppTestSupport.h"
 #include "ContentView.h"
+#include "ElidedLabel.h"
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
 #include "RunningApp.h"
 #include "TerminalCommands.h"
+#include "TerminalPaneView.h"
 #include "TerminalWorkspaceView.h"
 #include "XtermWebView.h"
 
@@ -213,6 +217,22 @@ TEST(TerminalWindowTest, CopyPasteMenuFindAndACrashedRenderer) {
     }
     EXPECT_EQ(entries, QStringList({"Copy", "Paste", "Select All", "Find…"}));
     delete menu;
+    // Over a link it offers to open it or copy its address.
+    evaluate(view, "window.webkit.messageHandlers.link.postMessage({pane: '" +
+                       view.pane.toString(QUuid::WithoutBraces) +
+                       "', body: 'https://harborlattice.test/a?b=1'})");
+    ASSERT_TRUE(spinUntil([&] { return !view.coordinator->hoveredLink().isEmpty(); }, 5s));
+    menu = view.view->contextMenu({10, 10});
+    ASSERT_NE(menu, nullptr);
+    entries.clear();
+    for (auto* action : menu->actions()) {
+        if (!action->isSeparator()) entries << action->text();
+    }
+    EXPECT_EQ(entries, QStringList({"Copy", "Paste", "Select All", "Find…", "Open Link",
+                                    "Copy Link Address"}));
+    menu->actions().last()->trigger();
+    EXPECT_EQ(QGuiApplication::clipboard()->text(), "https://harborlattice.test/a?b=1");
+    delete menu;
     EXPECT_EQ(view.view->webView()->contextMenuPolicy(), Qt::CustomContextMenu);
 
     // Find from the keyboard; a terminal that comes up meanwhile leaves the field alone.
@@ -333,6 +353,154 @@ TEST(TerminalWindowTest, FontZoomIsKeptAcrossARestart) {
     again.press(Qt::Key_0, Qt::ControlModifier);
     EXPECT_EQ(hl::XtermWebView::fontSize(), hl::XtermWebView::defaultFontSize);
     EXPECT_TRUE(spinUntil([&] { return evaluate(view, "terminal.options.fontSize") == "13"; }));
+}
+
+}  // namespace
+
+namespace {
+
+// The strip's entry of the selected tab: its select button or its rename field.
+QWidget* tabEntry(RunningApp& run, const QString& objectName) {
+    const QString entry =
+        "tab." + run.workspace().selectedTabID().value_or(QUuid()).toString(QUuid::WithoutBraces);
+    for (auto* each : run.window.findChildren<QWidget*>(entry)) {
+        if (auto* found = hl::apptest::find(each, objectName)) return found;
+    }
+    return nullptr;
+}
+
+void typeIntoWindow(RunningApp& run, const QString& text) {
+    for (const QChar character : text)
+        QTest::keyClick(run.window.windowHandle(), character.toLatin1());
+}
+
+// A tab's label follows its terminal's title until the user renames it; the
+// rename field has the keyboard (nothing reaches the shell), Enter keeps the
+// name, Escape drops it, and the keyboard goes back to the terminal.
+TEST(TerminalWindowTest, ARenamedTabKeepsItsNameAndTheFieldKeepsTheKeys) {
+    RunningApp run;
+    run.workspace().createScratchTerminal();
+    auto* first = run.selected();
+    ASSERT_TRUE(connected(first));
+    const Terminal view = run.view(first);
+    ASSERT_TRUE(spinUntil([&] { return view.isReady(); }, 30s));
+    view.coordinator->takeKeyboard();
+    type(first, "printf '\\033]2;job-%s\\007' $((2*3))\r");
+    const auto label = [&] {
+        auto* select = qobject_cast<QToolButton*>(tabEntry(run, "tab.select"));
+        return select ? select->text() : QString();
+    };
+    EXPECT_TRUE(spinUntil([&] { return label() == "job-6"; })) << label().toStdString();
+
+    QTest::mouseDClick(tabEntry(run, "tab.select"), Qt::LeftButton);
+    QLineEdit* field = nullptr;
+    ASSERT_TRUE(spinUntil([&] {
+        field = qobject_cast<QLineEdit*>(tabEntry(run, "tab.rename"));
+        return field && QApplication::focusWidget() == field;
+    })) << "the field has the keyboard";
+    EXPECT_EQ(field->selectedText(), "Scratch");
+    typeIntoWindow(run, "build");
+    QTest::keyClick(run.window.windowHandle(), Qt::Key_Return);
+    EXPECT_TRUE(spinUntil([&] { return run.workspace().selectedTab()->title() == "build"; }));
+    EXPECT_TRUE(spinUntil([&] { return label() == "build"; })) << label().toStdString();
+
+    QTest::mouseDClick(tabEntry(run, "tab.select"), Qt::LeftButton);
+    ASSERT_TRUE(
+        spinUntil([&] { return QApplication::focusWidget() == tabEntry(run, "tab.rename"); }));
+    typeIntoWindow(run, "zzz");
+    QTest::keyClick(run.window.windowHandle(), Qt::Key_Escape);
+    EXPECT_TRUE(spinUntil([&] { return tabEntry(run, "tab.rename") == nullptr; }));
+    EXPECT_EQ(run.workspace().selectedTab()->title(), "build");
+    EXPECT_EQ(label(), "build");
+
+    // The keyboard is the terminal's again.
+    ASSERT_TRUE(spinUntil([&] {
+        return QApplication::focusWidget() && view.view->isAncestorOf(QApplication::focusWidget());
+    }));
+    spinFor(300ms);
+    typeIntoWindow(run, "echo back-$((1+1))");
+    QTest::keyClick(run.window.windowHandle(), Qt::Key_Return);
+    EXPECT_TRUE(screenShows(view, "back-2")) << screenText(view).toStdString();
+    const QString screen = screenText(view);
+    EXPECT_FALSE(screen.contains("build")) << screen.toStdString();
+    EXPECT_FALSE(screen.contains("zzz")) << screen.toStdString();
+}
+
+// At 800x600 every tab can be reached: the selected one is always in view.
+TEST(TerminalWindowTest, TheSelectedTabIsInViewInANarrowWindow) {
+    RunningApp run;
+    run.window.resize(800, 600);
+    run.workspace().createScratchTerminal();
+    for (int i = 0; i < 7; ++i)
+        run.workspace().newTerminal();
+    auto* strip = run.window.findChild<QScrollArea*>("tabs.strip");
+    ASSERT_NE(strip, nullptr);
+    for (int i = 0; i < 8; ++i) {
+        run.workspace().selectAdjacentTab(i < 4 ? -1 : 1);
+        QWidget* selected = nullptr;
+        EXPECT_TRUE(spinUntil([&] {
+            selected = tabEntry(run, "tab.select");
+            if (!selected) return false;
+            const QRect inViewport(selected->mapTo(strip->viewport(), QPoint(0, 0)),
+                                   selected->size());
+            return strip->viewport()->rect().contains(inViewport);
+        })) << i;
+    }
+    hl::apptest::saveScreenshot(&run.window, "tab-strip-800x600");
+}
+
+// Keys typed after the last pane has closed reach nothing: not the empty
+// page's button, which would open a new terminal.
+TEST(TerminalWindowTest, KeysAfterTheLastPaneClosedReachNothing) {
+    RunningApp run;
+    run.workspace().createScratchTerminal();
+    auto* only = run.selected();
+    ASSERT_TRUE(connected(only));
+    const Terminal view = run.view(only);
+    ASSERT_TRUE(spinUntil([&] { return view.isReady(); }, 30s));
+    view.coordinator->takeKeyboard();
+    ASSERT_TRUE(spinUntil([&] {
+        return QApplication::focusWidget() && view.view->isAncestorOf(QApplication::focusWidget());
+    }));
+    run.press(Qt::Key_W, Qt::ControlModifier | Qt::ShiftModifier);
+    ASSERT_TRUE(spinUntil([&] { return run.workspace().visibleTabs().empty(); }));
+    spinFor(200ms);
+    ASSERT_NE(QApplication::focusWidget(), hl::apptest::find(&run.window, "empty.action"));
+    typeIntoWindow(run, "x ");
+    QTest::keyClick(run.window.windowHandle(), Qt::Key_Return);
+    QTest::keyClick(run.window.windowHandle(), Qt::Key_Space);
+    spinFor(300ms);
+    EXPECT_TRUE(run.workspace().visibleTabs().empty());
+    EXPECT_EQ(run.workspace().selectedTab(), nullptr);
+}
+
+// The footer follows the shell's directory as the node reports it: below the
+// pane's folder it is inside, elsewhere it says that the shell starts fresh
+// after a restart.
+TEST(TerminalWindowTest, TheFooterShowsWhereTheShellIs) {
+    RunningApp run;
+    run.workspace().createScratchTerminal();
+    auto* shell = run.selected();
+    ASSERT_TRUE(connected(shell));
+    const QString folder = run.workspace().selectedTab()->panes().front()->context().cwd;
+    auto* footer = hl::apptest::find<hl::ElidedLabel>(&run.window, "pane.cwd");
+    ASSERT_NE(footer, nullptr);
+    EXPECT_TRUE(spinUntil([&] { return footer->fullText() == folder; }))
+        << footer->fullText().toStdString();
+    type(shell, "mkdir -p inner/deeper && cd inner/deeper\r");
+    EXPECT_TRUE(spinUntil([&] { return footer->fullText() == folder + "/inner/deeper"; }))
+        << footer->fullText().toStdString();
+    type(shell, "cd /tmp\r");
+    EXPECT_TRUE(spinUntil([&] {
+        return footer->fullText() == "/tmp" + hl::TerminalPaneView::shellOutsideFolderNote;
+    })) << footer->fullText().toStdString();
+    EXPECT_TRUE(
+        footer->fullText().endsWith(" · outside the pane's folder · starts fresh after a restart"));
+    type(shell, "cd -\r");
+    EXPECT_TRUE(spinUntil([&] { return footer->fullText() == folder + "/inner/deeper"; }))
+        << footer->fullText().toStdString();
+    EXPECT_TRUE(hl::TerminalPaneView::isInsideFolder("/a/b", "/a/b/"));
+    EXPECT_FALSE(hl::TerminalPaneView::isInsideFolder("/a/bc", "/a/b"));
 }
 
 }  // namespace

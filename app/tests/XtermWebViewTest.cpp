@@ -205,6 +205,91 @@ TEST(XtermWebViewTest, KeysReachTheirShellAndOutputItsTerminalInADocumentOfTwo) 
     right->close();
 }
 
+// Keys go to the pane that was selected when they were pressed, in order,
+// while another pane of the same document receives a flood of output: a
+// switch between panes takes effect between two keys, never inside a word.
+TEST(XtermWebViewTest, KeysFollowThePaneSelectedWhenTheyWerePressedDuringAFlood) {
+    hl::node::testing::NodeHarness node;
+    QObject owner;
+    hl::TerminalController* busy = makeController(node, &owner);
+    hl::TerminalController* quiet = makeController(node, &owner);
+    const QUuid busyPane = QUuid::createUuid();
+    const QUuid quietPane = QUuid::createUuid();
+    hl::XtermWebView view;
+    view.open(busyPane, busy);
+    view.open(quietPane, quiet);
+    view.place(busyPane, QRect(0, 0, 446, 500));
+    view.place(quietPane, QRect(454, 0, 446, 500));
+    view.resize(900, 500);
+    view.show();
+    QApplication::setActiveWindow(&view);
+    EXPECT_TRUE(QTest::qWaitForWindowActive(&view));
+    for (auto* controller : {busy, quiet}) {
+        ASSERT_TRUE(spinUntil([&] { return !history(*controller).empty(); }))
+            << "the shell's prompt";
+    }
+    view.webView()->setFocus();
+    busy->requestFocus();
+    QWidget* target = view.webView()->focusProxy() ? view.webView()->focusProxy() : view.webView();
+    QTest::keyClicks(target, "clear; seq 1 1000000; echo flood-$((40+2))");
+    QTest::keyClick(target, Qt::Key_Return);
+    ASSERT_TRUE(spinUntil([&] { return busy->rendererHistoryBytes() > 1000000; }))
+        << "the flood has begun: " << history(*busy);
+
+    // Each round: select the quiet pane, type a command into it at once,
+    // select the busy pane again and type a comment there.
+    for (int round = 0; round < 6; ++round) {
+        busy->resignFocus();
+        quiet->requestFocus();
+        QTest::keyClicks(target, QStringLiteral("echo routed-%1-abcdefghijklmnop").arg(round));
+        QTest::keyClick(target, Qt::Key_Return);
+        quiet->resignFocus();
+        busy->requestFocus();
+        QTest::keyClicks(target, "#x");
+    }
+    // The end of the busy pane's output, which the flood keeps short of the cap.
+    const auto recentOutput = [&] {
+        const auto chunks = busy->rendererHistory();
+        QByteArray bytes;
+        for (auto chunk = chunks.size() > 8 ? chunks.end() - 8 : chunks.begin();
+             chunk != chunks.end(); ++chunk) {
+            bytes += QByteArray::fromBase64(QByteArray::fromStdString(*chunk));
+        }
+        return bytes.toStdString();
+    };
+    ASSERT_TRUE(
+        spinUntil([&] { return recentOutput().find("flood-42\r\n") != std::string::npos; }, 120s))
+        << "the flood ended";
+    ASSERT_TRUE(spinUntil([&] {
+        return history(*quiet).find("routed-5-abcdefghijklmnop\r\n") != std::string::npos;
+    })) << history(*quiet);
+    QTest::qWait(300);
+    const std::string quietOutput = history(*quiet);
+    for (int round = 0; round < 6; ++round) {
+        // The command's line and its output, whole.
+        const std::string line = "routed-" + std::to_string(round) + "-abcdefghijklmnop\r\n";
+        const auto command = quietOutput.find("echo " + line);
+        ASSERT_NE(command, std::string::npos) << round << quietOutput;
+        EXPECT_NE(quietOutput.find(line, command + 5 + line.size()), std::string::npos)
+            << round << quietOutput;
+    }
+    EXPECT_EQ(quietOutput.find("#x"), std::string::npos) << quietOutput;
+    EXPECT_EQ(quietOutput.find("not found"), std::string::npos) << quietOutput;
+    // What was typed into the busy pane meanwhile waits for its shell, in order.
+    EXPECT_TRUE(spinUntil(
+        [&] {
+            const std::string output = recentOutput();
+            return output.find("#x#x#x#x#x#x", output.find("flood-42\r\n")) != std::string::npos;
+        },
+        10s))
+        << recentOutput();
+    const std::string typedAhead = recentOutput();
+    EXPECT_EQ(typedAhead.find("routed-", typedAhead.find("flood-42\r\n")), std::string::npos)
+        << typedAhead;
+    busy->close();
+    quiet->close();
+}
+
 // Pages that start together wait for the first to load, and then find its
 // scripts in the renderer instead of each fetching its own copy; they ask for
 // nothing else.
@@ -233,7 +318,8 @@ TEST(XtermWebViewTest, PagesStartedTogetherFetchTheScriptsOnce) {
     for (const QUrl& url : requests.urls())
         ++asked[url.toString()];
     std::map<QString, int> expected{{documentUrl.toString(), 3}};
-    for (const char* script : {"xterm.js", "addon-fit.js", "addon-web-links.js", "addon-search.js"})
+    for (const char* script : {"xterm.js", "addon-fit.js", "addon-web-links.js", "addon-search.js",
+                               "addon-unicode11.js"})
         expected[documentUrl.resolved(QUrl(script)).toString()] = 1;
     EXPECT_EQ(asked, expected);
 }

@@ -18,8 +18,9 @@ using hl::test::TempDir;
 
 namespace {
 
-constexpr std::array<std::string_view, 5> assetNames{
-    "xterm.js", "addon-fit.js", "addon-web-links.js", "addon-search.js", "xterm.css"};
+constexpr std::array<std::string_view, 6> assetNames{"xterm.js",           "addon-fit.js",
+                                                     "addon-web-links.js", "addon-search.js",
+                                                     "addon-unicode11.js", "xterm.css"};
 
 void writeFile(const fs::path& path, std::string_view text) {
     fs::create_directories(path.parent_path());

@@ -391,7 +391,7 @@ TEST_F(ControllerTest, AnExitedShellShowsItsLastOutputAndIsPolledNoMore) {
     RecordingSurface surface;
     polled.setSurface(&surface);
     polled.start();
-    ASSERT_TRUE(reaches("Exited"));
+    ASSERT_TRUE(reaches("Exited · press Enter to start a new shell"));
     EXPECT_EQ(surface.shown, "bye\r\n");
     EXPECT_FALSE(polled.isConnected());
     EXPECT_FALSE(polled.isPolling());
@@ -401,7 +401,7 @@ TEST_F(ControllerTest, AnExitedShellShowsItsLastOutputAndIsPolledNoMore) {
     replayWith("/w", "last words", true);
     auto& reattached = make({.sessionID = "s1"});
     reattached.start();
-    ASSERT_TRUE(reaches("Exited"));
+    ASSERT_TRUE(reaches("Exited · press Enter to start a new shell"));
     EXPECT_FALSE(reattached.isConnected());
     EXPECT_EQ(reattached.sessionID(), "s1");
     EXPECT_EQ(ready, (std::vector<std::string>{"new1", "s1"}));

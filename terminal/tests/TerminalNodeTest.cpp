@@ -126,17 +126,41 @@ TEST_F(RealNodeTest, OneSessionTypedIntoReattachedElsewhereAndEndedByItsShell) {
     EXPECT_FALSE(secondSurface.offMainThread);
     EXPECT_TRUE(closeRequired.empty());
 
-    // The shell ends: the polling stops, and the pane still closes its session.
-    type(second, "echo goodbye; exit\r");
-    ASSERT_TRUE(spinUntil([&] { return second.status() == "Exited"; }));
+    // The node tells where the shell is.
+    EXPECT_TRUE(spinUntil([&] { return second.shellDirectory() == QString::fromStdString(cwd); }))
+        << second.shellDirectory().toStdString();
+    type(second, "cd /tmp\r");
+    EXPECT_TRUE(spinUntil([&] { return second.shellDirectory() == "/tmp"; }))
+        << second.shellDirectory().toStdString();
+
+    // The shell ends: the polling stops, the status gives its exit status, and
+    // only Enter starts a new shell, in the pane's directory; the ended
+    // session is handed over to be closed.
+    type(second, "echo goodbye; exit 3\r");
+    ASSERT_TRUE(spinUntil([&] {
+        return second.status() == "Exited (status 3) · press Enter to start a new shell";
+    })) << second.status().toStdString();
     EXPECT_FALSE(second.isConnected());
     EXPECT_FALSE(second.isPolling());
+    EXPECT_TRUE(second.shellDirectory().isEmpty());
     EXPECT_NE(secondSurface.shown.find("goodbye"), std::string::npos);
     const int polls = counting->count("poll");
+    type(second, "ls");
     spinFor(500ms);  // more than two idle intervals
     EXPECT_EQ(counting->count("poll"), polls);
-    second.close();
+    EXPECT_EQ(second.sessionID(), saved);
+    EXPECT_TRUE(closeRequired.empty());
+    type(second, "\r");
+    ASSERT_TRUE(spinUntil([&] { return second.status() == "Connected"; }))
+        << second.status().toStdString();
+    EXPECT_NE(second.sessionID(), saved);
+    EXPECT_FALSE(second.isReplacementSession());
     EXPECT_EQ(closeRequired, std::vector<std::string>{*saved});
+    type(second, "echo again-$PWD\r");
+    EXPECT_TRUE(shows(secondSurface, "again-" + cwd + "\r\n")) << secondSurface.shown;
+    const auto fresh = second.sessionID();
+    second.close();
+    EXPECT_EQ(closeRequired, (std::vector<std::string>{*saved, *fresh}));
 }
 
 TEST_F(RealNodeTest, NodeStartedAgainAfterItDiedGetsAValidatedReplacement) {

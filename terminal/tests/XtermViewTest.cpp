@@ -24,16 +24,19 @@ TEST(XtermViewTest, BothDocumentsRunTheAssetsUnalteredInOrderAndTheirOwnScriptLa
     const std::string fit = std::string("fit\0with a NUL", 14);
     const std::string links = "%s %d $& \\u0000";
     const std::string search = "";
+    const std::string unicode =
+        "</scr"
+        "ipt-like";
     const std::string css = ".xterm { content: \"\\2026\"; }\n";
     const std::string ownScript = XtermView::documentScript() + "</script></body></html>";
 
-    const std::string withContents = XtermView::html(js, fit, links, search, css);
+    const std::string withContents = XtermView::html(js, fit, links, search, unicode, css);
     const std::string naming = XtermView::htmlNamingScripts(css);
     for (const std::string* document : {&withContents, &naming}) {
         std::size_t at = positionOf(*document, "<style>\n" + css, 0);
         at = positionOf(*document, "</style></head><body>", at);
         if (document == &withContents) {
-            for (const std::string* asset : {&js, &fit, &links, &search})
+            for (const std::string* asset : {&js, &fit, &links, &search, &unicode})
                 at = positionOf(*document, "<script>" + *asset + "</script>", at);
         } else {
             for (const std::string_view name : XtermView::scriptAssets)

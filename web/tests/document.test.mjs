@@ -35,10 +35,14 @@ function recordPosts() {
   window.recordedPosts = posts;
   window.webkit = { messageHandlers: {} };
   const functions = (object, names) => names.every((name) => typeof object?.[name] === 'function');
-  for (const name of ['loaded', 'input', 'resize', 'openLink', 'ready', 'title', 'bell', 'selection',
+  for (const name of ['loaded', 'keyboardMoved', 'input', 'resize', 'openLink', 'ready', 'title', 'bell', 'selection',
     'pastePrimary', 'link', 'searchResults']) {
     window.webkit.messageHandlers[name] = {
       postMessage(message) {
+        if (name === 'keyboardMoved') {
+          posts.push({ name, body: message });
+          return;
+        }
         if (name === 'loaded') {
           posts.push({ name, body: message, inPlace: {
             host: functions(window.harborlattice, ['open', 'place', 'close', 'terminal']),
@@ -358,6 +362,21 @@ describe('terminal events', () => {
     assert.equal(await page.evaluate(cursorOff), false);
   });
 
+  test('a bell flashes the terminal for a moment; a replayed one does not', async () => {
+    const flashes = () => page.evaluate(() => new Promise((resolve) => {
+      const container = document.querySelector('[data-pane="a"]');
+      let seen = false;
+      const observer = new MutationObserver(() => { seen ||= container.classList.contains('bell-flash'); });
+      observer.observe(container, { attributes: true });
+      window.harborlattice.terminal('a').writeBase64(btoa('\x07'), false);
+      setTimeout(() => { observer.disconnect(); resolve([seen, container.classList.contains('bell-flash')]); }, 400);
+    }));
+    assert.deepEqual(await flashes(), [true, false]);
+    await write('\x07', true);
+    await page.waitForTimeout(50);
+    assert.equal(await page.evaluate(() => document.querySelector('[data-pane="a"]').classList.contains('bell-flash')), false);
+  });
+
   test('a middle click asks for the primary selection unless a program follows the mouse', async () => {
     const box = await page.locator('.terminal .xterm-screen').boundingBox();
     const middleClick = () => page.mouse.click(box.x + 40, box.y + 10, { button: 'middle' });
@@ -384,6 +403,49 @@ describe('terminal events', () => {
   });
 });
 
+describe('sizes', () => {
+  test('the shell learns a size once it has stopped changing, and the screen is painted whole', async () => {
+    await clearPosts();
+    const started = Date.now();
+    for (let step = 0; step < 15; step += 1) {
+      await page.evaluate((width) => window.harborlattice.place('a', { left: 0, top: 0, width, height: 400 }),
+        400 + step * 20);
+      await page.waitForTimeout(40);
+    }
+    const during = (await posts()).filter((post) => post.name === 'resize');
+    assert.deepEqual(during, [], 'nothing while the size changes');
+    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'resize'));
+    await page.waitForTimeout(300);
+    const cols = await page.evaluate(() => terminalOf('a').cols);
+    assert.deepEqual((await posts()).filter((post) => post.name === 'resize').map((post) => post.body),
+      [{ cols, rows: await page.evaluate(() => terminalOf('a').rows) }]);
+    assert.ok(Date.now() - started > 15 * 40);
+  });
+});
+
+describe('widths', () => {
+  test('every character takes as many cells as the C library\'s wcwidth says', async () => {
+    const codes = [0x1F680, 0x1F600, 0x1F44D, 0x1F9D1, 0x231A, 0x2764, 0x4E2D, 0xAC00, 0x3000,
+      0xFF71, 0xE9, 0x301, 0x200B, 0x1F1EF];
+    const wcwidth = JSON.parse(execFileSync('python3', ['-c', `
+import ctypes, json, locale
+locale.setlocale(locale.LC_ALL, 'C.UTF-8')
+libc = ctypes.CDLL('libc.so.6')
+print(json.dumps([libc.wcwidth(code) for code in ${JSON.stringify(codes)}]))`]).toString());
+    const cells = [];
+    for (const code of codes) {
+      await write(`\r${ESC}[Ka${String.fromCodePoint(code)}`);
+      cells.push(await page.evaluate(() => terminalOf('a').buffer.active.cursorX - 1));
+    }
+    assert.deepEqual(cells.map((width, index) => [codes[index].toString(16), width]),
+      wcwidth.map((width, index) => [codes[index].toString(16), width]));
+    // Three rockets and a bar: the bar in the seventh cell, where the shell puts it.
+    await write(`\r${ESC}[K\u{1F680}\u{1F680}\u{1F680}|`);
+    assert.equal(await page.evaluate(() => terminalOf('a').buffer.active.getLine(
+      terminalOf('a').buffer.active.cursorY + terminalOf('a').buffer.active.baseY).getCell(6).getChars()), '|');
+  });
+});
+
 describe('links', () => {
   // The middle of a cell of terminal 'a', in page coordinates.
   async function cellCentre(column, row) {
@@ -392,6 +454,43 @@ describe('links', () => {
     const cell = { width: box.width / size.cols, height: box.height / size.rows };
     return { x: box.x + (column + 0.5) * cell.width, y: box.y + (row + 0.5) * cell.height };
   }
+
+  test('a link opens on Ctrl+click or a still plain click, never on a drag, double click or other button', async () => {
+    const url = 'https://harborlattice.test/rules';
+    await write(`go ${url} now`);
+    await clearPosts();
+    const opened = async () => (await posts()).filter((post) => post.name === 'openLink').map((post) => post.body);
+    const start = await cellCentre(3 + 12, 0);
+    const hover = async () => {
+      await page.mouse.move(start.x, start.y + 1);
+      await page.mouse.move(start.x, start.y);
+      await page.waitForFunction(() => window.recordedPosts.findLast((post) => post.name === 'link')?.body !== '');
+    };
+    // A drag that selects part of the link, a double click, a right click.
+    await hover();
+    const end = await cellCentre(3 + 20, 0);
+    await page.mouse.down();
+    await page.mouse.move(end.x, end.y, { steps: 5 });
+    await page.mouse.up();
+    assert.ok(await page.evaluate(() => terminalOf('a').hasSelection()), 'the drag selected');
+    await hover();
+    await page.mouse.dblclick(start.x, start.y);
+    await hover();
+    await page.mouse.click(start.x, start.y, { button: 'right' });
+    await page.waitForTimeout(700);
+    assert.deepEqual(await opened(), []);
+    // Ctrl+click opens at once; a plain click once no second click followed.
+    await page.evaluate(() => terminalOf('a').clearSelection());
+    await hover();
+    await page.keyboard.down('Control');
+    await page.mouse.click(start.x, start.y);
+    await page.keyboard.up('Control');
+    assert.deepEqual(await opened(), [url]);
+    await hover();
+    await page.mouse.click(start.x, start.y);
+    await page.waitForFunction((count) => window.recordedPosts.filter((post) => post.name === 'openLink').length > count, 1);
+    assert.deepEqual(await opened(), [url, url]);
+  });
 
   test('a plain link and one a program embeds (OSC 8) are hovered, posted as "openLink" and opened nowhere', async () => {
     const plain = 'https://harborlattice.test/docs?topic=links';
@@ -440,20 +539,30 @@ describe('terminals side by side', () => {
       window.harborlattice.place('a', { left: 0, top: 0, width: 400, height: 400 });
       window.harborlattice.place('b', { left: 400, top: 100, width: 400, height: 300 });
     });
-    await page.waitForFunction(() => window.recordedPosts.some((post) => post.name === 'resize' && post.pane === 'b'));
+    await page.waitForFunction(() => ['a', 'b'].every((pane) =>
+      window.recordedPosts.some((post) => post.name === 'resize' && post.pane === pane)));
     const colsA = await page.evaluate(() => terminalOf('a').cols);
     assert.ok(colsA > 10 && colsA < colsBefore, `${colsA} against ${colsBefore}`);
     assert.deepEqual([await resizes('a'), await resizes('b')], [[colsA], [colsA]]);
     const boxB = await page.locator('[data-pane="b"] .xterm-screen').boundingBox();
     assert.deepEqual([boxB.x, boxB.y], [400, 100]);
 
+    // A move of the keyboard waits until the page has seen the key events
+    // sent before it (a press and a release each), or half a second at most.
     await clearPosts();
-    await page.evaluate(() => window.harborlattice.terminal('b').focus());
-    await page.keyboard.type('x');
-    await page.evaluate(() => window.harborlattice.terminal('a').focus());
-    await page.keyboard.type('y');
-    assert.deepEqual((await posts()).filter((post) => post.name === 'input')
-      .map((post) => [post.pane, post.body]), [['b', 'x'], ['a', 'y']]);
+    await page.evaluate(() => {
+      window.harborlattice.moveKeyboard(1, 0, 'b', 'focus');
+      window.harborlattice.moveKeyboard(2, 4, 'a', 'focus');
+    });
+    await page.keyboard.type('xy');
+    await page.keyboard.type('z');
+    await page.evaluate(() => window.harborlattice.moveKeyboard(3, 100, 'b', 'focus'));
+    await page.keyboard.type('v');
+    await page.waitForTimeout(700);
+    await page.keyboard.type('w');
+    assert.deepEqual((await posts()).filter((post) => ['input', 'keyboardMoved'].includes(post.name))
+      .map((post) => [post.pane ?? 'moved', post.body]),
+    [['moved', 1], ['b', 'x'], ['b', 'y'], ['moved', 2], ['a', 'z'], ['a', 'v'], ['moved', 3], ['b', 'w']]);
 
     // Output after a keystroke is parsed at once, later output in a task of its own.
     await write('only in a');

@@ -10,10 +10,10 @@
 int main() {
     try {
         const hl::TerminalAssetLocator locator;
-        const std::string document =
-            hl::XtermView::html(locator.contents("xterm.js"), locator.contents("addon-fit.js"),
-                                locator.contents("addon-web-links.js"),
-                                locator.contents("addon-search.js"), locator.contents("xterm.css"));
+        const std::string document = hl::XtermView::html(
+            locator.contents("xterm.js"), locator.contents("addon-fit.js"),
+            locator.contents("addon-web-links.js"), locator.contents("addon-search.js"),
+            locator.contents("addon-unicode11.js"), locator.contents("xterm.css"));
         std::fwrite(document.data(), 1, document.size(), stdout);
         return std::fflush(stdout) == 0 ? 0 : 1;
     } catch (const std::system_error& error) {
