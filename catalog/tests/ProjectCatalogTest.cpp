@@ -39,16 +39,12 @@ class ProjectCatalogTest : public ::testing::Test {
     std::shared_ptr<hl::Preferences> prefs;
 };
 
-TEST_F(ProjectCatalogTest, FirstStartStoresAnEmptyList) {
+TEST_F(ProjectCatalogTest, FirstStartStoresAnEmptyListThenAddRenameRemoveAndSelect) {
     ProjectCatalog catalog(prefs);
     EXPECT_TRUE(catalog.projects().empty());
     EXPECT_TRUE(catalog.isReadable());
     EXPECT_EQ(catalog.selectedProjectID(), std::nullopt);
     EXPECT_EQ(stored(), "[]");
-}
-
-TEST_F(ProjectCatalogTest, AddRenameRemoveAndSelect) {
-    ProjectCatalog catalog(prefs);
     int changes = 0;
     catalog.onChange = [&] { ++changes; };
     auto alpha = catalog.add("", folder("alpha"));

@@ -112,8 +112,6 @@ TEST_F(ProjectCopyControllerTest, CopyCompletesWithProgressAndLandsInPlace) {
     EXPECT_EQ(controller.phase(), Phase::Preparing);
     EXPECT_EQ(controller.detail(), "Checking Test Origin…");
     EXPECT_TRUE(controller.isPresented());
-    controller.dismiss();  // nothing while running
-    EXPECT_TRUE(controller.isPresented());
     ASSERT_TRUE(finishes());
     ASSERT_EQ(controller.phase(), Phase::Complete) << controller.detail().toStdString();
     EXPECT_EQ(controller.detail(), "Copied to " + source.origin->root);
@@ -124,6 +122,7 @@ TEST_F(ProjectCopyControllerTest, CopyCompletesWithProgressAndLandsInPlace) {
     EXPECT_EQ(test::readFile(local(name) / "blob5"), test::readFile(remote(name) / "blob5"));
     EXPECT_EQ(test::readFile(local(name) / "src" / "deep dir" / "main.c"), "int main() {}\n");
     EXPECT_FALSE(fs::exists(staging(source)));
+    // (Dismissing while running is refused: driven through the sheet, ProjectCopySheetTest.)
     controller.dismiss();
     EXPECT_FALSE(controller.isPresented());
     EXPECT_EQ(controller.phase(), Phase::Idle);

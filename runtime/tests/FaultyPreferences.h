@@ -1,8 +1,12 @@
 // FaultyPreferences: a preference store that fails on demand, in front of a real
 // one. Reads of chosen keys fail (as a busy or broken database answers) or come
-// back as damaged rows; writes fail everywhere or for chosen keys. Everything
-// else reaches the real store, so the bytes on disk can be compared afterwards.
+// back as damaged rows; writes of chosen keys fail. Everything else reaches the
+// real store, so the bytes on disk can be compared afterwards. And the real fault
+// of a busy database: another connection that holds its write lock.
 #pragma once
+
+#include <gtest/gtest.h>
+#include <sqlite3.h>
 
 #include <memory>
 #include <set>
@@ -19,8 +23,7 @@ class FaultyPreferences final : public Preferences {
     // Keys whose reads fail, or read as rows this version cannot decode.
     std::set<std::string> failingReads;
     std::set<std::string> damagedReads;
-    // Every write fails, or writes of the chosen keys do.
-    bool allWritesFail = false;
+    // Writes of these keys fail.
     std::set<std::string> failingWrites;
 
     const std::string& domain() const override { return real_->domain(); }
@@ -41,28 +44,44 @@ class FaultyPreferences final : public Preferences {
         return result;
     }
     bool set(const std::string& key, const PreferenceValue& value) override {
-        if (allWritesFail || failingWrites.count(key) != 0) return false;
+        if (failingWrites.count(key) != 0) return false;
         return real_->set(key, value);
     }
     bool remove(const std::string& key) override {
-        if (allWritesFail || failingWrites.count(key) != 0) return false;
+        if (failingWrites.count(key) != 0) return false;
         return real_->remove(key);
     }
     PreferenceDomainRead readDomain(const std::string& name) const override {
         return real_->readDomain(name);
     }
     std::string lastWriteFailure() const override {
-        return allWritesFail || !failingWrites.empty() ? writeFailure : real_->lastWriteFailure();
+        return !failingWrites.empty() ? "database is locked" : real_->lastWriteFailure();
     }
-    bool writeIsPossibleNow() const override {
-        return !allWritesFail && real_->writeIsPossibleNow();
-    }
-
-    // What a refused write says about itself.
-    std::string writeFailure = "database is locked";
+    bool writeIsPossibleNow() const override { return real_->writeIsPossibleNow(); }
 
   private:
     std::shared_ptr<Preferences> real_;
+};
+
+// A second connection that holds the database's write lock until released.
+class WriterHoldingTheLock {
+  public:
+    explicit WriterHoldingTheLock(const std::filesystem::path& file) {
+        EXPECT_EQ(sqlite3_open(file.c_str(), &raw_), SQLITE_OK);
+        EXPECT_EQ(sqlite3_exec(raw_, "BEGIN EXCLUSIVE; UPDATE preferences SET value = value;",
+                               nullptr, nullptr, nullptr),
+                  SQLITE_OK);
+    }
+    ~WriterHoldingTheLock() { release(); }
+    void release() {
+        if (raw_ == nullptr) return;
+        sqlite3_exec(raw_, "ROLLBACK", nullptr, nullptr, nullptr);
+        sqlite3_close(raw_);
+        raw_ = nullptr;
+    }
+
+  private:
+    sqlite3* raw_ = nullptr;
 };
 
 }  // namespace hl::test

@@ -9,15 +9,10 @@
 
 namespace fs = std::filesystem;
 using hl::RuntimePaths;
+using hl::test::modeOf;
 using hl::test::ScopedEnv;
 
 namespace {
-
-unsigned modeOf(const fs::path& path) {
-    struct stat info {};
-    if (::stat(path.c_str(), &info) != 0) return 0;
-    return info.st_mode & 07777;
-}
 
 TEST(RuntimePathsTest, LocationsFollowTheEnvironment) {
     hl::test::TempDir dir;

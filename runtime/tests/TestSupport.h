@@ -42,4 +42,7 @@ bool waitUntil(const std::function<bool()>& condition,
 
 std::string readFile(const std::filesystem::path& path);
 
+// The permission bits of `path` (0 when it cannot be read).
+unsigned modeOf(const std::filesystem::path& path);
+
 }  // namespace hl::test

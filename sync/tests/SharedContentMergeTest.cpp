@@ -29,7 +29,6 @@ SharedProject& project(SharedContent& content, const QString& id) {
     throw std::logic_error("no such project");
 }
 
-// Splits the tab's last pane in two, as "Split Right" or "Split Down" does.
 // The tab of alpha with the given id.
 SharedTab& tabOf(SharedContent& content, const QUuid& id) {
     for (auto& tab : alphaSpace(content).tabs) {

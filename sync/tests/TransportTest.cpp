@@ -168,6 +168,14 @@ void expectNoLostUpdate(const QString& url, hl::SharedStateTransport& transport)
     EXPECT_EQ(stored->revision(), newest->revision());
 }
 
+// Runs the event loop until `condition` holds or `ms` milliseconds have passed.
+bool spinUntil(const std::function<bool()>& condition, int ms) {
+    QDeadlineTimer deadline(ms);
+    while (!condition() && !deadline.hasExpired())
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+    return condition();
+}
+
 }  // namespace
 
 TEST(FolderTransportTest, ExchangesAgainstARealFolder) {
@@ -207,13 +215,10 @@ TEST(FolderTransportTest, AnotherInstancesPublishedRevisionIsSignalledAtOnce) {
         mine.publishChange(mine.exchange(snapshotAt(1000)).revision());
         published = true;
     });
-    QDeadlineTimer deadline(30'000);
-    while ((theirChanges == 0 || !published) && !deadline.hasExpired()) {
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 50);
-    }
+    spinUntil([&] { return theirChanges > 0 && published; }, 30'000);
     saver.join();
     EXPECT_EQ(theirChanges, 1);
-    QCoreApplication::processEvents(QEventLoop::AllEvents, 200);
+    spinUntil([] { return false; }, 200);
     EXPECT_EQ(myChanges, 0) << "an instance is not told of its own revision";
     EXPECT_EQ(theirChanges, 1);
 }
@@ -247,14 +252,6 @@ TEST_F(ApacheTransportTest, ExchangesAgainstModDavWithItsWeakTags) {
     const SharedSnapshot fresh = snapshotAt(8000);
     standIn.transport->exchange(fresh);
     EXPECT_TRUE(etagOf(apache->url(name)).startsWith("W/"));
-}
-
-// Runs the event loop until `condition` holds or `ms` milliseconds have passed.
-bool spinUntil(const std::function<bool()>& condition, int ms) {
-    QDeadlineTimer deadline(ms);
-    while (!condition() && !deadline.hasExpired())
-        QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
-    return condition();
 }
 
 TEST_F(ApacheTransportTest, TheChangeWatcherSignalsAnotherClientsSaveOnly) {

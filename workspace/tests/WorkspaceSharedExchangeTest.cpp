@@ -139,26 +139,13 @@ TEST_F(WorkspaceSharedExchangeTest, PanesThatLeaveAreSuspendedAndComeBackToTheir
     ASSERT_EQ(store->suspendedPanes().size(), 1u);
     EXPECT_EQ(store->suspendedPanes()[0].id, leavingID);
 
-    // Back where it was: a new object on the same session.
-    ASSERT_TRUE(store->applySharedWorkspaces(single, {alpha}).empty());
-    ASSERT_TRUE(store->applySharedWorkspaces(renamed, {alpha}).empty());
-    EXPECT_EQ(allPanes(*store)[0], kept);
-    EXPECT_EQ(allPanes(*store)[1]->sessionID(), leavingSession);
-    EXPECT_EQ(allPanes(*store)[1]->id(), leavingID);
-    EXPECT_TRUE(std::none_of(store->suspendedPanes().begin(), store->suspendedPanes().end(),
-                             [&](const auto& s) { return s.sessionID == leavingSession; }));
-
+    // (Coming back to the same shell, and the removal of the project ending both
+    // shells, run against a real node between two computers: SuspendedPaneTest.)
     // The workspace is gone elsewhere: everything is suspended, nothing is active.
     ASSERT_TRUE(store->applySharedWorkspaces({}, {alpha}).empty());
     EXPECT_TRUE(store->tabs().empty());
     EXPECT_EQ(store->activeWorkspaceID(), std::nullopt);
     EXPECT_EQ(store->suspendedPanes().size(), 2u);
-
-    // Only removing the project here ends the sessions, through the ledger.
-    ASSERT_TRUE(store->removeProject(alpha.id));
-    EXPECT_TRUE(store->suspendedPanes().empty());
-    ASSERT_TRUE(spinUntil([&] { return a.node->sessions().empty(); }))
-        << a.node->sessions().size() << " left of " << a.node->count("create_session");
 }
 
 TEST_F(WorkspaceSharedExchangeTest, ImportsKeepPlacesAndSelectionAndRefuseWhatCannotBeSaved) {
