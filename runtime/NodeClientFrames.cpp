@@ -61,9 +61,8 @@ std::size_t FrameReader::feed(std::string_view bytes) {
                 error_ = *failure;
                 break;
             }
+            // Storage grows with what arrives, not with what a prefix announces.
             std::tie(headWanted_, bodyWanted_) = std::get<0>(sizes);
-            frame_.head.reserve(headWanted_);
-            frame_.body.reserve(bodyWanted_);
         }
         if (frame_.head.size() < headWanted_) {
             const std::size_t n =

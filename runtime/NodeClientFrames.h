@@ -44,7 +44,7 @@ std::variant<std::pair<std::size_t, std::size_t>, FrameError> readPrefix(const c
                                                                           const Limits& limits);
 
 // Collects frames from bytes as they arrive, in pieces of any size. Holds at
-// most one frame's prefix, head and body at a time.
+// most one frame's prefix, head and body at a time, and only what has arrived.
 class FrameReader {
   public:
     explicit FrameReader(Limits limits) : limits_(limits) {}

@@ -12,7 +12,7 @@
 //         against a client of plain JSON polls (poll; if the reply was full poll
 //         again at once, else wait 50 ms), as older clients still poll.
 // idle    the node's CPU over N seconds with 50 idle sessions each polled like
-//         the application (a waiting poll of --wait ms, 180 by default, at a
+//         the application (a waiting poll of --wait ms, 1000 by default, at a
 //         time), beside a tmux server holding 50 idle panes.
 // memory  resident memory per additional idle session, against tmux per pane.
 // echo    time from an input request to its echo in a poll (the application's
@@ -59,7 +59,7 @@ namespace {
 constexpr int idleSessions = 50;
 // As the application's poll loop asks (TerminalControllerHooks): the longest
 // wait of an idle poll and the most output per reply.
-std::chrono::milliseconds pollWait{180};
+std::chrono::milliseconds pollWait{1000};
 constexpr std::size_t pollMaximumBytes = 1024 * 1024;
 
 double secondsSince(Clock::time_point start) {
