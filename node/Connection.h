@@ -53,9 +53,7 @@ class Connection {
     // When the client last took part of its reply (or the reply was ready).
     Clock::time_point lastProgress() const { return lastProgress_; }
     // Bytes held for this connection now.
-    std::size_t memory() const {
-        return in_.capacity() + out_.capacity() + frames_.memory();
-    }
+    std::size_t memory() const { return in_.capacity() + out_.capacity() + frames_.memory(); }
     bool framed() const { return framed_; }
 
     // Reads at most budget bytes of what the client has sent, dropping the

@@ -76,8 +76,8 @@ class Members {
     }
 
     // An optional integer from low to high; out stays as it is when absent.
-    std::optional<RequestError> optionalCount(const char* name, std::int64_t low,
-                                              std::int64_t high, std::int64_t& out) const {
+    std::optional<RequestError> optionalCount(const char* name, std::int64_t low, std::int64_t high,
+                                              std::int64_t& out) const {
         auto it = data_.find(name);
         if (it == data_.end()) return std::nullopt;
         if (!it->is_number_integer() || it->get<std::int64_t>() < low ||
@@ -121,7 +121,8 @@ std::optional<RequestError> readMembers(const json& data, Request& request) {
         case Operation::Poll: {
             if ((error = members.text("session_id", request.sessionId))) return error;
             std::int64_t wait = 0, most = 0;
-            if ((error = members.optionalCount("wait_ms", 0, maximumPollWaitMs, wait))) return error;
+            if ((error = members.optionalCount("wait_ms", 0, maximumPollWaitMs, wait)))
+                return error;
             if ((error = members.optionalCount("max_bytes", 1, std::int64_t{1} << 40, most)))
                 return error;
             request.waitMs = static_cast<int>(wait);

@@ -27,14 +27,14 @@ enum class Operation {
 
 struct Request {
     Operation operation = Operation::Health;
-    std::string sessionId;    // replay_session, poll, input, resize, close_session
-    std::string cwd;          // create_session
-    std::string expectedCwd;  // replay_session
-    std::string input;        // input: the decoded bytes
-    int cols = 0;             // create_session, resize
-    int rows = 0;             // create_session, resize
-    int waitMs = 0;           // poll: how long it may wait for output (0: answer at once)
-    std::size_t maxBytes = 0; // poll: most output in the reply (0: as much as fits)
+    std::string sessionId;     // replay_session, poll, input, resize, close_session
+    std::string cwd;           // create_session
+    std::string expectedCwd;   // replay_session
+    std::string input;         // input: the decoded bytes
+    int cols = 0;              // create_session, resize
+    int rows = 0;              // create_session, resize
+    int waitMs = 0;            // poll: how long it may wait for output (0: answer at once)
+    std::size_t maxBytes = 0;  // poll: most output in the reply (0: as much as fits)
 };
 
 // Why a request was refused: the reply's error text.

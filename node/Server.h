@@ -179,8 +179,8 @@ class Server {
     std::vector<WaitingPoll> waitingPolls_;
     const Connection* serving_ = nullptr;  // the client whose request is handled now
     bool replyEncoded_ = false;            // the reply handled now is in its framing
-    Clock::duration cheapTime_{};    // this turn's time on cheap requests
-    Clock::duration costlyTime_{};   // and on costly ones
+    Clock::duration cheapTime_{};          // this turn's time on cheap requests
+    Clock::duration costlyTime_{};         // and on costly ones
     bool stopping_ = false;
 };
 

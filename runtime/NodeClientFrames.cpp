@@ -35,7 +35,7 @@ std::string encode(std::string_view head, std::string_view body) {
 }
 
 std::variant<std::pair<std::size_t, std::size_t>, FrameError> readPrefix(const char* prefix,
-                                                                          const Limits& limits) {
+                                                                         const Limits& limits) {
     const std::size_t head = getLength(prefix);
     const std::size_t body = getLength(prefix + 4);
     if (head == 0) return FrameError{"frame without a head"};
@@ -65,14 +65,12 @@ std::size_t FrameReader::feed(std::string_view bytes) {
             std::tie(headWanted_, bodyWanted_) = std::get<0>(sizes);
         }
         if (frame_.head.size() < headWanted_) {
-            const std::size_t n =
-                std::min(headWanted_ - frame_.head.size(), bytes.size() - used);
+            const std::size_t n = std::min(headWanted_ - frame_.head.size(), bytes.size() - used);
             frame_.head.append(bytes.substr(used, n));
             used += n;
         }
         if (frame_.head.size() == headWanted_ && frame_.body.size() < bodyWanted_) {
-            const std::size_t n =
-                std::min(bodyWanted_ - frame_.body.size(), bytes.size() - used);
+            const std::size_t n = std::min(bodyWanted_ - frame_.body.size(), bytes.size() - used);
             frame_.body.append(bytes.substr(used, n));
             used += n;
         }

@@ -41,7 +41,7 @@ std::string encode(std::string_view head, std::string_view body = {});
 
 // The two lengths of a prefix, or an error when either passes its limit.
 std::variant<std::pair<std::size_t, std::size_t>, FrameError> readPrefix(const char* prefix,
-                                                                          const Limits& limits);
+                                                                         const Limits& limits);
 
 // Collects frames from bytes as they arrive, in pieces of any size. Holds at
 // most one frame's prefix, head and body at a time, and only what has arrived.
@@ -57,7 +57,9 @@ class FrameReader {
     // The error met, if any; the reader takes nothing more after it.
     const std::optional<FrameError>& error() const { return error_; }
     // Bytes held now.
-    std::size_t memory() const { return prefix_.capacity() + frame_.head.capacity() + frame_.body.capacity(); }
+    std::size_t memory() const {
+        return prefix_.capacity() + frame_.head.capacity() + frame_.body.capacity();
+    }
     // Whether part of a frame has arrived.
     bool started() const { return !prefix_.empty(); }
 

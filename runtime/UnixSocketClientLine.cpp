@@ -59,8 +59,8 @@ bool UnixSocketClientLine::open() {
         if (interrupted_) throw NodeClientError::connection();
         fd_ = std::move(fd);
     }
-    sendAll(fd_.get(), encodeNodeRequest("upgrade", {{"framing", std::string(frames::framingName)}}) +
-                           "\n");
+    sendAll(fd_.get(),
+            encodeNodeRequest("upgrade", {{"framing", std::string(frames::framingName)}}) + "\n");
     // The node writes nothing after its reply line until a frame has come.
     std::string line;
     char byte;
@@ -96,14 +96,14 @@ NodePollResult UnixSocketClientLine::poll(const std::string& sessionId,
     const auto most = static_cast<std::int64_t>(
         std::clamp<std::size_t>(maxBytes, 1, UnixSocketClient::maximumReplyBytes));
     try {
-        sendAll(fd_.get(), frames::encode(encodeNodeRequest(
-                               "poll", {{"session_id", sessionId},
-                                        {"wait_ms", std::int64_t{waitMs}},
-                                        {"max_bytes", most}})));
+        sendAll(fd_.get(),
+                frames::encode(encodeNodeRequest("poll", {{"session_id", sessionId},
+                                                          {"wait_ms", std::int64_t{waitMs}},
+                                                          {"max_bytes", most}})));
         char prefix[frames::prefixBytes];
         readExactly(prefix, sizeof prefix);
-        const auto sizes = frames::readPrefix(
-            prefix, {maximumHeadBytes, UnixSocketClient::maximumReplyBytes});
+        const auto sizes =
+            frames::readPrefix(prefix, {maximumHeadBytes, UnixSocketClient::maximumReplyBytes});
         if (std::holds_alternative<frames::FrameError>(sizes))
             throw NodeClientError::invalidResponse();
         const auto [headSize, bodySize] = std::get<0>(sizes);

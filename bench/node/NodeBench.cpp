@@ -321,9 +321,10 @@ void flood(const std::string& folder, std::size_t megabytes) {
                 node / 1e6, polls);
     std::printf("  node, plain JSON polls      %8.1f MB/s  (%zu polls)\n", plain / 1e6, plainPolls);
     std::printf("  tmux control-mode client    %8.1f MB/s\n", tmux / 1e6);
-    std::printf("  node / pseudo-terminal = %.2f   node / tmux = %.2f   plain / pseudo-terminal = "
-                "%.2f\n",
-                node / pty, node / tmux, plain / pty);
+    std::printf(
+        "  node / pseudo-terminal = %.2f   node / tmux = %.2f   plain / pseudo-terminal = "
+        "%.2f\n",
+        node / pty, node / tmux, plain / pty);
     ::unlink(path.c_str());
 }
 

@@ -148,8 +148,7 @@ TEST(NodeFramesTest, HostileFramesGetOneFailureFrameAndEndOnlyTheirOwnConnection
                  std::to_string(maximumRequestBytes - 1) + " bytes)")},
         {std::string("\0\0\0\x02\0\0\0\x01", 8) + "{}x",
          failure("frame body is too large (the limit is 0 bytes)")},
-        {health + health,
-         failure("a request was sent before the reply to the one before it")},
+        {health + health, failure("a request was sent before the reply to the one before it")},
         // A bad request inside a good frame ends only that request.
         {frames::encode("not json"), failure("request is not valid JSON")},
         {frames::encode(R"({"version":1,"op":"poll","data":{"session_id":"nobody","wait_ms":1}})"),

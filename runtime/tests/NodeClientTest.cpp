@@ -275,7 +275,7 @@ TEST_F(NodeClientTest, AnOutputLineFallsBackToPlainPollsWhenTheNodeRefusesTheUpg
             ops.push_back(op);
             const std::string reply =
                 op == "poll" ? R"({"ok":true,"data":{"output_base64":"aGk=","exited":false}})"
-                                "\n"
+                               "\n"
                              : R"({"ok":false,"error":"unknown op \"upgrade\""})"
                                "\n";
             ::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
