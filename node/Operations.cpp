@@ -114,7 +114,9 @@ std::string Server::replaySession(const Request& request, Clock::time_point now)
     const std::string output = session->replay(outputAllowance());
     // The pane's own text, so that its exact comparison holds: a shell in a folder
     // below the pane's is still the pane's shell.
-    return successReply({{"cwd", request.expectedCwd}, {"exited", session->exited()}}, output);
+    replyEncoded_ = serving_->framed();
+    return outputReply(*serving_, {{"cwd", request.expectedCwd}, {"exited", session->exited()}},
+                       output);
 }
 
 std::optional<std::string> Server::createSession(const Request& request, std::uint64_t ticket,
@@ -190,7 +192,11 @@ std::string Server::pollReply(const Connection& client, Session& session, std::s
     // Whatever reached the terminal since this turn's wait goes out now too.
     if (session.wantsOutput(now)) session.readOutput(allowance, now);
     const std::string output = session.takeOutput(allowance);
-    const nlohmann::json data = {{"exited", session.exited()}};
+    return outputReply(client, {{"exited", session.exited()}}, output);
+}
+
+std::string Server::outputReply(const Connection& client, const nlohmann::json& data,
+                                std::string_view output) {
     if (!client.framed()) return successReply(data, output);
     std::string head = successReply(data);
     head.pop_back();  // the line feed

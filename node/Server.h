@@ -25,8 +25,10 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Connection.h"
@@ -149,6 +151,10 @@ class Server {
     // The reply to a poll with the session's output, in the client's framing.
     std::string pollReply(const Connection& client, Session& session, std::size_t maxBytes,
                           Clock::time_point now);
+    // A success reply with terminal output: raw in a frame's body on a framed
+    // connection, "output_base64" in the line otherwise.
+    static std::string outputReply(const Connection& client, const nlohmann::json& data,
+                                   std::string_view output);
     // Answers the waiting polls whose session has output or has exited, or
     // whose wait is over.
     void answerWaitingPolls(Clock::time_point now);

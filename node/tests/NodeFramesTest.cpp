@@ -94,13 +94,16 @@ class RawFramedConnection {
         ASSERT_EQ(::send(fd_.get(), bytes.data(), bytes.size(), MSG_NOSIGNAL),
                   static_cast<ssize_t>(bytes.size()));
     }
-    // Reads exactly one reply frame; its head.
-    json readFrame() const {
+    // Reads exactly one reply frame; its head (and its body into body).
+    json readFrame(std::string* body = nullptr) const {
         frames::FrameReader reader({1 << 20, 1 << 24});
         char byte;
         while (!reader.error() && ::read(fd_.get(), &byte, 1) == 1) {
             reader.feed(std::string_view(&byte, 1));
-            if (auto frame = reader.take()) return json::parse(frame->head);
+            if (auto frame = reader.take()) {
+                if (body) *body = frame->body;
+                return json::parse(frame->head);
+            }
         }
         return nullptr;
     }
@@ -172,6 +175,21 @@ TEST(NodeFramesTest, HostileFramesGetOneFailureFrameAndEndOnlyTheirOwnConnection
     connection.send(health);
     EXPECT_EQ(replyHeads(connection.finish()),
               (std::vector<json>{{{"ok", true}, {"data", json::object()}}}));
+
+    // A replay's tail travels raw in the body too.
+    const auto id = node.createSession();
+    node.type(id, "printf 'tail-%s\\n' end\n");
+    node.pollUntilContains(id, "tail-end");
+    RawFramedConnection replaying(node.socketPath());
+    replaying.send(
+        frames::encode(json{{"version", 1},
+                            {"op", "replay_session"},
+                            {"data", {{"session_id", id}, {"expected_cwd", node.folder()}}}}
+                           .dump()));
+    std::string tail;
+    EXPECT_EQ(replaying.readFrame(&tail),
+              (json{{"ok", true}, {"data", {{"cwd", node.folder()}, {"exited", false}}}}));
+    EXPECT_NE(tail.find("tail-end"), std::string::npos);
 
     // An unknown framing is refused and the connection stays plain.
     EXPECT_EQ(json::parse(rawExchange(node.socketPath(),
