@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "Reply.h"
 #include "Request.h"
 
 namespace hl::node {
@@ -31,6 +32,7 @@ Connection::Clock::time_point Connection::deadline() const {
 }
 
 std::optional<std::string> Connection::readRequest(std::size_t budget, std::size_t allowance) {
+    if (framed_) return readFrame(budget, allowance);
     char chunk[readChunk];
     while (state_ == State::Reading && budget > 0) {
         const ssize_t n = ::read(fd_.get(), chunk, std::min(readChunk, budget));
@@ -66,7 +68,59 @@ std::optional<std::string> Connection::readRequest(std::size_t budget, std::size
     return std::nullopt;
 }
 
+std::optional<std::string> Connection::readFrame(std::size_t budget, std::size_t allowance) {
+    // Refuses the rest of the stream with a failure frame, then closes.
+    auto refuse = [this](const std::string& text) {
+        closeAfterReply_ = true;
+        state_ = State::Waiting;
+        sendReply(failureReply(text));
+    };
+    char chunk[readChunk];
+    while (state_ == State::Reading && budget > 0) {
+        const ssize_t n = ::read(fd_.get(), chunk, std::min(readChunk, budget));
+        if (n < 0) {
+            if (errno == EINTR) continue;
+            if (errno != EAGAIN && errno != EWOULDBLOCK) drop();
+            return std::nullopt;
+        }
+        if (n == 0) {  // the client has finished with the connection
+            drop();
+            return std::nullopt;
+        }
+        budget -= static_cast<std::size_t>(n);
+        const std::string_view bytes(chunk, static_cast<std::size_t>(n));
+        const std::size_t used = frames_.feed(bytes);
+        if (const auto& error = frames_.error()) {
+            refuse(error->text);
+            return std::nullopt;
+        }
+        if (memory() > allowance) {
+            drop();  // the node's memory for clients is spent
+            return std::nullopt;
+        }
+        if (auto frame = frames_.take()) {
+            // One request at a time: the next may follow only its reply.
+            if (used < bytes.size()) {
+                refuse("a request was sent before the reply to the one before it");
+                return std::nullopt;
+            }
+            state_ = State::Waiting;
+            started_ = Clock::now();
+            return std::move(frame->head);
+        }
+    }
+    return std::nullopt;
+}
+
 void Connection::sendReply(std::string reply) {
+    if (framed_) {
+        if (!reply.empty() && reply.back() == '\n') reply.pop_back();
+        reply = frames::encode(reply);
+    }
+    sendEncoded(std::move(reply));
+}
+
+void Connection::sendEncoded(std::string reply) {
     if (state_ == State::Done) return;
     in_ = std::string();
     out_ = std::move(reply);
@@ -93,7 +147,20 @@ void Connection::writeReply() {
         drop();  // the client has gone
         return;
     }
-    if (state_ == State::Writing) drop();
+    if (state_ == State::Writing) finishReply();
+}
+
+void Connection::finishReply() {
+    if (closeAfterReply_ || !(framed_ || upgrading_)) {
+        drop();
+        return;
+    }
+    framed_ = true;
+    upgrading_ = false;
+    out_ = std::string();
+    written_ = 0;
+    state_ = State::Reading;
+    started_ = lastProgress_ = Clock::now();
 }
 
 void Connection::drop() {
@@ -101,6 +168,7 @@ void Connection::drop() {
     fd_.reset();
     in_ = std::string();
     out_ = std::string();
+    frames_ = frames::FrameReader({maximumRequestBytes - 1, 0});
 }
 
 }  // namespace hl::node

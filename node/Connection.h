@@ -9,6 +9,14 @@
 // A client that stops reading its reply is *stalled*: it is dropped once it has
 // taken nothing for stallLimit, or sooner when the node needs the memory its
 // reply holds (see Server), so its reply never holds up anyone else's.
+//
+// A connection whose client asked for the upgrade is *framed* once the reply
+// to that request is out: from then on requests and replies are frames
+// (NodeClientFrames.h), and after each reply the connection reads the next
+// request instead of closing. Its lifetime limit counts from its latest request.
+// A stream that breaks the framing (a frame past the limits, a body in a
+// request, a request sent before the previous reply) gets one failure frame
+// and is closed.
 #pragma once
 
 #include <chrono>
@@ -16,6 +24,8 @@
 #include <optional>
 #include <string>
 
+#include "NodeClientFrames.h"
+#include "Request.h"
 #include "UniqueFd.h"
 
 namespace hl::node {
@@ -43,7 +53,8 @@ class Connection {
     // When the client last took part of its reply (or the reply was ready).
     Clock::time_point lastProgress() const { return lastProgress_; }
     // Bytes held for this connection now.
-    std::size_t memory() const { return in_.capacity() + out_.capacity(); }
+    std::size_t memory() const { return in_.capacity() + out_.capacity() + frames_.memory(); }
+    bool framed() const { return framed_; }
 
     // Reads at most budget bytes of what the client has sent, dropping the
     // client when its request would pass allowance bytes; returns the request
@@ -51,14 +62,24 @@ class Connection {
     std::optional<std::string> readRequest(std::size_t budget, std::size_t allowance);
     // Whether the request was refused for its size (the text returned is then empty).
     bool oversized() const { return oversized_; }
-    // Starts writing the reply, as much as the socket takes now.
+    // Starts writing the reply (a reply line, sent as a frame's head on a framed
+    // connection), as much as the socket takes now.
     void sendReply(std::string reply);
+    // Starts writing bytes already in this connection's framing.
+    void sendEncoded(std::string bytes);
+    // Makes the connection framed once the reply that comes next is out.
+    void upgradeAfterReply() { upgrading_ = true; }
     // Writes more of the reply.
     void writeReply();
     // Drops the connection without a reply.
     void drop();
 
   private:
+    // readRequest for a framed connection.
+    std::optional<std::string> readFrame(std::size_t budget, std::size_t allowance);
+    // Ends the current reply: the next request of a framed connection, or done.
+    void finishReply();
+
     UniqueFd fd_;
     std::uint64_t ticket_;
     State state_ = State::Reading;
@@ -68,6 +89,10 @@ class Connection {
     std::string out_;
     std::size_t written_ = 0;
     bool oversized_ = false;
+    bool framed_ = false;
+    bool upgrading_ = false;
+    bool closeAfterReply_ = false;
+    frames::FrameReader frames_{{maximumRequestBytes - 1, 0}};
 };
 
 }  // namespace hl::node

@@ -6,6 +6,7 @@
 #include <cstdio>
 #include <random>
 
+#include "NodeClientFrames.h"
 #include "Reply.h"
 #include "Server.h"
 #include "Shell.h"
@@ -83,13 +84,15 @@ std::optional<std::string> Server::handle(const Request& request, std::uint64_t 
         case Operation::CreateSession:
             return createSession(request, ticket, now);
         case Operation::Poll:
-            return pollSession(request, now);
+            return pollSession(request, ticket, now);
         case Operation::Input:
             return inputSession(request);
         case Operation::Resize:
             return resizeSession(request);
         case Operation::CloseSession:
             return closeSession(request, now);
+        case Operation::Upgrade:
+            return successReply({{"framing", frames::framingName}});
     }
     return failureReply("unknown op");
 }
@@ -121,9 +124,10 @@ std::string Server::replaySession(const Request& request, Clock::time_point now)
     const std::string output = session->replay(outputAllowance());
     // The pane's own text, so that its exact comparison holds: a shell in a folder
     // below the pane's is still the pane's shell.
+    replyEncoded_ = serving_->framed();
     json data{{"cwd", request.expectedCwd}, {"exited", session->exited()}};
     addShellState(data, *session);
-    return successReply(std::move(data), output);
+    return outputReply(*serving_, data, output);
 }
 
 std::optional<std::string> Server::createSession(const Request& request, std::uint64_t ticket,
@@ -172,17 +176,66 @@ void Server::finishStart(PendingStart& start, std::optional<std::string> failure
         client->sendReply(std::move(reply));
 }
 
-std::string Server::pollSession(const Request& request, Clock::time_point now) {
+std::optional<std::string> Server::pollSession(const Request& request, std::uint64_t ticket,
+                                               Clock::time_point now) {
     Session* session = findSession(request.sessionId);
     if (!session) return failureReply(unknownSession);
-    session->markPolled(now);
-    const std::size_t allowance = outputAllowance();
+    const std::size_t most = request.maxBytes ? request.maxBytes : maximumOutputPerReply;
+    if (request.waitMs > 0) {
+        session->markPolled(now);
+        // Whatever reached the terminal since this turn's wait counts too.
+        if (session->wantsOutput(now)) session->readOutput(std::min(most, outputAllowance()), now);
+        if (!session->hasOutput() && !session->exited()) {
+            const auto wait = std::min<Clock::duration>(std::chrono::milliseconds(request.waitMs),
+                                                        longestPollWait);
+            waitingPolls_.push_back({ticket, request.sessionId, most, now + wait});
+            return std::nullopt;  // answered by answerWaitingPolls
+        }
+    }
+    replyEncoded_ = serving_->framed();
+    return pollReply(*serving_, *session, most, now);
+}
+
+std::string Server::pollReply(const Connection& client, Session& session, std::size_t maxBytes,
+                              Clock::time_point now) {
+    session.markPolled(now);
+    const std::size_t allowance = std::min(maxBytes, outputAllowance());
     // Whatever reached the terminal since this turn's wait goes out now too.
-    if (session->wantsOutput(now)) session->readOutput(allowance, now);
-    const std::string output = session->takeOutput(allowance);
-    json data{{"exited", session->exited()}};
-    addShellState(data, *session);
-    return successReply(std::move(data), output);
+    if (session.wantsOutput(now)) session.readOutput(allowance, now);
+    const std::string output = session.takeOutput(allowance);
+    json data{{"exited", session.exited()}};
+    addShellState(data, session);
+    return outputReply(client, data, output);
+}
+
+std::string Server::outputReply(const Connection& client, const nlohmann::json& data,
+                                std::string_view output) {
+    if (!client.framed()) return successReply(data, output);
+    std::string head = successReply(data);
+    head.pop_back();  // the line feed
+    return frames::encode(head, output);
+}
+
+void Server::answerWaitingPolls(Clock::time_point now) {
+    std::erase_if(waitingPolls_, [&](const WaitingPoll& waiting) {
+        Connection* client = findClient(waiting.ticket);
+        if (!client || client->state() != Connection::State::Waiting) return true;
+        Session* session = findSession(waiting.sessionId);
+        if (!session) {
+            client->sendReply(failureReply(unknownSession));
+        } else if (session->hasOutput() || session->exited() || now >= waiting.due) {
+            makeRoom(maximumReplyBytes, *client, now, std::chrono::milliseconds(100));
+            std::string reply = pollReply(*client, *session, waiting.maxBytes, now);
+            if (client->framed())
+                client->sendEncoded(std::move(reply));
+            else
+                client->sendReply(std::move(reply));
+        } else {
+            return false;
+        }
+        memoryInUse_ = clientMemory();
+        return true;
+    });
 }
 
 std::string Server::inputSession(const Request& request) {

@@ -5,6 +5,7 @@
 #include <optional>
 
 #include "Base64.h"
+#include "NodeClientFrames.h"
 
 namespace hl::node {
 
@@ -43,6 +44,7 @@ std::optional<Operation> operationNamed(const std::string& name) {
     if (name == "input") return Operation::Input;
     if (name == "resize") return Operation::Resize;
     if (name == "close_session") return Operation::CloseSession;
+    if (name == "upgrade") return Operation::Upgrade;
     return std::nullopt;
 }
 
@@ -70,6 +72,20 @@ class Members {
         const auto value = it->get<std::int64_t>();
         if (value < 1 || value > maximumTerminalCells) return RequestError{mistyped};
         out = static_cast<int>(value);
+        return std::nullopt;
+    }
+
+    // An optional integer from low to high; out stays as it is when absent.
+    std::optional<RequestError> optionalCount(const char* name, std::int64_t low, std::int64_t high,
+                                              std::int64_t& out) const {
+        auto it = data_.find(name);
+        if (it == data_.end()) return std::nullopt;
+        if (!it->is_number_integer() || it->get<std::int64_t>() < low ||
+            it->get<std::int64_t>() > high) {
+            return RequestError{"field \"" + std::string(name) + "\" must be an integer from " +
+                                std::to_string(low) + " to " + std::to_string(high)};
+        }
+        out = it->get<std::int64_t>();
         return std::nullopt;
     }
 
@@ -102,9 +118,27 @@ std::optional<RequestError> readMembers(const json& data, Request& request) {
                 return RequestError{"cwd must be an absolute path"};
             }
             return std::nullopt;
-        case Operation::Poll:
+        case Operation::Poll: {
+            if ((error = members.text("session_id", request.sessionId))) return error;
+            std::int64_t wait = 0, most = 0;
+            if ((error = members.optionalCount("wait_ms", 0, maximumPollWaitMs, wait)))
+                return error;
+            if ((error = members.optionalCount("max_bytes", 1, std::int64_t{1} << 40, most)))
+                return error;
+            request.waitMs = static_cast<int>(wait);
+            request.maxBytes = static_cast<std::size_t>(most);
+            return std::nullopt;
+        }
         case Operation::CloseSession:
             return members.text("session_id", request.sessionId);
+        case Operation::Upgrade: {
+            std::string framing;
+            if ((error = members.text("framing", framing))) return error;
+            if (framing != frames::framingName)
+                return RequestError{std::string("unsupported framing (this node speaks ") +
+                                    frames::framingName + ")"};
+            return std::nullopt;
+        }
         case Operation::Input: {
             if ((error = members.text("session_id", request.sessionId))) return error;
             std::string encoded;

@@ -118,6 +118,8 @@ void Server::turn() {
             watch(client->fd(), POLLIN, Kind::Client, client.get());
         else if (client->state() == Connection::State::Writing)
             watch(client->fd(), POLLOUT, Kind::Client, client.get());
+        else if (client->state() == Connection::State::Waiting)  // a hang-up only
+            watch(client->fd(), 0, Kind::Client, client.get());
     }
     watch(parser_.fd(), POLLIN, Kind::Parser, nullptr);
     for (std::size_t i = 0; i < pendingStarts_.size(); ++i)
@@ -157,6 +159,10 @@ void Server::turn() {
                     if (mayServeRequest()) readClient(*client, now);
                 } else if (client->state() == Connection::State::Writing) {
                     client->writeReply();
+                } else if (revents & (POLLHUP | POLLERR)) {
+                    // Gone while it waited (an interrupted poll): the output
+                    // stays for the next one.
+                    client->drop();
                 }
                 break;
             }
@@ -174,6 +180,7 @@ void Server::turn() {
         }
     }
     serveDeferred();
+    answerWaitingPolls(Clock::now());
     expireDeadlines(now);
     std::erase_if(pendingStarts_, [](const PendingStart& start) { return !start.shell.report; });
     std::erase_if(clients_,
@@ -265,15 +272,23 @@ void Server::serve(Connection& client, const Request& request, Clock::time_point
             client.drop();
         } else {
             if (hook_) hook_(request);
+            serving_ = &client;
+            replyEncoded_ = false;
             reply = handle(request, client.ticket(), now);
+            if (request.operation == Operation::Upgrade && !client.framed())
+                client.upgradeAfterReply();
         }
     } catch (const std::exception& error) {
         reply = failureReply(std::string("request failed: ") + error.what());
     } catch (...) {
         reply = failureReply("request failed");
     }
+    serving_ = nullptr;
     if (reply) {
-        client.sendReply(std::move(*reply));
+        if (replyEncoded_)
+            client.sendEncoded(std::move(*reply));
+        else
+            client.sendReply(std::move(*reply));
         memoryInUse_ += client.memory();
     }
     (isCostly(request.operation) ? costlyTime_ : cheapTime_) += Clock::now() - started;
@@ -345,6 +360,8 @@ int Server::pollTimeout(Clock::time_point now) const {
     for (const auto& [id, session] : sessions_) {
         if (auto due = session->flowDeadline(now)) consider(*due);
     }
+    for (const auto& waiting : waitingPolls_)
+        consider(waiting.due);
     if (acceptPausedUntil_ > now) consider(acceptPausedUntil_);
     if (!deferred_.empty()) consider(now);
     if (!soonest) return -1;

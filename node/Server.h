@@ -12,7 +12,9 @@
 // that would still pass the cap is dropped. A *costly* request (a shell start, a
 // replay of a whole tail) is served at once only while the turn's time for
 // costly requests lasts; otherwise it waits in a queue of its own, so that a
-// burst of them never holds up cheap requests such as polls.
+// burst of them never holds up cheap requests such as polls. A *waiting poll*
+// asked to wait for output: it is answered as soon as its session has output
+// or has exited, or when its wait is over, and costs nothing until then.
 #pragma once
 
 #include <sys/types.h>
@@ -23,8 +25,10 @@
 #include <functional>
 #include <map>
 #include <memory>
+#include <nlohmann/json.hpp>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 #include "Connection.h"
@@ -49,6 +53,10 @@ class Server {
     static constexpr std::size_t clientMemoryLimit = 64 * 1024 * 1024;
     // Longest wait for a shell's child to enter its directory and run the shell.
     static constexpr std::chrono::seconds startTimeout{10};
+    // Longest that a poll waits for output; a longer wait asked for is cut to it
+    // (well under Session::unattendedAfter, so a waiting poll keeps its session
+    // attended).
+    static constexpr std::chrono::milliseconds longestPollWait{5000};
 
     // Called with each request before it is handled; a test build of the node
     // uses it to make requests fail. The production node has none.
@@ -67,6 +75,12 @@ class Server {
         UniqueFd pidfd;
         Clock::time_point due;
         std::string record;  // removed once the kill is sent
+    };
+    struct WaitingPoll {
+        std::uint64_t ticket;
+        std::string sessionId;
+        std::size_t maxBytes;
+        Clock::time_point due;
     };
     struct PendingStart {
         ShellProcess shell;
@@ -132,7 +146,18 @@ class Server {
     std::string replaySession(const Request& request, Clock::time_point now);
     std::optional<std::string> createSession(const Request& request, std::uint64_t ticket,
                                              Clock::time_point now);
-    std::string pollSession(const Request& request, Clock::time_point now);
+    std::optional<std::string> pollSession(const Request& request, std::uint64_t ticket,
+                                           Clock::time_point now);
+    // The reply to a poll with the session's output, in the client's framing.
+    std::string pollReply(const Connection& client, Session& session, std::size_t maxBytes,
+                          Clock::time_point now);
+    // A success reply with terminal output: raw in a frame's body on a framed
+    // connection, "output_base64" in the line otherwise.
+    static std::string outputReply(const Connection& client, const nlohmann::json& data,
+                                   std::string_view output);
+    // Answers the waiting polls whose session has output or has exited, or
+    // whose wait is over.
+    void answerWaitingPolls(Clock::time_point now);
     std::string inputSession(const Request& request);
     std::string resizeSession(const Request& request);
     std::string closeSession(const Request& request, Clock::time_point now);
@@ -157,8 +182,11 @@ class Server {
         Request request;
     };
     std::deque<Deferred> deferred_;  // costly requests waiting for a turn's time
-    Clock::duration cheapTime_{};    // this turn's time on cheap requests
-    Clock::duration costlyTime_{};   // and on costly ones
+    std::vector<WaitingPoll> waitingPolls_;
+    const Connection* serving_ = nullptr;  // the client whose request is handled now
+    bool replyEncoded_ = false;            // the reply handled now is in its framing
+    Clock::duration cheapTime_{};          // this turn's time on cheap requests
+    Clock::duration costlyTime_{};         // and on costly ones
     bool stopping_ = false;
 };
 

@@ -92,6 +92,8 @@ class Session {
     // Sets the terminal's size; false when the terminal has gone.
     bool resize(int cols, int rows);
 
+    // Whether output waits for a poll.
+    bool hasOutput() const { return !pending_.empty(); }
     // Takes up to count bytes of pending output.
     std::string takeOutput(std::size_t count);
     // The newest count bytes of the tail; pending output is dropped, since the

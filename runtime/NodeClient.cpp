@@ -129,16 +129,16 @@ void setTimeout(int fd, int option, std::chrono::milliseconds timeout) {
     ::setsockopt(fd, SOL_SOCKET, option, &value, sizeof value);
 }
 
-std::string encodeRequest(const std::string& op, const NodeRequestData& data) {
+}  // namespace
+
+std::string encodeNodeRequest(const std::string& op, const NodeRequestData& data) {
     nlohmann::json members = nlohmann::json::object();
     for (const auto& entry : data) {
         std::visit([&](const auto& v) { members[entry.first] = v; }, entry.second);
     }
     nlohmann::json envelope = {{"version", 1}, {"op", op}, {"data", std::move(members)}};
-    return envelope.dump() + "\n";
+    return envelope.dump();
 }
-
-}  // namespace
 
 NodeResponse decodeNodeReply(const std::string& reply) {
     nlohmann::json top;
@@ -172,7 +172,7 @@ UnixSocketClient::UnixSocketClient()
 UnixSocketClient::UnixSocketClient(std::string socketPath, std::chrono::milliseconds timeout)
     : socketPath_(std::move(socketPath)), timeout_(timeout) {}
 
-NodeResponse UnixSocketClient::request(const std::string& op, const NodeRequestData& data) const {
+UniqueFd connectToNode(const std::string& socketPath) {
 #ifdef SOCK_CLOEXEC
     UniqueFd fd(::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
 #else
@@ -188,9 +188,9 @@ NodeResponse UnixSocketClient::request(const std::string& op, const NodeRequestD
     sockaddr_un address;
     std::memset(&address, 0, sizeof address);
     address.sun_family = AF_UNIX;
-    const std::size_t withNul = socketPath_.size() + 1;
-    if (withNul > maximumPathBytes) throw NodeClientError::connection();
-    std::memcpy(address.sun_path, socketPath_.c_str(), withNul);
+    const std::size_t withNul = socketPath.size() + 1;
+    if (withNul > UnixSocketClient::maximumPathBytes) throw NodeClientError::connection();
+    std::memcpy(address.sun_path, socketPath.c_str(), withNul);
     // The path with its NUL, plus one: the family's offset less the NUL on both
     // Linux and macOS, so the whole path is seen.
     const auto length = static_cast<socklen_t>(withNul + 1);
@@ -199,10 +199,20 @@ NodeResponse UnixSocketClient::request(const std::string& op, const NodeRequestD
     }
     // A socket that another user serves could read every keystroke: no node of ours.
     if (!peerIsOwner(fd.get())) throw NodeClientError::connection();
+    return fd;
+}
+
+void setNodeTimeouts(int fd, std::chrono::milliseconds timeout) {
+    setTimeout(fd, SO_SNDTIMEO, timeout);
+    setTimeout(fd, SO_RCVTIMEO, timeout);
+}
+
+NodeResponse UnixSocketClient::request(const std::string& op, const NodeRequestData& data) const {
+    UniqueFd fd = connectToNode(socketPath_);
     setTimeout(fd.get(), SO_SNDTIMEO, timeout_);
     setTimeout(fd.get(), SO_RCVTIMEO, timeout_);
 
-    const std::string message = encodeRequest(op, data);
+    const std::string message = encodeNodeRequest(op, data) + "\n";
 #ifdef MSG_NOSIGNAL
     const ssize_t written = ::send(fd.get(), message.data(), message.size(), MSG_NOSIGNAL);
 #else

@@ -9,6 +9,7 @@
 #include <chrono>
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <stdexcept>
 #include <string>
@@ -76,6 +77,32 @@ class NodeClientError : public std::exception {
 using NodeRequestValue = std::variant<std::string, std::int64_t>;
 using NodeRequestData = std::map<std::string, NodeRequestValue>;
 
+// What one poll brought: the terminal's raw bytes, whether the shell has
+// ended, and whether the node held the poll until output came (or the wait
+// passed), so that the poller need not pace itself.
+struct NodePollResult {
+    std::string output;
+    bool exited = false;
+    bool waited = false;
+    // The status an exited shell ended with, and where a running one is now.
+    std::optional<int> exitStatus;
+    std::optional<std::string> shellDirectory;
+};
+
+// One poll loop's own line to the node. Used by one thread; only interrupt()
+// may be called from another.
+class NodeOutputLine {
+  public:
+    virtual ~NodeOutputLine() = default;
+    // Fetches output since the previous poll, at most maxBytes of it. A line
+    // that can wait holds the poll until output is there or wait has passed.
+    // Throws like NodeClientTransport::request.
+    virtual NodePollResult poll(const std::string& sessionId, std::chrono::milliseconds wait,
+                                std::size_t maxBytes) = 0;
+    // Ends a poll in progress (it fails with connection) and every later one.
+    virtual void interrupt() = 0;
+};
+
 // The one interface to the node. Implementations are safe to call from any
 // thread at once; each call blocks until its reply is complete.
 class NodeClientTransport {
@@ -85,6 +112,10 @@ class NodeClientTransport {
     // Sends one request. Throws NodeClientError, or the JSON parser's own error
     // (nlohmann::json::parse_error) when the reply is not one JSON value.
     virtual NodeResponse request(const std::string& op, const NodeRequestData& data = {}) const = 0;
+
+    // A line for one poll loop. The default sends plain "poll" requests through
+    // request(), which return at once; the transport must outlive the line.
+    virtual std::unique_ptr<NodeOutputLine> openOutputLine() const;
 };
 
 // The transport over the node's Unix-domain socket; one connection per request.
@@ -96,7 +127,11 @@ class UnixSocketClient final : public NodeClientTransport {
                               std::chrono::milliseconds timeout = receiveTimeout);
 
     const std::string& socketPath() const { return socketPath_; }
+    std::chrono::milliseconds timeout() const { return timeout_; }
     NodeResponse request(const std::string& op, const NodeRequestData& data = {}) const override;
+    // A connection of its own, upgraded to frames, with polls that wait (see
+    // UnixSocketClientLine.h); plain polls when the node does not upgrade.
+    std::unique_ptr<NodeOutputLine> openOutputLine() const override;
 
     // Longest socket path accepted, counting its terminating NUL byte.
     static constexpr std::size_t maximumPathBytes = 104;
@@ -118,5 +153,8 @@ inline constexpr int maximumReplyDepth = 16;
 // Decodes one complete reply text by the protocol's rules (exposed for tests and
 // for other transports).
 NodeResponse decodeNodeReply(const std::string& reply);
+
+// The request envelope of one operation, as one JSON text without a line feed.
+std::string encodeNodeRequest(const std::string& op, const NodeRequestData& data);
 
 }  // namespace hl

@@ -7,8 +7,15 @@ void PollingToken::cancel() {
     {
         std::lock_guard guard(lock_);
         cancelled_ = true;
+        if (interrupt_) interrupt_();
     }
     signal_.release();
+}
+
+void PollingToken::setInterrupt(std::function<void()> interrupt) {
+    std::lock_guard guard(lock_);
+    interrupt_ = std::move(interrupt);
+    if (cancelled_ && interrupt_) interrupt_();
 }
 
 void PollingToken::wake() {

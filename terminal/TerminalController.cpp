@@ -530,48 +530,57 @@ void TerminalController::pollLoop(QPointer<TerminalController> controller,
             }
         });
     };
-    const NodeRequestData request{{"session_id", sessionID}};
+    std::unique_ptr<NodeOutputLine> line = client->openOutputLine();
+    token->setInterrupt([raw = line.get()] { raw->interrupt(); });
     std::string shellDirectory;
     for (;;) {
         if (token->isCancelled()) {
             deliver(batcher.flush());
-            return;
+            break;
         }
-        NodeResponse reply;
+        NodePollResult reply;
         try {
-            reply = client->request("poll", request);
+            // While a burst is buffered, a poll that finds nothing ends it at
+            // once; otherwise the poll waits for output.
+            const auto wait =
+                batcher.buffered().empty() ? settings.pollWait : std::chrono::milliseconds(0);
+            reply = line->poll(sessionID, wait, settings.pollMaximumBytes);
         } catch (...) {
+            // A cancel interrupts the poll on purpose: no node was lost.
+            const bool cancelled = token->isCancelled();
             token->cancel();
             deliver(batcher.flush());
-            postToMainThread([controller] {
-                if (auto* c = controller.data()) c->recover();
-            });
+            if (!cancelled) {
+                postToMainThread([controller] {
+                    if (auto* c = controller.data()) c->recover();
+                });
+            }
             continue;
         }
-        const auto output = reply["output_base64"].stringValue();
-        deliver(batcher.ingest(output, settings.nowMilliseconds()));
-        if (reply["exited"].boolValue() == true) {
+        deliver(batcher.ingestBytes(reply.output, settings.nowMilliseconds()));
+        if (reply.exited) {
             token->cancel();
             deliver(batcher.flush());
-            std::optional<int> status;
-            if (auto number = reply["exit_status"].numberValue())
-                status = static_cast<int>(*number);
+            const std::optional<int> status = reply.exitStatus;
             postToMainThread([controller, status] {
                 if (auto* c = controller.data()) c->markExited(status);
             });
-            return;
+            break;
         }
-        if (auto directory = reply["shell_cwd"].stringValue();
-            directory && *directory != shellDirectory) {
-            shellDirectory = *directory;
-            postToMainThread([controller, token, directory = QString::fromStdString(*directory)] {
-                auto* c = controller.data();
-                if (c && !token->isCancelled()) c->setShellDirectory(directory);
-            });
+        if (reply.shellDirectory && *reply.shellDirectory != shellDirectory) {
+            shellDirectory = *reply.shellDirectory;
+            postToMainThread(
+                [controller, token, directory = QString::fromStdString(shellDirectory)] {
+                    auto* c = controller.data();
+                    if (c && !token->isCancelled()) c->setShellDirectory(directory);
+                });
         }
-        token->wait(output && !output->empty() ? settings.busyPollInterval
-                                               : settings.idlePollInterval);
+        if (!reply.waited) {
+            token->wait(!reply.output.empty() ? settings.busyPollInterval
+                                              : settings.idlePollInterval);
+        }
     }
+    token->setInterrupt({});
 }
 
 void TerminalController::startPolling() {

@@ -42,8 +42,14 @@ struct TerminalControllerHooks {
     // Called when the node did not answer; empty means NodeSupervisor::shared().ensureRunning().
     std::function<void()> ensureNodeRunning;
     std::chrono::milliseconds retryDelay{600};
+    // Pacing of plain polls (a node that cannot hold a poll): after output, and idle.
     std::chrono::milliseconds busyPollInterval{50};
     std::chrono::milliseconds idlePollInterval{180};
+    // How long a waiting poll of an idle terminal may wait: output ends it at
+    // once, so this only bounds how long the loop goes without a reply.
+    std::chrono::milliseconds pollWait{1000};
+    // Most output one poll brings: what the renderer takes in a few batches.
+    std::size_t pollMaximumBytes = 1024 * 1024;
     // How long a new shell waits for an attached renderer to report its size
     // before it starts at the default one.
     std::chrono::milliseconds firstSizeWait{1500};

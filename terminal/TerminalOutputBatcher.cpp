@@ -24,8 +24,14 @@ std::vector<std::string> TerminalOutputBatcher::ingest(const std::optional<std::
     if (!base64 || base64->empty()) return flush();
     auto bytes = base64::decode(*base64);
     if (!bytes || bytes->empty()) return {};
+    return ingestBytes(*bytes, nowMilliseconds);
+}
+
+std::vector<std::string> TerminalOutputBatcher::ingestBytes(std::string_view bytes,
+                                                            std::uint64_t nowMilliseconds) {
+    if (bytes.empty()) return flush();
     if (buffered_.empty()) firstByteAtMilliseconds_ = nowMilliseconds;
-    buffered_ += *bytes;
+    buffered_ += bytes;
 
     std::vector<std::string> batches;
     const auto size = static_cast<std::size_t>(maximumBytes_);

@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace hl {
@@ -25,6 +26,8 @@ class TerminalOutputBatcher {
     // releases everything buffered; invalid base64 is dropped.
     std::vector<std::string> ingest(const std::optional<std::string>& base64,
                                     std::uint64_t nowMilliseconds);
+    // The same for raw bytes, as a waiting poll brings them.
+    std::vector<std::string> ingestBytes(std::string_view bytes, std::uint64_t nowMilliseconds);
     // Everything buffered as one batch, if anything.
     std::vector<std::string> flush();
 

@@ -5,15 +5,18 @@
 //   node_bench [flood|idle|memory|echo|faults|unattended|burst|all] [--seconds N]
 //              [--megabytes N] [--node PATH]
 //
-// flood   bytes per second that a client polling like the application (poll; if
-//         the reply was full poll again at once, else wait 50 ms) receives from
-//         `cat` of a large file, against the same file read from a
-//         pseudo-terminal in-process, against a tmux control-mode client, and as
-//         a share of the protocol's ceiling (one full reply per 50 ms).
-// idle    the node's CPU over N seconds with 50 idle sessions each polled every
-//         180 ms, beside a tmux server holding 50 idle panes.
+// flood   bytes per second that a client polling like the application (its
+//         output line: waiting polls of raw frames on one connection) receives
+//         from `cat` of a large file, against the same file read from a
+//         pseudo-terminal in-process, against a tmux control-mode client, and
+//         against a client of plain JSON polls (poll; if the reply was full poll
+//         again at once, else wait 50 ms), as older clients still poll.
+// idle    the node's CPU over N seconds with 50 idle sessions each polled like
+//         the application (a waiting poll of --wait ms, 1000 by default, at a
+//         time), beside a tmux server holding 50 idle panes.
 // memory  resident memory per additional idle session, against tmux per pane.
-// echo    time from an input request to its echo in a poll, over 1000 keys.
+// echo    time from an input request to its echo in a poll (the application's
+//         waiting poll), over 1000 keys.
 // faults  health latency and memory under misbehaving clients (FaultRuns.cpp).
 // unattended  a shell printing N MiB that nobody polls (FaultRuns.cpp).
 // burst   how long bursts of 100 requests hold up the loop (BurstRun.cpp), of
@@ -54,6 +57,10 @@ using Clock = std::chrono::steady_clock;
 namespace {
 
 constexpr int idleSessions = 50;
+// As the application's poll loop asks (TerminalControllerHooks): the longest
+// wait of an idle poll and the most output per reply.
+std::chrono::milliseconds pollWait{1000};
+constexpr std::size_t pollMaximumBytes = 1024 * 1024;
 
 double secondsSince(Clock::time_point start) {
     return std::chrono::duration<double>(Clock::now() - start).count();
@@ -210,8 +217,9 @@ double ptyRate(const std::string& path) {
     return total / seconds;
 }
 
-// Bytes per second that the application's poll loop receives from the node.
-double nodeRate(const std::string& path, std::size_t* polls) {
+// Bytes per second that the application's poll loop receives from the node,
+// through its output line (or, plain, through JSON polls paced as before).
+double nodeRate(const std::string& path, std::size_t* polls, bool plain) {
     NodeHarness node;
     const auto client = node.client();
     const auto id = node.createSession();
@@ -222,14 +230,17 @@ double nodeRate(const std::string& path, std::size_t* polls) {
     std::size_t total = 0;
     std::string recent;
     *polls = 0;
+    const auto line = client.openOutputLine();
     while (true) {
-        const std::string output = pollOutput(client, id);
+        const std::string output =
+            plain ? pollOutput(client, id) : line->poll(id, pollWait, pollMaximumBytes).output;
         ++*polls;
         total += output.size();
         recent = recent.substr(recent.size() > 64 ? recent.size() - 64 : 0) +
                  output.substr(output.size() > 4096 ? output.size() - 4096 : 0);
         if (recent.find(marker) != std::string::npos) break;
-        if (output.size() < hl::node::maximumOutputPerReply) std::this_thread::sleep_for(50ms);
+        if (plain && output.size() < hl::node::maximumOutputPerReply)
+            std::this_thread::sleep_for(50ms);
     }
     const double seconds = secondsSince(start);
     node.closeSession(id);
@@ -301,17 +312,19 @@ void flood(const std::string& folder, std::size_t megabytes) {
     const std::string path = writeFloodFile(folder, megabytes);
     std::printf("flood: cat of a %zu MiB file\n", megabytes);
     const double pty = ptyRate(path);
-    std::size_t polls = 0;
-    const double node = nodeRate(path, &polls);
+    std::size_t polls = 0, plainPolls = 0;
+    const double node = nodeRate(path, &polls, false);
+    const double plain = nodeRate(path, &plainPolls, true);
     const double tmux = tmuxRate(folder, path);
-    const double ceiling = hl::node::maximumOutputPerReply / 0.050;
     std::printf("  pseudo-terminal in-process  %8.1f MB/s\n", pty / 1e6);
-    std::printf("  node, application poll loop %8.1f MB/s  (%zu polls)\n", node / 1e6, polls);
+    std::printf("  node, application poll loop %8.1f MB/s  (%zu waiting polls, frames)\n",
+                node / 1e6, polls);
+    std::printf("  node, plain JSON polls      %8.1f MB/s  (%zu polls)\n", plain / 1e6, plainPolls);
     std::printf("  tmux control-mode client    %8.1f MB/s\n", tmux / 1e6);
-    std::printf("  protocol ceiling            %8.1f MB/s  (%zu bytes per 50 ms)\n", ceiling / 1e6,
-                hl::node::maximumOutputPerReply);
-    std::printf("  node / ceiling = %.2f   node / pseudo-terminal = %.2f   node / tmux = %.2f\n",
-                node / ceiling, node / pty, node / tmux);
+    std::printf(
+        "  node / pseudo-terminal = %.2f   node / tmux = %.2f   plain / pseudo-terminal = "
+        "%.2f\n",
+        node / pty, node / tmux, plain / pty);
     ::unlink(path.c_str());
 }
 
@@ -327,25 +340,30 @@ void idle(const std::string& folder, int seconds) {
         tmux.addWindow();
     std::this_thread::sleep_for(1500ms);
 
-    std::printf("idle: %d sessions, each polled every 180 ms, for %d s\n", idleSessions, seconds);
+    std::printf("idle: %d sessions, each with a waiting poll of %lld ms at a time, for %d s\n",
+                idleSessions, static_cast<long long>(pollWait.count()), seconds);
     const double nodeBefore = cpuSeconds(node.pid()), tmuxBefore = cpuSeconds(tmux.pid());
     const auto start = Clock::now();
     const auto client = node.client();
-    auto tick = start;
-    std::size_t polls = 0;
-    while (Clock::now() - start < std::chrono::seconds(seconds)) {
-        for (const auto& id : ids) {
-            pollOutput(client, id);
-            ++polls;
-        }
-        tick += 180ms;
-        std::this_thread::sleep_until(tick);
+    std::atomic<std::size_t> polls = 0;
+    std::vector<std::thread> pollers;
+    for (const auto& id : ids) {
+        pollers.emplace_back([&, id] {
+            const auto line = client.openOutputLine();
+            while (Clock::now() - start < std::chrono::seconds(seconds)) {
+                const auto result = line->poll(id, pollWait, pollMaximumBytes);
+                ++polls;
+                if (!result.waited) std::this_thread::sleep_for(pollWait);
+            }
+        });
     }
+    for (auto& poller : pollers)
+        poller.join();
     const double elapsed = secondsSince(start);
     const double nodeShare = (cpuSeconds(node.pid()) - nodeBefore) / elapsed;
     const double tmuxShare = (cpuSeconds(tmux.pid()) - tmuxBefore) / elapsed;
     std::printf("  node CPU %.3f%% of one core (%zu polls, %.0f per second)\n", nodeShare * 100,
-                polls, polls / elapsed);
+                polls.load(), polls / elapsed);
     std::printf("  tmux server CPU %.3f%% of one core (50 idle panes, no client)\n",
                 tmuxShare * 100);
     for (const auto& id : ids)
@@ -388,18 +406,19 @@ void echo() {
     const auto client = node.client();
     const auto id = node.createSession();
     settle(node, {id});
+    const auto line = client.openOutputLine();
     std::vector<double> micros;
     for (int i = 0; i < 1000; ++i) {
         if (i % 60 == 59) {
             node.type(id, "\x15");  // clear the line, then let its repaint pass
             std::this_thread::sleep_for(20ms);
-            pollOutput(client, id);
+            line->poll(id, 0ms, pollMaximumBytes);
             continue;
         }
         const char key = static_cast<char>('a' + i % 26);
         const auto start = Clock::now();
         node.type(id, std::string(1, key));
-        while (pollOutput(client, id).find(key) == std::string::npos) {
+        while (line->poll(id, pollWait, pollMaximumBytes).output.find(key) == std::string::npos) {
         }
         micros.push_back(std::chrono::duration<double, std::micro>(Clock::now() - start).count());
     }
@@ -423,6 +442,8 @@ int main(int argc, char** argv) {
             seconds = std::atoi(argv[++i]);
         } else if (argument == "--megabytes" && i + 1 < argc) {
             megabytes = std::strtoul(argv[++i], nullptr, 10);
+        } else if (argument == "--wait" && i + 1 < argc) {
+            pollWait = std::chrono::milliseconds(std::atoi(argv[++i]));
         } else if (argument == "--node" && i + 1 < argc) {
             node = argv[++i];
         } else if (argument[0] != '-') {
@@ -430,7 +451,7 @@ int main(int argc, char** argv) {
         } else {
             std::fprintf(stderr,
                          "usage: node_bench [flood|idle|memory|echo|faults|unattended|burst|all] "
-                         "[--seconds N] [--megabytes N] [--node PATH]\n");
+                         "[--seconds N] [--megabytes N] [--wait MS] [--node PATH]\n");
             return 2;
         }
     }

@@ -75,12 +75,22 @@ TEST(RequestTest, AcceptsEveryOperationWithItsMembers) {
     ASSERT_TRUE(std::holds_alternative<Request>(parsed));
     EXPECT_EQ(std::get<Request>(parsed).input, "hi");
 
+    parsed = parseRequest(
+        R"({"version":1,"op":"poll","data":{"session_id":"s","wait_ms":60000,"max_bytes":1}})");
+    ASSERT_TRUE(std::holds_alternative<Request>(parsed));
+    EXPECT_EQ(std::get<Request>(parsed).waitMs, 60000);
+    EXPECT_EQ(std::get<Request>(parsed).maxBytes, 1u);
+    parsed = parseRequest(R"({"version":1,"op":"poll","data":{"session_id":"s"}})");
+    EXPECT_EQ(std::get<Request>(parsed).waitMs, 0);
+    EXPECT_EQ(std::get<Request>(parsed).maxBytes, 0u);
+
     for (const char* ok : {
              R"({"version":1,"op":"health","data":{}})",
              R"({"version":1,"op":"health"})",
              R"({"version":1,"op":"list_sessions","data":{"extra":[1,2]}})",
              R"({"version":1,"op":"replay_session","data":{"session_id":"s","expected_cwd":"/"}})",
              R"({"version":1,"op":"poll","data":{"session_id":"s"}})",
+             R"({"version":1,"op":"upgrade","data":{"framing":"frames-1"}})",
              R"({"version":1,"op":"resize","data":{"session_id":"s","cols":1,"rows":10000}})",
              R"({"op":"close_session","version":1,"data":{"session_id":""}})",
          }) {
@@ -121,6 +131,17 @@ TEST(RequestTest, RefusesMalformedEnvelopesAndMembersWithAClearText) {
          "cwd must not contain a NUL character"},
         {std::string(100, '[') + std::string(100, ']'), "request nests too deeply"},
         {"{\"version\":1,\"op\":\"h\xff\"}", "request is not valid JSON"},
+        {R"({"version":1,"op":"poll","data":{"session_id":"s","wait_ms":60001}})",
+         "field \"wait_ms\" must be an integer from 0 to 60000"},
+        {R"({"version":1,"op":"poll","data":{"session_id":"s","wait_ms":-1}})",
+         "field \"wait_ms\" must be an integer from 0 to 60000"},
+        {R"({"version":1,"op":"poll","data":{"session_id":"s","wait_ms":"5"}})",
+         "field \"wait_ms\" must be an integer from 0 to 60000"},
+        {R"({"version":1,"op":"poll","data":{"session_id":"s","max_bytes":0}})",
+         "field \"max_bytes\" must be an integer from 1 to 1099511627776"},
+        {R"({"version":1,"op":"upgrade","data":{}})", "missing field \"framing\""},
+        {R"({"version":1,"op":"upgrade","data":{"framing":"frames-2"}})",
+         "unsupported framing (this node speaks frames-1)"},
     };
     for (const auto& [text, error] : cases)
         EXPECT_EQ(refusal(text), error) << text;

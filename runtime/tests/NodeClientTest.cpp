@@ -11,6 +11,7 @@
 #include <cstring>
 #include <filesystem>
 #include <functional>
+#include <thread>
 
 #include <nlohmann/json.hpp>
 
@@ -251,6 +252,47 @@ TEST_F(NodeClientTest, ConcurrentRequestsEachHaveTheirOwnConnection) {
         t.join();
     EXPECT_EQ(answered, 80);
     EXPECT_EQ(peer.connections(), 80);
+}
+
+// A node of an earlier version does not know the upgrade: the output line
+// falls back to plain polls for good, and loses none of their output.
+TEST_F(NodeClientTest, AnOutputLineFallsBackToPlainPollsWhenTheNodeRefusesTheUpgrade) {
+    const int listener = ::socket(AF_UNIX, SOCK_STREAM, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    std::strncpy(address.sun_path, socket().c_str(), sizeof address.sun_path - 1);
+    ASSERT_EQ(::bind(listener, reinterpret_cast<sockaddr*>(&address), sizeof address), 0);
+    ASSERT_EQ(::listen(listener, 8), 0);
+    std::vector<std::string> ops;
+    std::thread node([&] {
+        for (int served = 0; served < 3; ++served) {
+            const int connection = ::accept(listener, nullptr, nullptr);
+            std::string line;
+            char byte;
+            while (::read(connection, &byte, 1) == 1 && byte != '\n')
+                line.push_back(byte);
+            const auto op = nlohmann::json::parse(line).value("op", "");
+            ops.push_back(op);
+            const std::string reply =
+                op == "poll" ? R"({"ok":true,"data":{"output_base64":"aGk=","exited":false}})"
+                               "\n"
+                             : R"({"ok":false,"error":"unknown op \"upgrade\""})"
+                               "\n";
+            ::send(connection, reply.data(), reply.size(), MSG_NOSIGNAL);
+            ::close(connection);
+        }
+    });
+    const UnixSocketClient client(socket());
+    const auto line = client.openOutputLine();
+    for (int i = 0; i < 2; ++i) {
+        const auto result = line->poll("s", 1000ms, 100);
+        EXPECT_EQ(result.output, "hi");
+        EXPECT_FALSE(result.waited);
+        EXPECT_FALSE(result.exited);
+    }
+    node.join();
+    ::close(listener);
+    EXPECT_EQ(ops, (std::vector<std::string>{"upgrade", "poll", "poll"}));
 }
 
 }  // namespace

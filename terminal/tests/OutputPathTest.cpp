@@ -106,6 +106,20 @@ TEST(PollingToken, WakesAreKeptAndCancelEndsTheSleep) {
     EXPECT_LT(std::chrono::steady_clock::now() - begin, 20s);
 }
 
+TEST(PollingToken, CancelInterruptsABlockingPollOnceItIsRegistered) {
+    hl::PollingToken token;
+    int interrupts = 0;
+    token.setInterrupt([&] { ++interrupts; });
+    token.setInterrupt({});  // the poll is over: a cancel now reaches nothing
+    token.cancel();
+    EXPECT_EQ(interrupts, 0);
+    // A poll that starts after the cancel is interrupted at once.
+    token.setInterrupt([&] { ++interrupts; });
+    EXPECT_EQ(interrupts, 1);
+    token.cancel();
+    EXPECT_EQ(interrupts, 2);
+}
+
 // The history, fed directly on the main thread.
 class HistoryTest : public ::testing::Test {
   protected:
