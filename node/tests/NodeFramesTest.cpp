@@ -188,7 +188,9 @@ TEST(NodeFramesTest, HostileFramesGetOneFailureFrameAndEndOnlyTheirOwnConnection
                            .dump()));
     std::string tail;
     EXPECT_EQ(replaying.readFrame(&tail),
-              (json{{"ok", true}, {"data", {{"cwd", node.folder()}, {"exited", false}}}}));
+              (json{{"ok", true},
+                    {"data",
+                     {{"cwd", node.folder()}, {"exited", false}, {"shell_cwd", node.folder()}}}}));
     EXPECT_NE(tail.find("tail-end"), std::string::npos);
 
     // An unknown framing is refused and the connection stays plain.

@@ -31,6 +31,7 @@ cat >"$work/expected" <<LIST
 /usr/share/doc/harborlattice/copyright
 /usr/share/harborlattice/Terminal/addon-fit.js
 /usr/share/harborlattice/Terminal/addon-search.js
+/usr/share/harborlattice/Terminal/addon-unicode11.js
 /usr/share/harborlattice/Terminal/addon-web-links.js
 /usr/share/harborlattice/Terminal/xterm.css
 /usr/share/harborlattice/Terminal/xterm.js

@@ -190,8 +190,9 @@ TEST(SuspendedPaneTest, ALostPaneKeepsItsShellAndAClosedOneClosesIt) {
     const auto client = node.client();
     const auto listed = [&] {
         std::set<std::string> ids;
-        for (const auto& id : *client.request("list_sessions")["session_ids"].arrayValue())
-            ids.insert(*id.stringValue());
+        const auto values = client.request("list_sessions")["session_ids"].arrayValue();
+        for (const auto& id : values.value_or(std::vector<JSONValue>{}))
+            ids.insert(id.stringValue().value_or(""));
         return ids;
     };
 
