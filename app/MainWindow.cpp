@@ -10,6 +10,7 @@
 #include "AboutDialog.h"
 #include "CheckForUpdatesButton.h"
 #include "ContentView.h"
+#include "SettingsDialog.h"
 #include "StoredDataPrompts.h"
 #include "TerminalCommands.h"
 #include "WindowGeometry.h"
@@ -51,6 +52,20 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     connect(quit, &QAction::triggered, qApp, &QApplication::quit, Qt::QueuedConnection);
 
     terminalCommands_ = new TerminalCommands(this, &workspace, app.defaults());
+    for (QAction* menu : menuBar()->actions()) {
+        if (menu->menu() == nullptr || menu->text() != QLatin1String("Edit")) continue;
+        menu->menu()->addSeparator();
+        QAction* settings = menu->menu()->addAction(QStringLiteral("Settings…"));
+        settings->setObjectName("edit.settings");
+        settings->setMenuRole(QAction::PreferencesRole);
+        settings->setShortcut(
+            runningKeyPlatform() == KeyPlatform::MacOS
+                ? QKeySequence(QKeySequence::Preferences)
+                : QKeySequence(QKeyCombination(Qt::ControlModifier, Qt::Key_Comma)));
+        addAction(settings);
+        connect(settings, &QAction::triggered, this,
+                [&app, this] { SettingsDialog::present(app, this, SettingsDialog::Page::Sync); });
+    }
 
     QMenu* terminal = menuBar()->addMenu(QStringLiteral("Terminal"));
     addCommand(terminal, Command::SplitRight, [&workspace] { workspace.split(true); });

@@ -3,6 +3,7 @@
 
 #include <cerrno>
 
+#include "SharedSnapshotCodec.h"
 #include "SharedStateTransport.h"
 
 namespace hl {
@@ -109,6 +110,23 @@ CloudSyncStatus syncStatusForError(const std::exception& error) {
             break;
     }
     return CloudSyncStatus::of(Kind::SyncFailed);
+}
+
+CloudSyncStatus syncStatusForFailure(std::exception_ptr error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const SharedStateError& failure) {
+        const bool rejected = failure.kind() != SharedStateError::Kind::CloudConflict &&
+                              failure.kind() != SharedStateError::Kind::NotConfigured;
+        return rejected ? CloudSyncStatus::of(CloudSyncStatus::Kind::InvalidRemote)
+                        : syncStatusForError(failure);
+    } catch (const SharedSnapshotCodecError&) {
+        return CloudSyncStatus::of(CloudSyncStatus::Kind::InvalidRemote);
+    } catch (const std::exception& failure) {
+        return syncStatusForError(failure);
+    } catch (...) {
+    }
+    return CloudSyncStatus::of(CloudSyncStatus::Kind::SyncFailed);
 }
 
 }  // namespace hl
