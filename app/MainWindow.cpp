@@ -26,10 +26,14 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     setCentralWidget(content_);
     content_->setStartOver([&app] { return !app.damagedKeys().empty(); },
                            [&app, this] { offerKeepCopyAndStartOver(app, this); });
-    installSyncSidebar(
+    SyncSidebar* syncPieces = installSyncSidebar(
         app.sync(), content_,
         [this](const ProjectRecord& record) { content_->openProject(record); }, &app.projectCopy(),
         &app.workspace());
+    if (syncPieces) {
+        connect(syncPieces, &SyncSidebar::syncSettingsRequested, this,
+                [&app, this] { SettingsDialog::present(app, this, SettingsDialog::Page::Sync); });
+    }
 
     WorkspaceStore& workspace = app.workspace();
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));

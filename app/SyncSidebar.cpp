@@ -2,6 +2,7 @@
 // start of a copy.
 #include "SyncSidebar.h"
 
+#include <QEvent>
 #include <QFileDialog>
 #include <QFrame>
 #include <QHBoxLayout>
@@ -152,6 +153,10 @@ SyncSidebar::SyncSidebar(
     caption.setPointSizeF(caption.pointSizeF() * 0.85);
     statusText_->setFont(caption);
     statusText_->setForegroundRole(QPalette::PlaceholderText);
+    // The whole status is always readable: it wraps between words rather than
+    // being cut, and the tooltip repeats it.
+    statusText_->setWordWrap(true);
+    statusRow_->installEventFilter(this);
     restore_ = new QPushButton(SyncTexts::restorePrevious(), statusRow_);
     restore_->setObjectName("sync.restorePrevious");
     restore_->setFlat(true);
@@ -195,11 +200,23 @@ SyncSidebar::SyncSidebar(
 void SyncSidebar::updateStatus() {
     if (!sync_) return;
     statusText_->setText(sync_->status().title());
+    statusText_->setToolTip(sync_->status().title());
+    const bool notSetUp = sync_->status().kind == CloudSyncStatus::Kind::LocalOnly;
+    statusRow_->setCursor(notSetUp ? Qt::PointingHandCursor : Qt::ArrowCursor);
     statusIcon_->setPixmap(symbolPixmap(sync_->status().systemImage(), 12));
     restore_->setVisible(sync_->recoveryCount() > 0);
     if (workspace_)
         suspendedCount_->setText(
             SyncTexts::suspendedTerminals(workspace_->suspendedPanes().size()));
+}
+
+bool SyncSidebar::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == statusRow_ && event->type() == QEvent::MouseButtonRelease && sync_ &&
+        sync_->status().kind == CloudSyncStatus::Kind::LocalOnly) {
+        emit syncSettingsRequested();
+        return true;
+    }
+    return QObject::eventFilter(watched, event);
 }
 
 void SyncSidebar::rebuildSection() {

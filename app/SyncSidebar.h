@@ -92,6 +92,13 @@ class SyncSidebar : public QObject {
     // The restore question while it is shown.
     QMessageBox* restoreDialog() const { return restoreDialog_; }
 
+  signals:
+    // The status row was clicked while sync is not set up.
+    void syncSettingsRequested();
+
+  protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
   private:
     void updateStatus();
     void rebuildSection();

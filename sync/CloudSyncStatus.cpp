@@ -16,7 +16,8 @@ QString CloudSyncStatus::title(TextPlatform platform) const {
                                : QStringLiteral("projects need")) +
                    QStringLiteral(" local folder setup");
         case Kind::LocalOnly:
-            return QStringLiteral("Local only · CloudKit entitlement missing");
+            return platformText(platform, "Local only · CloudKit entitlement missing",
+                                "Local only · sync is not set up");
         case Kind::CloudUnavailable:
             return platformText(platform, "iCloud unavailable · working locally",
                                 "Cloud unavailable · working locally");
@@ -30,9 +31,11 @@ QString CloudSyncStatus::title(TextPlatform platform) const {
             return platformText(platform, "iCloud data rejected · local state preserved",
                                 "Cloud data rejected · local state preserved");
         case Kind::CloudSchema:
-            return QStringLiteral("CloudKit schema unavailable · changes saved locally");
+            return platformText(platform, "CloudKit schema unavailable · changes saved locally",
+                                "Sync location not supported · changes saved locally");
         case Kind::CloudSigning:
-            return QStringLiteral("CloudKit signing mismatch · changes saved locally");
+            return platformText(platform, "CloudKit signing mismatch · changes saved locally",
+                                "Sync server certificate not trusted · changes saved locally");
         case Kind::CloudPermission:
             return platformText(platform, "iCloud permission denied · changes saved locally",
                                 "Cloud permission denied · changes saved locally");
