@@ -81,13 +81,13 @@ int main(int argc, char** argv) {
     ::mkdir(runtime.c_str(), 0700);
     ::setenv("XDG_RUNTIME_DIR", runtime.c_str(), 1);
     std::string address;
-    busPid = startChild({"dbus-daemon", "--session", "--nofork", "--print-address=1"}, {},
-                        &address);
+    busPid =
+        startChild({"dbus-daemon", "--session", "--nofork", "--print-address=1"}, {}, &address);
     if (!address.empty()) ::setenv("DBUS_SESSION_BUS_ADDRESS", address.c_str(), 1);
     // The keyring's password unlocks (and first creates) the login keyring.
-    keyringPid = startChild({"gnome-keyring-daemon", "--foreground", "--unlock",
-                             "--components=secrets"},
-                            "keyring-password", nullptr);
+    keyringPid =
+        startChild({"gnome-keyring-daemon", "--foreground", "--unlock", "--components=secrets"},
+                   "keyring-password", nullptr);
     int result = 0;
     {
         QApplication app(argc, argv);

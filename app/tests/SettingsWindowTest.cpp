@@ -5,9 +5,14 @@
 
 #include <QAbstractButton>
 #include <QAction>
+#include <QCheckBox>
+#include <QComboBox>
 #include <QFileDialog>
 #include <QLabel>
 #include <QLineEdit>
+#include <QSignalSpy>
+#include <QSpinBox>
+#include <QTabWidget>
 #include <QTest>
 
 #include <fstream>
@@ -21,6 +26,8 @@
 #include "SettingsDialog.h"
 #include "SettingsTestSupport.h"
 #include "SyncSettings.h"
+#include "TerminalSettings.h"
+#include "UpdateSettings.h"
 #include "WebDavSharedStateTransport.h"
 
 namespace fs = std::filesystem;
@@ -119,7 +126,8 @@ TEST(SettingsWindowTest, TheSyncVariableNamesThePlaceButNeverReachesTheNodeOrIts
         << mine.status().toStdString();
     mine.app->workspace().createScratchTerminal();
     ASSERT_TRUE(spinUntil([&] {
-        return !hl::apptest::nodeSessions(qEnvironmentVariable("HARBORLATTICE_SOCKET").toStdString())
+        return !hl::apptest::nodeSessions(
+                    qEnvironmentVariable("HARBORLATTICE_SOCKET").toStdString())
                     .empty();
     }));
     qunsetenv(hl::syncUrlVariable);
@@ -154,8 +162,8 @@ TEST(SettingsWindowTest, AFolderChosenInTheSyncPageIsUsedAtOnceAndKept) {
     ASSERT_NE(row, nullptr);
     QTest::mouseClick(row, Qt::LeftButton);
     hl::SettingsDialog* dialog = nullptr;
-    ASSERT_TRUE(
-        spinUntil([&] { return (dialog = mine.window.findChild<hl::SettingsDialog*>("settings")); }));
+    ASSERT_TRUE(spinUntil(
+        [&] { return (dialog = mine.window.findChild<hl::SettingsDialog*>("settings")); }));
     EXPECT_FALSE(dialog->isModal());
     ASSERT_NE(find(dialog, "settings.sync"), nullptr) << "opened on the Sync page";
 
@@ -166,9 +174,9 @@ TEST(SettingsWindowTest, AFolderChosenInTheSyncPageIsUsedAtOnceAndKept) {
     emit chooser->fileSelected(QString::fromStdString(record.string()));
     chooser->close();
 
-    ASSERT_TRUE(spinUntil(
-        [&] { return mine.status() == "1 Cloud project needs local folder setup"; }))
-        << mine.status().toStdString();
+    ASSERT_TRUE(spinUntil([&] {
+        return mine.status() == "1 Cloud project needs local folder setup";
+    })) << mine.status().toStdString();
     EXPECT_EQ(mine.app->sync().unmappedProjects().value(0).name, "beta");
     EXPECT_EQ(testResult(dialog), "Reachable · shared state found with 1 project");
     const hl::SyncSettings kept = hl::SyncSettings::read(*mine.app->defaults());
@@ -226,13 +234,61 @@ TEST(SettingsWindowTest, AWebDavFileSyncsWithThePasswordOnlyInTheSecretService) 
     // the preferences included, holds the password.
     mine.app->workspace().createScratchTerminal();
     ASSERT_TRUE(spinUntil([&] {
-        return !hl::apptest::nodeSessions(qEnvironmentVariable("HARBORLATTICE_SOCKET").toStdString())
+        return !hl::apptest::nodeSessions(
+                    qEnvironmentVariable("HARBORLATTICE_SOCKET").toStdString())
                     .empty();
     }));
     for (const auto& variable : childEnvironments())
         EXPECT_EQ(variable.find(password.toStdString()), std::string::npos) << variable;
     EXPECT_EQ(filesHolding(hl::apptest::baseFolder(), password.toStdString()),
               std::vector<fs::path>{});
+    dialog->close();
+}
+
+TEST(SettingsWindowTest, TheUpdatesAndTerminalsPagesChangeWhatTheySay) {
+    Instance mine("settings-pages");
+    hl::SettingsDialog* dialog = mine.openSettings();
+    ASSERT_NE(dialog, nullptr);
+    auto* pages = find<QTabWidget>(dialog, "settings.pages");
+    ASSERT_NE(pages, nullptr);
+
+    // Updates: this build has no feed of its own, so until the user gives one
+    // the package manager updates it; a feed of the user's reaches the updater.
+    pages->setCurrentIndex(static_cast<int>(hl::SettingsDialog::Page::Updates));
+    auto* note = find<QLabel>(dialog, "settings.updates.note");
+    ASSERT_NE(note, nullptr);
+    EXPECT_EQ(note->text(), "Updates come from your package manager");
+    const QString feed = QStringLiteral("https://127.0.0.1:9/appcast.xml");
+    type(find<QLineEdit>(dialog, "settings.updates.feed"), feed);
+    const hl::UpdateChannel& channel = mine.app->updater().standardController()->channel();
+    EXPECT_EQ(channel.feedURL, QUrl(feed));
+    EXPECT_FALSE(channel.packageManaged);
+    EXPECT_TRUE(channel.automaticallyChecks);
+    EXPECT_EQ(note->text(), "Updates are checked at " + feed);
+    find<QCheckBox>(dialog, "settings.updates.automatic")->click();
+    EXPECT_FALSE(mine.app->updater().standardController()->channel().automaticallyChecks);
+    EXPECT_EQ(hl::UpdateSettings::read(*mine.app->defaults()), (hl::UpdateSettings{false, feed}));
+    // A build that dpkg installed stays with its package manager whatever feed is set.
+    hl::UpdateChannel packaged = hl::UpdateChannel::standard();
+    packaged.installedByPackage = true;
+    EXPECT_TRUE((hl::UpdateSettings{true, feed}.channel(packaged).packageManaged));
+
+    // Terminals: each control changes the kept settings, told once per change.
+    pages->setCurrentIndex(static_cast<int>(hl::SettingsDialog::Page::Terminals));
+    QSignalSpy told(&mine.app->terminalSettings(), &hl::TerminalSettingsStore::changed);
+    find<QSpinBox>(dialog, "settings.terminals.size")->setValue(17);
+    find<QComboBox>(dialog, "settings.terminals.scheme")->setCurrentIndex(2);
+    find<QComboBox>(dialog, "settings.terminals.bell")->setCurrentIndex(2);
+    find<QCheckBox>(dialog, "settings.terminals.copyOnSelect")->click();
+    ASSERT_TRUE(spinUntil([&] { return told.size() == 4; })) << told.size();
+    const hl::TerminalSettings kept = hl::TerminalSettings::read(*mine.app->defaults());
+    EXPECT_EQ(kept, mine.app->terminalSettings().settings());
+    EXPECT_EQ(kept.fontSize, 17);
+    EXPECT_EQ(kept.colorScheme, hl::TerminalSettings::ColorScheme::Dark);
+    EXPECT_EQ(kept.bell, hl::TerminalSettings::Bell::None);
+    EXPECT_TRUE(kept.copyOnSelect);
+    EXPECT_EQ(told.last().first().value<hl::TerminalSettings>(), kept);
+    EXPECT_FALSE(kept.fontFamily.isEmpty());
     dialog->close();
 }
 

@@ -10,8 +10,8 @@
 #include <unistd.h>
 #include <csignal>
 
-#include <QDeadlineTimer>
 #include <QCryptographicHash>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
 #include <QTcpServer>
@@ -102,9 +102,10 @@ bool ApacheServer::startOnce(quint16 port) {
             return false;
         }
         users.close();
-        config += QStringLiteral("<Directory \"%1/dav\">\n  Dav On\n  AuthType Basic\n"
-                                 "  AuthName dav\n  AuthUserFile \"%1/users\"\n"
-                                 "  Require valid-user\n</Directory>\n")
+        config += QStringLiteral(
+                      "<Directory \"%1/dav\">\n  Dav On\n  AuthType Basic\n"
+                      "  AuthName dav\n  AuthUserFile \"%1/users\"\n"
+                      "  Require valid-user\n</Directory>\n")
                       .arg(root_);
     }
     QFile file(root_ + "/httpd.conf");
