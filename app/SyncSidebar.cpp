@@ -5,11 +5,14 @@
 #include <QEvent>
 #include <QFileDialog>
 #include <QFrame>
+#include <QGridLayout>
 #include <QHBoxLayout>
+#include <QLabel>
 #include <QMenu>
 #include <QTimer>
 #include <QToolButton>
 
+#include "ContentView.h"
 #include "ProjectCopySheet.h"
 #include "SymbolIcon.h"
 
@@ -126,6 +129,15 @@ SyncSidebar::SyncSidebar(
             panel.setOption(QFileDialog::ShowDirsOnly);
             panel.setLabelText(QFileDialog::Accept, prompt);
             panel.setToolTip(message);
+            // The message is shown in the dialog itself, under its controls; the
+            // desktop's own dialog has no place for it.
+            panel.setOption(QFileDialog::DontUseNativeDialog);
+            if (auto* grid = qobject_cast<QGridLayout*>(panel.layout())) {
+                auto* words = new QLabel(message, &panel);
+                words->setObjectName("sync.chooseFolder.message");
+                words->setWordWrap(true);
+                grid->addWidget(words, grid->rowCount(), 0, 1, grid->columnCount());
+            }
             if (panel.exec() != QDialog::Accepted || panel.selectedFiles().isEmpty())
                 return std::nullopt;
             return panel.selectedFiles().front();
@@ -383,15 +395,12 @@ ProjectCopySource copySourceOf(const SharedProject& project) {
 SyncSidebar* installSyncSidebar(CloudSyncCoordinator& sync, QWidget* window,
                                 std::function<void(const ProjectRecord&)> openProject,
                                 ProjectCopyController* copy, WorkspaceStore* workspace) {
+    auto* content = qobject_cast<ContentView*>(window);
     auto* sidebar = window->findChild<QWidget*>(QStringLiteral("sidebar"));
-    auto* errorRow = window->findChild<QWidget*>(QStringLiteral("sidebar.error"));
-    auto* column = sidebar ? qobject_cast<QVBoxLayout*>(sidebar->layout()) : nullptr;
-    if (!column || !errorRow) return nullptr;
+    if (!content || !sidebar) return nullptr;
     auto* pieces = new SyncSidebar(&sync, sidebar, std::move(openProject), copy, {}, workspace);
     if (copy) new ProjectCopySheet(copy, window);
-    const int at = column->indexOf(errorRow);
-    column->insertWidget(at, pieces->statusRow());
-    column->insertWidget(at, pieces->fromCloudSection());
+    content->setSyncPieces(pieces->fromCloudSection(), pieces->statusRow());
     return pieces;
 }
 
