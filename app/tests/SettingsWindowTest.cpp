@@ -24,10 +24,10 @@
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
 #include "SettingsDialog.h"
-#include "SettingsTestSupport.h"
 #include "SyncSettings.h"
 #include "TerminalSettings.h"
 #include "UpdateSettings.h"
+#include "UpdatesTestSupport.h"
 #include "WebDavSharedStateTransport.h"
 
 namespace fs = std::filesystem;
@@ -191,7 +191,7 @@ TEST(SettingsWindowTest, AFolderChosenInTheSyncPageIsUsedAtOnceAndKept) {
 }
 
 TEST(SettingsWindowTest, AWebDavFileSyncsWithThePasswordOnlyInTheSecretService) {
-    if (!hl::settingstest::secretServiceRuns())
+    if (!hl::updatestest::secretServiceRuns())
         GTEST_SKIP() << "gnome-keyring-daemon did not start on the test's bus";
     const QString password = QStringLiteral("Pw-4kq9-harbor");
     hl::test::ApacheServer server(QStringLiteral("harbor"), password);
