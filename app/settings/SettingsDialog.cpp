@@ -1,7 +1,6 @@
 // The Settings window and its pages.
 #include "SettingsDialog.h"
 
-#include <QPointer>
 #include <QTabWidget>
 #include <QVBoxLayout>
 
@@ -13,11 +12,10 @@
 namespace hl {
 
 SettingsDialog* SettingsDialog::present(HarborlatticeApp& app, QWidget* parent, Page page) {
-    static QPointer<SettingsDialog> shown;
-    if (!shown) {
-        shown = new SettingsDialog(app, parent);
-        shown->setAttribute(Qt::WA_DeleteOnClose);
-    }
+    auto* shown =
+        parent->findChild<SettingsDialog*>(QStringLiteral("settings"), Qt::FindDirectChildrenOnly);
+    // Closing hides it; it lives as long as its window.
+    if (!shown) shown = new SettingsDialog(app, parent);
     shown->showPage(page);
     shown->show();
     shown->raise();

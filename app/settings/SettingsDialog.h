@@ -17,7 +17,7 @@ class SettingsDialog : public QDialog {
   public:
     enum class Page { Sync, Terminals, Updates };
 
-    // Shows the one dialog of `app` on `page`, building it the first time.
+    // Shows the one dialog of `parent` (a window) on `page`, building it the first time.
     static SettingsDialog* present(HarborlatticeApp& app, QWidget* parent, Page page);
 
     SettingsDialog(HarborlatticeApp& app, QWidget* parent);
