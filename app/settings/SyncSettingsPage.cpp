@@ -52,8 +52,9 @@ SyncSettingsPage::SyncSettingsPage(SyncSettingsController& controller, QWidget* 
         auto* button = new QRadioButton(names[i], this);
         button->setObjectName(objectNames[i]);
         mode_->addButton(button, i);
-        column->addWidget(button);
     }
+    column->addWidget(mode_->button(0));
+    column->addWidget(mode_->button(1));
 
     auto* folderRow = new QHBoxLayout;
     folder_ = new QLabel(this);
@@ -63,9 +64,12 @@ SyncSettingsPage::SyncSettingsPage(SyncSettingsController& controller, QWidget* 
     choose->setObjectName("settings.sync.chooseFolder");
     folderRow->addWidget(folder_, 1);
     folderRow->addWidget(choose);
+    folderRow->setContentsMargins(24, 0, 0, 0);
     column->addLayout(folderRow);
+    column->addWidget(mode_->button(2));
 
     auto* form = new QFormLayout;
+    form->setContentsMargins(24, 0, 0, 0);
     url_ = new QLineEdit(this);
     url_->setObjectName("settings.sync.url");
     url_->setPlaceholderText(QStringLiteral("https://server/folder/harborlattice.json"));
@@ -90,6 +94,16 @@ SyncSettingsPage::SyncSettingsPage(SyncSettingsController& controller, QWidget* 
     column->addStretch(1);
 
     showSettings();
+    // The file's fields take input only while the WebDAV file is chosen.
+    connect(mode_, &QButtonGroup::idToggled, this, [this](int id, bool checked) {
+        if (id != 2) return;
+        for (QWidget* field : {static_cast<QWidget*>(url_), static_cast<QWidget*>(user_),
+                               static_cast<QWidget*>(password_)})
+            field->setEnabled(checked);
+    });
+    for (QWidget* field : {static_cast<QWidget*>(url_), static_cast<QWidget*>(user_),
+                           static_cast<QWidget*>(password_)})
+        field->setEnabled(mode_->checkedId() == 2);
     connect(mode_, &QButtonGroup::idClicked, this, [this](int id) {
         if (id == 1 && controller_.settings().folder.isEmpty() && folder_->text().isEmpty())
             return chooseFolder();

@@ -5,6 +5,7 @@
 
 #include <QAbstractButton>
 #include <QAction>
+#include <QApplication>
 #include <QCheckBox>
 #include <QComboBox>
 #include <QFileDialog>
@@ -214,6 +215,7 @@ TEST(SettingsWindowTest, AWebDavFileSyncsWithThePasswordOnlyInTheSecretService) 
               server.url("shared.json").toString());
     ASSERT_TRUE(spinUntil([&] { return mine.status() == "Synced with Cloud"; }))
         << mine.status().toStdString();
+    hl::apptest::saveScreenshot(dialog, "settings-sync-webdav");
     EXPECT_TRUE(QFile::exists(server.filePath("shared.json")));
     EXPECT_EQ(testResult(dialog), "Reachable · shared state found with 0 projects");
 
@@ -247,8 +249,14 @@ TEST(SettingsWindowTest, AWebDavFileSyncsWithThePasswordOnlyInTheSecretService) 
 
 TEST(SettingsWindowTest, TheUpdatesAndTerminalsPagesChangeWhatTheySay) {
     Instance mine("settings-pages");
-    hl::SettingsDialog* dialog = mine.openSettings();
-    ASSERT_NE(dialog, nullptr);
+    // Ctrl+, opens it, wherever focus is in the window.
+    QApplication::setActiveWindow(&mine.window);
+    QTest::keyClick(mine.window.windowHandle(), Qt::Key_Comma, Qt::ControlModifier);
+    hl::SettingsDialog* dialog = nullptr;
+    ASSERT_TRUE(spinUntil([&] {
+        return (dialog = mine.window.findChild<hl::SettingsDialog*>("settings")) &&
+               dialog->isVisible();
+    }));
     auto* pages = find<QTabWidget>(dialog, "settings.pages");
     ASSERT_NE(pages, nullptr);
 
