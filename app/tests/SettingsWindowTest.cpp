@@ -197,7 +197,8 @@ TEST(SettingsWindowTest, AWebDavFileSyncsWithThePasswordOnlyInTheSecretService) 
     const QString password = QStringLiteral("Pw-4kq9-harbor");
     hl::test::ApacheServer server(QStringLiteral("harbor"), password);
     ASSERT_TRUE(server.isRunning()) << server.error().toStdString();
-    Instance mine("settings-webdav");
+    auto first = std::make_unique<Instance>("settings-webdav");
+    Instance& mine = *first;
     hl::SettingsDialog* dialog = mine.openSettings();
     ASSERT_NE(dialog, nullptr);
     find<QAbstractButton>(dialog, "settings.sync.webDavMode")->click();
@@ -245,6 +246,16 @@ TEST(SettingsWindowTest, AWebDavFileSyncsWithThePasswordOnlyInTheSecretService) 
     EXPECT_EQ(filesHolding(hl::apptest::baseFolder(), password.toStdString()),
               std::vector<fs::path>{});
     dialog->close();
+    const QUuid accepted = mine.app->sync().accepted()->revision();
+
+    // The next start reads the password from the Secret Service and goes on
+    // with the same record, from the state it had accepted.
+    first.reset();
+    Instance again("settings-webdav");
+    EXPECT_EQ(again.app->sync().accepted()->revision(), accepted);
+    ASSERT_TRUE(spinUntil([&] { return again.status() == "Synced with Cloud"; }))
+        << again.status().toStdString();
+    EXPECT_EQ(again.app->sync().accepted()->revision(), accepted);
 }
 
 TEST(SettingsWindowTest, TheUpdatesAndTerminalsPagesChangeWhatTheySay) {
