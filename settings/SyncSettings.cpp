@@ -3,6 +3,8 @@
 
 #include <QJsonObject>
 
+#include <stdlib.h>
+
 #include <cstdlib>
 
 #include "FolderSharedStateTransport.h"
@@ -79,10 +81,25 @@ std::shared_ptr<SharedStateTransport> makeSyncTransport(const SyncSettings& sett
     return std::make_shared<DisabledSharedStateTransport>();
 }
 
+namespace {
+
+std::optional<QString>& takenOverride() {
+    static std::optional<QString> taken;
+    return taken;
+}
+
+}  // namespace
+
 std::optional<QString> syncUrlOverride() {
     const char* value = std::getenv(syncUrlVariable);
-    if (value == nullptr || QString::fromUtf8(value).trimmed().isEmpty()) return std::nullopt;
+    if (value == nullptr) return takenOverride();
+    if (QString::fromUtf8(value).trimmed().isEmpty()) return std::nullopt;
     return QString::fromUtf8(value);
+}
+
+void takeSyncUrlOverrideFromEnvironment() {
+    takenOverride() = syncUrlOverride();
+    ::unsetenv(syncUrlVariable);
 }
 
 }  // namespace hl

@@ -48,5 +48,9 @@ std::shared_ptr<SharedStateTransport> makeSyncTransport(const SyncSettings& sett
 // The value of HARBORLATTICE_SYNC_URL when it is set and not empty: it then
 // names the place instead of the settings (the tests use it).
 std::optional<QString> syncUrlOverride();
+// Takes HARBORLATTICE_SYNC_URL out of this process's environment, so that no
+// child of the application (the node, its shells, a copy's ssh) receives it;
+// syncUrlOverride() still gives it. Called once, before the application is built.
+void takeSyncUrlOverrideFromEnvironment();
 
 }  // namespace hl
