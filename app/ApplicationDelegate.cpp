@@ -39,6 +39,12 @@ void ApplicationDelegate::applicationDidFinishLaunching() {
     if (cloudSync && !changeWatchIsSet_) {
         changeWatchIsSet_ = true;
         cloudSync->transport().watchChanges(this, [this] { sharedStateDidChangeExternally(); });
+        // A new place is watched from when it is taken into use.
+        connect(cloudSync, &CloudSyncCoordinator::transportChanged, this, [this] {
+            if (cloudSync)
+                cloudSync->transport().watchChanges(this,
+                                                    [this] { sharedStateDidChangeExternally(); });
+        });
     }
     startRefreshTick();
     emit didFinishLaunching();

@@ -305,6 +305,9 @@ void ContentView::setStartOver(std::function<bool()> isOffered, std::function<vo
 }
 
 void ContentView::rebuildSidebarList() {
+    // The sync section moves to the new list; the old one goes with its rows.
+    const bool sectionShown = syncSection_ && !syncSection_->isHidden();
+    if (syncSection_) syncSection_->setParent(nullptr);
     if (listContent_) {
         // Unparented at once so that nothing finds the old rows; deleted later
         // because one of them may be the button being clicked.
@@ -319,6 +322,10 @@ void ContentView::rebuildSidebarList() {
     column->setSpacing(2);
     column->addWidget(scratchRow());
     column->addSpacing(10);
+    if (syncSection_) {
+        column->addWidget(syncSection_);
+        syncSection_->setVisible(sectionShown);
+    }
     if (catalog_->projects().empty()) {
         auto* first = new SidebarRow(content);
         first->setObjectName("sidebar.addFirstProject");

@@ -62,6 +62,9 @@ class ContentView : public QWidget {
     bool ideaComposerVisible() const { return ideaComposerVisible_; }
     void setIdeaComposerVisible(bool visible);
     QSplitter* splitter() const { return splitter_; }
+    // Puts the sync pieces in their places: `section` in the list between the
+    // Scratch row and the projects, `statusRow` under the list, above the foot.
+    void setSyncPieces(QWidget* section, QWidget* statusRow);
 
   private:
     QWidget* buildSidebar();
@@ -85,6 +88,7 @@ class ContentView : public QWidget {
     QSplitter* splitter_ = nullptr;
     QVBoxLayout* listColumn_ = nullptr;
     QPointer<QWidget> listContent_;
+    QPointer<QWidget> syncSection_;
     QWidget* errorRow_ = nullptr;
     QLabel* errorText_ = nullptr;
     QPushButton* startOverButton_ = nullptr;

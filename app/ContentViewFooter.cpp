@@ -39,6 +39,7 @@ QFrame* divider(QWidget* parent) {
 
 QWidget* ContentView::buildSidebarFooter(QWidget* parent) {
     auto* footer = new QWidget(parent);
+    footer->setObjectName("sidebar.footer");
     auto* column = new QVBoxLayout(footer);
     column->setContentsMargins(0, 0, 0, 0);
     column->setSpacing(0);
@@ -56,6 +57,14 @@ QWidget* ContentView::buildSidebarFooter(QWidget* parent) {
     connect(share, &QPushButton::clicked, this, [this] { setIdeaComposerVisible(true); });
     column->addWidget(share);
     return footer;
+}
+
+void ContentView::setSyncPieces(QWidget* section, QWidget* statusRow) {
+    auto* footer = findChild<QWidget*>(QStringLiteral("sidebar.footer"));
+    auto* column = footer ? qobject_cast<QVBoxLayout*>(footer->parentWidget()->layout()) : nullptr;
+    if (column) column->insertWidget(column->indexOf(footer), statusRow);
+    syncSection_ = section;
+    rebuildSidebarList();
 }
 
 void ContentView::setIdeaComposerVisible(bool visible) {

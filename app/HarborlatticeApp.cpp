@@ -30,14 +30,17 @@ HarborlatticeApp::HarborlatticeApp(const std::filesystem::path& preferencesFile,
     // How other computers reach this one, then the coordinator on both stores;
     // its first refresh waits for the event loop.
     const DeviceCopyEndpoint endpoint = DeviceCopyEndpoint::discover();
-    std::shared_ptr<SharedStateTransport> transport = makeSharedStateTransport();
-    std::weak_ptr<SharedStateTransport> signal = transport;
-    auto sync = std::make_unique<CloudSyncCoordinator>(defaults_, transport, endpoint,
-                                                       [signal](const QUuid& revision) {
-                                                           if (auto t = signal.lock())
-                                                               t->publishChange(revision);
-                                                       });
+    syncSettings_ = std::make_unique<SyncSettingsController>(
+        defaults_, std::make_shared<SecretServicePasswordStore>());
+    auto current = std::make_shared<QPointer<CloudSyncCoordinator>>();
+    auto sync = std::make_unique<CloudSyncCoordinator>(
+        defaults_, syncSettings_->startingTransport(), endpoint, [current](const QUuid& revision) {
+            if (*current) (*current)->transport().publishChange(revision);
+        });
+    *current = sync.get();
     sync->attach(catalog.get(), workspace.get(), true);
+    syncSettings_->attach(sync.get());
+    terminalSettings_ = std::make_unique<TerminalSettingsStore>(defaults_);
     catalog_ = std::move(catalog);
     workspace_ = std::move(workspace);
     sync_ = std::move(sync);
@@ -84,8 +87,21 @@ std::vector<RecoveredValue> HarborlatticeApp::keepCopyAndStartOver(
 HarborlatticeApp::~HarborlatticeApp() = default;
 
 AppUpdater& HarborlatticeApp::updater() const {
-    if (!updater_) updater_ = std::make_unique<AppUpdater>();
+    if (!updater_) {
+        updater_ = std::make_unique<AppUpdater>(std::make_unique<AppcastUpdater>(
+            UpdateSettings::read(*defaults_).channel(UpdateChannel::standard())));
+    }
     return *updater_;
+}
+
+UpdateSettings HarborlatticeApp::updateSettings() const {
+    return UpdateSettings::read(*defaults_);
+}
+
+void HarborlatticeApp::setUpdateSettings(const UpdateSettings& settings) {
+    settings.write(*defaults_);
+    if (updater_ && updater_->standardController())
+        updater_->standardController()->setChannel(settings.channel(UpdateChannel::standard()));
 }
 
 }  // namespace hl

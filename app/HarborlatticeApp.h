@@ -21,6 +21,9 @@
 #include "ProjectCatalog.h"
 #include "ProjectCopyController.h"
 #include "RuntimePaths.h"
+#include "SyncSettingsController.h"
+#include "TerminalSettings.h"
+#include "UpdateSettings.h"
 #include "WorkspaceStore.h"
 
 namespace hl {
@@ -45,6 +48,12 @@ class HarborlatticeApp {
     // Built when first asked for, by the window, not at start-up.
     AppUpdater& updater() const;
     CloudSyncCoordinator& sync() const { return *sync_; }
+    // The settings the Settings dialog shows and changes.
+    SyncSettingsController& syncSettings() const { return *syncSettings_; }
+    TerminalSettingsStore& terminalSettings() const { return *terminalSettings_; }
+    UpdateSettings updateSettings() const;
+    // Keeps `settings` and gives the updater, when it runs, the channel they make.
+    void setUpdateSettings(const UpdateSettings& settings);
     // Fetches shared projects' folders from the computers that hold them.
     ProjectCopyController& projectCopy() const { return *projectCopy_; }
     const std::shared_ptr<Preferences>& defaults() const { return defaults_; }
@@ -68,6 +77,8 @@ class HarborlatticeApp {
     std::unique_ptr<WorkspaceStore> workspace_;
     mutable std::unique_ptr<AppUpdater> updater_;
     std::unique_ptr<ProjectCopyController> projectCopy_;
+    std::unique_ptr<TerminalSettingsStore> terminalSettings_;
+    std::unique_ptr<SyncSettingsController> syncSettings_;
     // Declared last: it lets go of the stores' hooks before they go.
     std::unique_ptr<CloudSyncCoordinator> sync_;
 };

@@ -10,6 +10,7 @@
 #include "AboutDialog.h"
 #include "CheckForUpdatesButton.h"
 #include "ContentView.h"
+#include "SettingsDialog.h"
 #include "StoredDataPrompts.h"
 #include "TerminalCommands.h"
 #include "WindowGeometry.h"
@@ -25,10 +26,14 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     setCentralWidget(content_);
     content_->setStartOver([&app] { return !app.damagedKeys().empty(); },
                            [&app, this] { offerKeepCopyAndStartOver(app, this); });
-    installSyncSidebar(
+    SyncSidebar* syncPieces = installSyncSidebar(
         app.sync(), content_,
         [this](const ProjectRecord& record) { content_->openProject(record); }, &app.projectCopy(),
         &app.workspace());
+    if (syncPieces) {
+        connect(syncPieces, &SyncSidebar::syncSettingsRequested, this,
+                [&app, this] { SettingsDialog::present(app, this, SettingsDialog::Page::Sync); });
+    }
 
     WorkspaceStore& workspace = app.workspace();
     QMenu* file = menuBar()->addMenu(QStringLiteral("File"));
@@ -51,6 +56,20 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     connect(quit, &QAction::triggered, qApp, &QApplication::quit, Qt::QueuedConnection);
 
     terminalCommands_ = new TerminalCommands(this, &workspace, app.defaults());
+    for (QAction* menu : menuBar()->actions()) {
+        if (menu->menu() == nullptr || menu->text() != QLatin1String("Edit")) continue;
+        menu->menu()->addSeparator();
+        QAction* settings = menu->menu()->addAction(QStringLiteral("Settings…"));
+        settings->setObjectName("edit.settings");
+        settings->setMenuRole(QAction::PreferencesRole);
+        settings->setShortcut(
+            runningKeyPlatform() == KeyPlatform::MacOS
+                ? QKeySequence(QKeySequence::Preferences)
+                : QKeySequence(QKeyCombination(Qt::ControlModifier, Qt::Key_Comma)));
+        addAction(settings);
+        connect(settings, &QAction::triggered, this,
+                [&app, this] { SettingsDialog::present(app, this, SettingsDialog::Page::Sync); });
+    }
 
     QMenu* terminal = menuBar()->addMenu(QStringLiteral("Terminal"));
     addCommand(terminal, Command::SplitRight, [&workspace] { workspace.split(true); });

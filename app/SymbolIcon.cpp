@@ -31,9 +31,43 @@ void folder(QPainter& p) {
     p.drawPath(path);
 }
 
+// A cloud over the lower part of the canvas, its flat base at y = 12.5.
+void cloud(QPainter& p) {
+    QPainterPath path(QPointF(4, 12.5));
+    path.cubicTo(1.5, 12.5, 0.8, 9, 3.3, 8.2);
+    path.cubicTo(3.3, 5, 7.5, 3.6, 9.2, 6.2);
+    path.cubicTo(11.2, 5, 13.6, 6.4, 13, 8.4);
+    path.cubicTo(15.6, 8.9, 15.2, 12.5, 12.5, 12.5);
+    path.closeSubpath();
+    p.drawPath(path);
+}
+
 // Draws the symbol on a 16 × 16 canvas with the painter's pen.
 void drawSymbol(QPainter& p, const QString& name, const QColor& color) {
-    if (name == "folder") {
+    if (name == "icloud") {
+        cloud(p);
+    } else if (name == "checkmark.icloud") {
+        cloud(p);
+        chevron(p, {6, 9.6}, {7.6, 11}, {10.4, 7.8});
+    } else if (name == "arrow.triangle.2.circlepath.icloud") {
+        cloud(p);
+        // Two arcs chasing each other, with an arrowhead on each.
+        const QRectF ring(5.8, 7.2, 4.4, 4.4);
+        p.drawArc(ring, 30 * 16, 150 * 16);
+        p.drawArc(ring, 210 * 16, 150 * 16);
+        chevron(p, {5.2, 8.4}, {5.8, 9.6}, {7, 9.1});
+        chevron(p, {10.8, 10.4}, {10.2, 9.2}, {9, 9.7});
+    } else if (name == "icloud.slash") {
+        cloud(p);
+        p.drawLine(QPointF(2.5, 3), QPointF(13.5, 14));
+    } else if (name == "folder.badge.questionmark") {
+        folder(p);
+        QPainterPath mark(QPointF(8.6, 8));
+        mark.cubicTo(8.6, 6.4, 11.4, 6.4, 11.4, 8);
+        mark.cubicTo(11.4, 9.2, 10, 9.2, 10, 10.4);
+        p.drawPath(mark);
+        p.drawPoint(QPointF(10, 11.8));
+    } else if (name == "folder") {
         folder(p);
     } else if (name == "folder.badge.plus") {
         folder(p);

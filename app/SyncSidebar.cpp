@@ -2,13 +2,17 @@
 // start of a copy.
 #include "SyncSidebar.h"
 
+#include <QEvent>
 #include <QFileDialog>
 #include <QFrame>
+#include <QGridLayout>
 #include <QHBoxLayout>
+#include <QLabel>
 #include <QMenu>
 #include <QTimer>
 #include <QToolButton>
 
+#include "ContentView.h"
 #include "ProjectCopySheet.h"
 #include "SymbolIcon.h"
 
@@ -125,6 +129,15 @@ SyncSidebar::SyncSidebar(
             panel.setOption(QFileDialog::ShowDirsOnly);
             panel.setLabelText(QFileDialog::Accept, prompt);
             panel.setToolTip(message);
+            // The message is shown in the dialog itself, under its controls; the
+            // desktop's own dialog has no place for it.
+            panel.setOption(QFileDialog::DontUseNativeDialog);
+            if (auto* grid = qobject_cast<QGridLayout*>(panel.layout())) {
+                auto* words = new QLabel(message, &panel);
+                words->setObjectName("sync.chooseFolder.message");
+                words->setWordWrap(true);
+                grid->addWidget(words, grid->rowCount(), 0, 1, grid->columnCount());
+            }
             if (panel.exec() != QDialog::Accepted || panel.selectedFiles().isEmpty())
                 return std::nullopt;
             return panel.selectedFiles().front();
@@ -152,6 +165,10 @@ SyncSidebar::SyncSidebar(
     caption.setPointSizeF(caption.pointSizeF() * 0.85);
     statusText_->setFont(caption);
     statusText_->setForegroundRole(QPalette::PlaceholderText);
+    // The whole status is always readable: it wraps between words rather than
+    // being cut, and the tooltip repeats it.
+    statusText_->setWordWrap(true);
+    statusRow_->installEventFilter(this);
     restore_ = new QPushButton(SyncTexts::restorePrevious(), statusRow_);
     restore_->setObjectName("sync.restorePrevious");
     restore_->setFlat(true);
@@ -195,11 +212,23 @@ SyncSidebar::SyncSidebar(
 void SyncSidebar::updateStatus() {
     if (!sync_) return;
     statusText_->setText(sync_->status().title());
+    statusText_->setToolTip(sync_->status().title());
+    const bool notSetUp = sync_->status().kind == CloudSyncStatus::Kind::LocalOnly;
+    statusRow_->setCursor(notSetUp ? Qt::PointingHandCursor : Qt::ArrowCursor);
     statusIcon_->setPixmap(symbolPixmap(sync_->status().systemImage(), 12));
     restore_->setVisible(sync_->recoveryCount() > 0);
     if (workspace_)
         suspendedCount_->setText(
             SyncTexts::suspendedTerminals(workspace_->suspendedPanes().size()));
+}
+
+bool SyncSidebar::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == statusRow_ && event->type() == QEvent::MouseButtonRelease && sync_ &&
+        sync_->status().kind == CloudSyncStatus::Kind::LocalOnly) {
+        emit syncSettingsRequested();
+        return true;
+    }
+    return QObject::eventFilter(watched, event);
 }
 
 void SyncSidebar::rebuildSection() {
@@ -366,15 +395,12 @@ ProjectCopySource copySourceOf(const SharedProject& project) {
 SyncSidebar* installSyncSidebar(CloudSyncCoordinator& sync, QWidget* window,
                                 std::function<void(const ProjectRecord&)> openProject,
                                 ProjectCopyController* copy, WorkspaceStore* workspace) {
+    auto* content = qobject_cast<ContentView*>(window);
     auto* sidebar = window->findChild<QWidget*>(QStringLiteral("sidebar"));
-    auto* errorRow = window->findChild<QWidget*>(QStringLiteral("sidebar.error"));
-    auto* column = sidebar ? qobject_cast<QVBoxLayout*>(sidebar->layout()) : nullptr;
-    if (!column || !errorRow) return nullptr;
+    if (!content || !sidebar) return nullptr;
     auto* pieces = new SyncSidebar(&sync, sidebar, std::move(openProject), copy, {}, workspace);
     if (copy) new ProjectCopySheet(copy, window);
-    const int at = column->indexOf(errorRow);
-    column->insertWidget(at, pieces->statusRow());
-    column->insertWidget(at, pieces->fromCloudSection());
+    content->setSyncPieces(pieces->fromCloudSection(), pieces->statusRow());
     return pieces;
 }
 

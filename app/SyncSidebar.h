@@ -92,6 +92,13 @@ class SyncSidebar : public QObject {
     // The restore question while it is shown.
     QMessageBox* restoreDialog() const { return restoreDialog_; }
 
+  signals:
+    // The status row was clicked while sync is not set up.
+    void syncSettingsRequested();
+
+  protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
   private:
     void updateStatus();
     void rebuildSection();
@@ -122,8 +129,9 @@ class SyncSidebar : public QObject {
 // What a copy needs of a shared project.
 ProjectCopySource copySourceOf(const SharedProject& project);
 
-// Puts the sync pieces into the sidebar that ContentView built ("sidebar"): the
-// section above the error row, the status row below it; with a copy
+// Puts the sync pieces into the sidebar of `window` (a ContentView): the "From
+// Cloud" section in the list after Scratch, the status row under the list above
+// "Check for Updates…" and "Share idea"; with a copy
 // controller, its sheet over the window while it is presented.
 SyncSidebar* installSyncSidebar(CloudSyncCoordinator& sync, QWidget* window,
                                 std::function<void(const ProjectRecord&)> openProject,

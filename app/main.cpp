@@ -13,6 +13,7 @@
 #include "MainWindow.h"
 #include "ProcessEnvironment.h"
 #include "StoredDataPrompts.h"
+#include "SyncSettings.h"
 
 namespace {
 
@@ -40,6 +41,7 @@ QIcon applicationIcon() {
 
 int main(int argc, char** argv) {
     hl::prepareProcessEnvironment();
+    hl::takeSyncUrlOverrideFromEnvironment();
     std::vector<char*> arguments = hl::withWebEngineOptions(argc, argv);
     int count = static_cast<int>(arguments.size()) - 1;
     QApplication qt(count, arguments.data());

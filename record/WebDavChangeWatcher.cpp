@@ -53,8 +53,10 @@ WebDavChangeWatcher::WebDavChangeWatcher(QUrl url, std::weak_ptr<WebDavKnownTag>
                 // Each request offers the .netrc login once; a refused one fails.
                 if (reply->property("hl.netrcTried").toBool() || !url_.userName().isEmpty()) return;
                 reply->setProperty("hl.netrcTried", true);
-                if (options_.netrcPath.isEmpty()) return;
-                if (auto login = netrcCredentials(options_.netrcPath, url_.host())) {
+                auto login = options_.login;
+                if (!login && !options_.netrcPath.isEmpty())
+                    login = netrcCredentials(options_.netrcPath, url_.host());
+                if (login) {
                     authenticator->setUser(login->first);
                     authenticator->setPassword(login->second);
                 }

@@ -21,6 +21,7 @@
 #include <functional>
 #include <memory>
 #include <mutex>
+#include <optional>
 
 class QNetworkAccessManager;
 class QNetworkReply;
@@ -59,6 +60,8 @@ class WebDavChangeWatcher final : public QObject {
         std::chrono::milliseconds requestTimeout{10'000};
         // The .netrc file for credentials; empty means none.
         QString netrcPath;
+        // A user name and password that take the place of the .netrc login.
+        std::optional<std::pair<QString, QString>> login;
     };
 
     // Starts at once; stops by itself once `known` has gone with its transport.

@@ -150,7 +150,9 @@ WebDavSharedStateTransport::Answer WebDavSharedStateTransport::send(
                      [&](QNetworkReply*, QAuthenticator* authenticator) {
                          if (triedNetrc || !url_.userName().isEmpty()) return;
                          triedNetrc = true;
-                         if (auto login = netrcCredentials(options_.netrcPath, url_.host())) {
+                         auto login = options_.login;
+                         if (!login) login = netrcCredentials(options_.netrcPath, url_.host());
+                         if (login) {
                              authenticator->setUser(login->first);
                              authenticator->setPassword(login->second);
                          }
@@ -205,6 +207,7 @@ void WebDavSharedStateTransport::watchChanges(QObject* context, std::function<vo
     watch.longestInterval = options_.longestChangeInterval;
     watch.requestTimeout = std::min(options_.requestTimeout, std::chrono::milliseconds(10'000));
     watch.netrcPath = options_.netrcPath;
+    watch.login = options_.login;
     watcher_ = new WebDavChangeWatcher(url_, knownTag_, watch, std::move(onChange), context);
 }
 

@@ -8,8 +8,8 @@
 // If-Match (If-None-Match: * for a new record), and a weak tag is read again until
 // it is strong. Nothing is ever written without one of the two guards.
 //
-// Credentials come from the URL, else from ~/.netrc. Calls block on a local event
-// loop of the calling thread.
+// Credentials come from the URL, else from the given login, else from ~/.netrc. Calls block on a
+// local event loop of the calling thread.
 //
 // The change signal is a WebDavChangeWatcher: a HEAD request a few times a second
 // on the watching thread, compared with the tag this transport last read or wrote
@@ -42,6 +42,9 @@ class WebDavSharedStateTransport final : public RecordSharedStateTransport {
         std::chrono::milliseconds strongTagWait{5'000};
         // The .netrc file; empty means ~/.netrc.
         QString netrcPath;
+        // A user name and password (kept by the caller, never in the URL) that
+        // take the place of the .netrc login.
+        std::optional<std::pair<QString, QString>> login;
         // The change watcher's pause between requests while the server answers,
         // and its longest pause after failures.
         std::chrono::milliseconds changeInterval{250};

@@ -53,12 +53,16 @@ std::optional<fs::path> executableDirectory() {
 #endif
 }
 
-// The application's environment with HARBORLATTICE_SOCKET set to the socket path.
+// The application's environment with HARBORLATTICE_SOCKET set to the socket
+// path, without HARBORLATTICE_SYNC_URL: the sync place (which may carry a
+// password) is the application's alone, never the node's or its shells'.
 std::vector<std::string> childEnvironment() {
     const std::string prefix = "HARBORLATTICE_SOCKET=";
+    const std::string syncPrefix = "HARBORLATTICE_SYNC_URL=";
     std::vector<std::string> environment;
     for (char** entry = environ; entry != nullptr && *entry != nullptr; ++entry) {
-        if (std::strncmp(*entry, prefix.c_str(), prefix.size()) != 0)
+        if (std::strncmp(*entry, prefix.c_str(), prefix.size()) != 0 &&
+            std::strncmp(*entry, syncPrefix.c_str(), syncPrefix.size()) != 0)
             environment.emplace_back(*entry);
     }
     environment.push_back(prefix + RuntimePaths::socketPath());

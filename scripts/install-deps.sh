@@ -16,6 +16,7 @@ packages=(
   fonts-noto-color-emoji fonts-dejavu-core
   clang libclang-rt-14-dev
   openssh-server openssh-client rsync libnss-wrapper
+  qtkeychain-qt6-dev gnome-keyring libsecret-tools
 )
 
 missing=()

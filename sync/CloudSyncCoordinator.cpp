@@ -430,20 +430,7 @@ void CloudSyncCoordinator::applyRemote(const SharedSnapshot& snapshot,
 }
 
 void CloudSyncCoordinator::failRefresh(std::exception_ptr error) {
-    CloudSyncStatus status = CloudSyncStatus::of(CloudSyncStatus::Kind::SyncFailed);
-    try {
-        std::rethrow_exception(error);
-    } catch (const SharedStateError& failure) {
-        const bool rejected = failure.kind() != SharedStateError::Kind::CloudConflict &&
-                              failure.kind() != SharedStateError::Kind::NotConfigured;
-        status = rejected ? CloudSyncStatus::of(CloudSyncStatus::Kind::InvalidRemote)
-                          : syncStatusForError(failure);
-    } catch (const SharedSnapshotCodecError&) {
-        status = CloudSyncStatus::of(CloudSyncStatus::Kind::InvalidRemote);
-    } catch (const std::exception& failure) {
-        status = syncStatusForError(failure);
-    } catch (...) {
-    }
+    const CloudSyncStatus status = syncStatusForFailure(error);
     setStatus(status);
     refreshAgain_ = false;  // a failure waits for the next tick, never a loop
     endRefresh();
@@ -451,6 +438,12 @@ void CloudSyncCoordinator::failRefresh(std::exception_ptr error) {
 
 void CloudSyncCoordinator::endRefresh() {
     refreshing_ = false;
+    releaseRetiredTransports();
+    if (nextTransport_) {
+        auto [next, samePlace] = std::move(*nextTransport_);
+        nextTransport_.reset();
+        useTransport(std::move(next), samePlace);
+    }
     if (refreshAgain_ && pending_) scheduleUpload(std::chrono::milliseconds(0));
     refreshAgain_ = false;
     auto waiters = std::move(refreshWaiters_);

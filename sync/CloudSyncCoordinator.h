@@ -75,6 +75,14 @@ class CloudSyncCoordinator : public QObject {
     // Settles with the record; a call while one runs returns at once. `done` runs
     // on the main thread when this call has ended.
     void refresh(std::function<void()> done = {});
+    // Uses `transport` from now on (null: never syncs). The state taken from the
+    // former record is no longer a base: the next refresh reads the new record
+    // and joins it as a computer that comes to it, keeping this computer's state
+    // whole in the recovery list when the record's state replaces it. A change
+    // of place while a refresh runs waits for that refresh to end. `samePlace`
+    // says that the transport reaches the record the accepted state came from
+    // (the same place, now with its password): that state then stays the base.
+    void setTransport(std::shared_ptr<SharedStateTransport> transport, bool samePlace = false);
     // Brings back the latest recovery copy as a new local change.
     bool restoreMostRecentRecovery();
     // Puts back the objects of the copy at `index` of `recoveryCopies()` into the
@@ -108,6 +116,8 @@ class CloudSyncCoordinator : public QObject {
     void recoveryCountChanged();
     // A refresh has ended, however it ended.
     void refreshFinished();
+    // Another transport is in use; its change signal has to be watched.
+    void transportChanged();
 
   private:
     SharedContent localContent();
@@ -134,6 +144,8 @@ class CloudSyncCoordinator : public QObject {
     bool rescueDamagedKey(const char* key);
     void failRefresh(std::exception_ptr error);
     void endRefresh();
+    void useTransport(std::shared_ptr<SharedStateTransport> transport, bool samePlace);
+    void releaseRetiredTransports();
     void updateUnmappedProjects();
     void setStatus(const CloudSyncStatus& status);
     CloudSyncStatus settledStatus() const;
@@ -158,6 +170,11 @@ class CloudSyncCoordinator : public QObject {
 
     std::shared_ptr<Preferences> defaults_;
     std::shared_ptr<SharedStateTransport> transport_;
+    // The transport to change to once the running refresh has ended.
+    std::optional<std::pair<std::shared_ptr<SharedStateTransport>, bool>> nextTransport_;
+    // Transports no longer in use, let go of on the main thread once no worker
+    // holds them (they may own objects of this thread, such as a watcher).
+    std::vector<std::shared_ptr<SharedStateTransport>> retiredTransports_;
     std::optional<DeviceCopyEndpoint> deviceEndpoint_;
     std::function<void(const QUuid&)> publishChangeSignal_;
     std::function<SharedDate()> now_;

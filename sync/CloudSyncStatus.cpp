@@ -3,6 +3,7 @@
 
 #include <cerrno>
 
+#include "SharedSnapshotCodec.h"
 #include "SharedStateTransport.h"
 
 namespace hl {
@@ -15,7 +16,8 @@ QString CloudSyncStatus::title(TextPlatform platform) const {
                                : QStringLiteral("projects need")) +
                    QStringLiteral(" local folder setup");
         case Kind::LocalOnly:
-            return QStringLiteral("Local only · CloudKit entitlement missing");
+            return platformText(platform, "Local only · CloudKit entitlement missing",
+                                "Local only · sync is not set up");
         case Kind::CloudUnavailable:
             return platformText(platform, "iCloud unavailable · working locally",
                                 "Cloud unavailable · working locally");
@@ -29,9 +31,11 @@ QString CloudSyncStatus::title(TextPlatform platform) const {
             return platformText(platform, "iCloud data rejected · local state preserved",
                                 "Cloud data rejected · local state preserved");
         case Kind::CloudSchema:
-            return QStringLiteral("CloudKit schema unavailable · changes saved locally");
+            return platformText(platform, "CloudKit schema unavailable · changes saved locally",
+                                "Sync location not supported · changes saved locally");
         case Kind::CloudSigning:
-            return QStringLiteral("CloudKit signing mismatch · changes saved locally");
+            return platformText(platform, "CloudKit signing mismatch · changes saved locally",
+                                "Sync server certificate not trusted · changes saved locally");
         case Kind::CloudPermission:
             return platformText(platform, "iCloud permission denied · changes saved locally",
                                 "Cloud permission denied · changes saved locally");
@@ -109,6 +113,23 @@ CloudSyncStatus syncStatusForError(const std::exception& error) {
             break;
     }
     return CloudSyncStatus::of(Kind::SyncFailed);
+}
+
+CloudSyncStatus syncStatusForFailure(std::exception_ptr error) {
+    try {
+        std::rethrow_exception(error);
+    } catch (const SharedStateError& failure) {
+        const bool rejected = failure.kind() != SharedStateError::Kind::CloudConflict &&
+                              failure.kind() != SharedStateError::Kind::NotConfigured;
+        return rejected ? CloudSyncStatus::of(CloudSyncStatus::Kind::InvalidRemote)
+                        : syncStatusForError(failure);
+    } catch (const SharedSnapshotCodecError&) {
+        return CloudSyncStatus::of(CloudSyncStatus::Kind::InvalidRemote);
+    } catch (const std::exception& failure) {
+        return syncStatusForError(failure);
+    } catch (...) {
+    }
+    return CloudSyncStatus::of(CloudSyncStatus::Kind::SyncFailed);
 }
 
 }  // namespace hl

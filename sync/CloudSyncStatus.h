@@ -41,5 +41,8 @@ struct CloudSyncStatus {
 // an untrusted certificate CloudSigning, a server that cannot hold the record
 // CloudSchema, anything else SyncFailed.
 CloudSyncStatus syncStatusForError(const std::exception& error);
+// The status any failure of a refresh shows: a record that cannot be read or
+// was rejected is InvalidRemote, the rest as syncStatusForError says.
+CloudSyncStatus syncStatusForFailure(std::exception_ptr error);
 
 }  // namespace hl

@@ -42,9 +42,9 @@ UpdateChannel UpdateChannel::standard() {
     channel.downloadDirectory = cacheHome / "harborlattice" / "Updates";
     std::error_code error;
     const fs::path executable = fs::canonical("/proc/self/exe", error);
-    channel.packageManaged =
-        channel.feedURL.isEmpty() ||
-        (!error && executableIsPackaged(executable, UpdaterConfiguration::packageDatabase));
+    channel.installedByPackage =
+        !error && executableIsPackaged(executable, UpdaterConfiguration::packageDatabase);
+    channel.packageManaged = channel.feedURL.isEmpty() || channel.installedByPackage;
     return channel;
 }
 
@@ -101,10 +101,20 @@ AppcastUpdater::AppcastUpdater(UpdateChannel channel, QObject* parent)
     : QObject(parent), channel_(std::move(channel)) {
     qRegisterMetaType<hl::UpdateCheckResult>();
     network_.setRedirectPolicy(QNetworkRequest::NoLessSafeRedirectPolicy);
+    connect(&schedule_, &QTimer::timeout, this, &AppcastUpdater::checkInBackground);
+    schedule();
+}
+
+void AppcastUpdater::setChannel(UpdateChannel channel) {
+    channel_ = std::move(channel);
+    schedule();
+}
+
+void AppcastUpdater::schedule() {
+    schedule_.stop();
     if (channel_.automaticallyChecks && !channel_.packageManaged &&
         channel_.scheduledCheckInterval.count() > 0) {
         schedule_.setInterval(std::chrono::milliseconds(channel_.scheduledCheckInterval));
-        connect(&schedule_, &QTimer::timeout, this, &AppcastUpdater::checkInBackground);
         schedule_.start();
     }
 }

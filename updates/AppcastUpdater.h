@@ -34,6 +34,9 @@ struct UpdateChannel {
     // True when a package manager updates this build (it installed the
     // executable, or the build has no feed): no check fetches anything then.
     bool packageManaged = false;
+    // True when dpkg installed the running executable: its package manager
+    // updates it whatever feed is set.
+    bool installedByPackage = false;
 
     // The recorded channel: UpdaterConfiguration, this build's version, and
     // $XDG_CACHE_HOME/harborlattice/Updates (default ~/.cache/...).
@@ -76,6 +79,9 @@ class AppcastUpdater : public QObject {
 
     bool canCheckForUpdates() const { return !checking_; }
     const UpdateChannel& channel() const { return channel_; }
+    // Checks `channel` from now on; its scheduled checks start or stop with it.
+    // A check under way keeps the feed it fetched.
+    void setChannel(UpdateChannel channel);
     // A check the user asked for: its result is always reported.
     void checkForUpdates();
     // A scheduled check: reported only when an update is offered.
@@ -87,6 +93,7 @@ class AppcastUpdater : public QObject {
 
   private:
     void begin(bool userInitiated);
+    void schedule();
     void finish(UpdateCheckResult result);
     void fail(const QString& failure);
     QNetworkReply* fetch(const QUrl& url, qint64 limit);

@@ -3,11 +3,14 @@
 // of the sidebar and the project dialogs.
 #include <gtest/gtest.h>
 
+#include <QImage>
+
 #include <set>
 
 #include "CommandKeys.h"
 #include "ContentTexts.h"
 #include "DividerDrag.h"
+#include "SymbolIcon.h"
 
 namespace {
 
@@ -125,3 +128,20 @@ TEST(ContentTextsTest, TheScratchRowCountsItsTabsWithTheRightWord) {
 }
 
 }  // namespace
+
+TEST(SymbolIconTest, EverySyncSymbolIsDrawnAndEachIsItsOwn) {
+    std::set<QByteArray> drawings;
+    for (const char* name : {"icloud", "checkmark.icloud", "arrow.triangle.2.circlepath.icloud",
+                             "icloud.slash", "folder.badge.questionmark"}) {
+        const QImage image = hl::symbolPixmap(name, 16, Qt::black).toImage();
+        int inked = 0;
+        for (int y = 0; y < image.height(); ++y) {
+            for (int x = 0; x < image.width(); ++x)
+                inked += qAlpha(image.pixel(x, y)) > 128 ? 1 : 0;
+        }
+        EXPECT_GT(inked, 20) << name;
+        drawings.insert(
+            QByteArray(reinterpret_cast<const char*>(image.constBits()), image.sizeInBytes()));
+    }
+    EXPECT_EQ(drawings.size(), 5u);
+}

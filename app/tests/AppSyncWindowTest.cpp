@@ -58,6 +58,18 @@ TEST(SyncWindowTest, AProjectFromTheOtherInstanceIsShownAnnouncedOnceAndSetUp) {
     ASSERT_TRUE(
         spinUntil([&] { return (header = find<QLabel>(&b.window, "sync.fromCloud.header")); }));
     EXPECT_EQ(header->text(), "From Cloud");
+    // Scratch, "From Cloud" and the projects in the list; the status row under
+    // the list and above the foot.
+    const auto top = [&](const char* name) {
+        QWidget* widget = find(&b.window, name);
+        return widget ? widget->mapTo(&b.window, QPoint()).y() : -1;
+    };
+    EXPECT_TRUE(find(&b.window, "sidebar.list")->isAncestorOf(find(&b.window, "sync.fromCloud")));
+    EXPECT_LT(top("workspace.scratch"), top("sync.fromCloud"));
+    EXPECT_LT(top("sync.fromCloud"), top("sidebar.addFirstProject"));
+    EXPECT_LT(top("sidebar.list"), top("sync.statusRow"));
+    EXPECT_LT(top("sync.statusRow"), top("updates.check"));
+    EXPECT_LT(top("updates.check"), top("ideas.share"));
     QMessageBox* dialog = nullptr;
     ASSERT_TRUE(
         spinUntil([&] { return (dialog = b.window.findChild<QMessageBox*>("sync.setUp")); }));

@@ -1,4 +1,4 @@
-// Helpers of the update and idea tests: the private session bus, and a real
+// Helpers of the update, idea and settings tests: the private session bus, and a real
 // HTTP server (python3's http.server) serving a folder on loopback.
 #pragma once
 
@@ -12,6 +12,8 @@ namespace hl::updatestest {
 
 // The address of the private session bus; empty when none could be started.
 const std::string& sessionBusAddress();
+// Whether gnome-keyring-daemon serves the Secret Service on that bus.
+bool secretServiceRuns();
 
 // Serves `folder` over HTTP/1.1 on 127.0.0.1 at a port the system chooses.
 class HttpFolderServer {

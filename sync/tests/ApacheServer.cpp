@@ -10,6 +10,7 @@
 #include <unistd.h>
 #include <csignal>
 
+#include <QCryptographicHash>
 #include <QDeadlineTimer>
 #include <QDir>
 #include <QFile>
@@ -41,7 +42,10 @@ void giveToWorkers(const QString& path) {
 
 }  // namespace
 
-ApacheServer::ApacheServer() {
+ApacheServer::ApacheServer() : ApacheServer(QString(), QString()) {}
+
+ApacheServer::ApacheServer(const QString& user, const QString& password)
+    : user_(user), password_(password) {
     QByteArray pattern = QFile::encodeName(QDir::tempPath() + "/hl-apache-XXXXXX");
     if (::mkdtemp(pattern.data()) == nullptr) {
         error_ = "cannot create a temporary folder";
@@ -74,7 +78,8 @@ bool ApacheServer::startOnce(quint16 port) {
     config += QStringLiteral("Listen 127.0.0.1:%1\n").arg(port);
     config += QStringLiteral("PidFile \"%1/httpd.pid\"\nDefaultRuntimeDir \"%1\"\n").arg(root_);
     config += QStringLiteral("ErrorLog \"%1/error.log\"\nLogLevel warn\n").arg(root_);
-    for (const char* module : {"mpm_event", "authz_core", "dav", "dav_fs"}) {
+    for (const char* module : {"mpm_event", "authz_core", "dav", "dav_fs", "auth_basic",
+                               "authn_core", "authn_file", "authz_user"}) {
         config +=
             QStringLiteral("LoadModule %1_module %2/mod_%1.so\n").arg(module, moduleDirectory);
     }
@@ -83,9 +88,26 @@ bool ApacheServer::startOnce(quint16 port) {
         "MinSpareThreads 4\nMaxSpareThreads 32\nTimeout 60\n");
     if (asRoot) config += QStringLiteral("User www-data\nGroup www-data\n");
     config += QStringLiteral("DocumentRoot \"%1/dav\"\nDavLockDB \"%1/lock/DavLock\"\n").arg(root_);
-    config +=
-        QStringLiteral("<Directory \"%1/dav\">\n  Dav On\n  Require all granted\n</Directory>\n")
-            .arg(root_);
+    if (user_.isEmpty()) {
+        config += QStringLiteral(
+                      "<Directory \"%1/dav\">\n  Dav On\n  Require all granted\n</Directory>\n")
+                      .arg(root_);
+    } else {
+        QFile users(root_ + "/users");
+        const QByteArray digest =
+            QCryptographicHash::hash(password_.toUtf8(), QCryptographicHash::Sha1).toBase64();
+        if (!users.open(QIODevice::WriteOnly) ||
+            users.write(user_.toUtf8() + ":{SHA}" + digest + "\n") < 0) {
+            error_ = "cannot write the user file";
+            return false;
+        }
+        users.close();
+        config += QStringLiteral(
+                      "<Directory \"%1/dav\">\n  Dav On\n  AuthType Basic\n"
+                      "  AuthName dav\n  AuthUserFile \"%1/users\"\n"
+                      "  Require valid-user\n</Directory>\n")
+                      .arg(root_);
+    }
     QFile file(root_ + "/httpd.conf");
     if (!file.open(QIODevice::WriteOnly) || file.write(config.toUtf8()) < 0) {
         error_ = "cannot write the configuration";

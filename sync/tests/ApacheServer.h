@@ -16,6 +16,9 @@ class ApacheServer {
     // Starts the server and waits until it accepts connections; on failure
     // `error()` says why and `isRunning()` is false.
     ApacheServer();
+    // The same, where every request must carry this user name and password
+    // (HTTP Basic authentication).
+    ApacheServer(const QString& user, const QString& password);
     ~ApacheServer();
     ApacheServer(const ApacheServer&) = delete;
     ApacheServer& operator=(const ApacheServer&) = delete;
@@ -36,6 +39,8 @@ class ApacheServer {
     void stop();
 
     QString root_;
+    QString user_;
+    QString password_;
     quint16 port_ = 0;
     std::unique_ptr<QProcess> process_;
     bool running_ = false;

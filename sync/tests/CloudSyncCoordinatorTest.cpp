@@ -218,6 +218,48 @@ TEST(FolderRecordTest, AChangeMadeWhileAFetchWaitsMeetsTheNewerRecordAndBothSurv
     EXPECT_EQ(a.sync->sharedContent(), b.sync->sharedContent());
 }
 
+TEST(FolderRecordTest, AChangeOfPlaceWaitsForTheRefreshUnderWayAndJoinsTheNewRecord) {
+    hl::test::TempDir first, second;
+    auto gated =
+        std::make_shared<GatedFolderTransport>(QString::fromStdString(first.path().string()));
+    auto other = std::make_shared<FolderSharedStateTransport>(
+        QString::fromStdString(second.path().string()));
+    Core a(gated), b(other);
+    a.settle();
+    const auto alpha = a.addProject("alpha");
+    ASSERT_TRUE(a.delivered());
+    b.settle();
+    const auto beta = b.addProject("beta");
+    ASSERT_TRUE(b.delivered());
+
+    gated->held = true;
+    gated->entered = false;
+    a.sync->refresh();
+    ASSERT_TRUE(spinUntil([&] { return gated->entered.load(); }));
+    a.sync->setTransport(std::make_shared<FolderSharedStateTransport>(
+        QString::fromStdString(second.path().string())));
+    EXPECT_EQ(&a.sync->transport(), gated.get()) << "the refresh under way keeps its place";
+    gated->held = false;
+    ASSERT_TRUE(spinUntil([&] { return &a.sync->transport() != gated.get(); }));
+    a.settle();
+
+    // A takes the second record as a computer that joins it, keeping its own
+    // state as a copy; the first record is left as it was.
+    EXPECT_EQ(a.sync->status(), CloudSyncStatus::needsFolder(1));
+    ASSERT_EQ(a.sync->unmappedProjects().size(), 1);
+    EXPECT_EQ(a.sync->unmappedProjects()[0].id, beta.id);
+    EXPECT_EQ(a.sync->recoveryCount(), 1);
+    ASSERT_EQ(a.sync->recoveryCopies().size(), 1);
+    EXPECT_TRUE(a.sync->recoveryCopies()[0].whole);
+    EXPECT_EQ(a.sync->recoveryCopies()[0].snapshot.content().projects.value(0).id, alpha.id);
+    EXPECT_EQ(a.sync->accepted()->content(), other->fetch()->content());
+    const auto left =
+        FolderSharedStateTransport(QString::fromStdString(first.path().string())).fetch();
+    ASSERT_TRUE(left);
+    ASSERT_EQ(left->content().projects.size(), 1);
+    EXPECT_EQ(left->content().projects[0].id, alpha.id);
+}
+
 TEST(StoredSyncStateTest, UnreadableSyncKeysAreCopiedOutAndReplacedWhileSyncGoesOn) {
     // Rows this version cannot read: a recovery list with one entry of another
     // shape beside a good one, a device id stored as data, pending and accepted

@@ -330,4 +330,19 @@ TEST(SharedStateTextsTest, PlatformWordsAndStatusesReadAsTheyShould) {
               "0 Cloud projects need local folder setup");
     EXPECT_EQ(Status::of(Status::Kind::Syncing).title(hl::TextPlatform::Linux),
               "Syncing with Cloud…");
+    // The statuses that name the macOS service itself say what they mean on Linux.
+    const std::pair<Status::Kind, std::pair<const char*, const char*>> serviceWords[] = {
+        {Status::Kind::LocalOnly,
+         {"Local only · CloudKit entitlement missing", "Local only · sync is not set up"}},
+        {Status::Kind::CloudSchema,
+         {"CloudKit schema unavailable · changes saved locally",
+          "Sync location not supported · changes saved locally"}},
+        {Status::Kind::CloudSigning,
+         {"CloudKit signing mismatch · changes saved locally",
+          "Sync server certificate not trusted · changes saved locally"}},
+    };
+    for (const auto& [kind, words] : serviceWords) {
+        EXPECT_EQ(Status::of(kind).title(hl::TextPlatform::MacOS), QString::fromUtf8(words.first));
+        EXPECT_EQ(Status::of(kind).title(hl::TextPlatform::Linux), QString::fromUtf8(words.second));
+    }
 }
