@@ -13,7 +13,9 @@
 #include "SettingsDialog.h"
 #include "StoredDataPrompts.h"
 #include "TerminalCommands.h"
+#include "TerminalLook.h"
 #include "WindowGeometry.h"
+#include "XtermWebView.h"
 
 namespace hl {
 
@@ -56,6 +58,11 @@ MainWindow::MainWindow(HarborlatticeApp& app, QWidget* parent) : QMainWindow(par
     connect(quit, &QAction::triggered, qApp, &QApplication::quit, Qt::QueuedConnection);
 
     terminalCommands_ = new TerminalCommands(this, &workspace, app.defaults());
+    // The terminals' settings: a zoom kept from before wins over the chosen size at start.
+    applyTerminalSettings(app.terminalSettings().settings(),
+                          XtermWebView::fontSize() != XtermWebView::defaultFontSize);
+    connect(&app.terminalSettings(), &TerminalSettingsStore::changed, this,
+            [](const TerminalSettings& settings) { applyTerminalSettings(settings, false); });
     for (QAction* menu : menuBar()->actions()) {
         if (menu->menu() == nullptr || menu->text() != QLatin1String("Edit")) continue;
         menu->menu()->addSeparator();

@@ -73,6 +73,8 @@ class DocumentOnlyPage : public QWebEnginePage {
 };
 
 int currentFontSize = XtermWebView::defaultFontSize;
+XtermLook currentLook;
+bool copiesOnSelect = false;
 
 // True when the keyboard is in a field the user types in, outside every terminal.
 bool anotherFieldHasKeyboard() {
@@ -386,6 +388,9 @@ void XtermWebView::send() {
 
 void XtermWebView::documentDidLoad() {
     loaded_ = true;
+    if (currentLook != XtermLook{})
+        view_->page()->runJavaScript(QString::fromStdString("window.harborlattice.setOptions(" +
+                                                            currentLook.script() + ")"));
     keyEventsSent_ = 0;
     for (auto& [pane, terminal] : terminals_)
         terminal.opened = false;
@@ -414,8 +419,12 @@ void XtermWebView::receive(const QString& name, const QJsonValue& message) {
     const QJsonObject object = message.toObject();
     const QUuid pane = QUuid::fromString(object.value("pane").toString());
     if (pane.isNull()) return;
-    if (XtermCoordinator* target = coordinator(pane))
-        target->didReceiveScriptMessage(name, object.value("body"));
+    XtermCoordinator* target = coordinator(pane);
+    if (!target) return;
+    target->didReceiveScriptMessage(name, object.value("body"));
+    if (name == "bell" && currentLook.bell == "sound") QApplication::beep();
+    if (name == "selection" && copiesOnSelect && !target->selectionText().isEmpty())
+        QGuiApplication::clipboard()->setText(target->selectionText(), QClipboard::Clipboard);
 }
 
 bool XtermWebView::copySelection(XtermCoordinator& terminal) {
@@ -533,6 +542,22 @@ void XtermWebView::keyboardDidMove(unsigned move) {
 
 int XtermWebView::fontSize() {
     return currentFontSize;
+}
+
+const XtermLook& XtermWebView::look() {
+    return currentLook;
+}
+
+void XtermWebView::setLookForAll(const XtermLook& look, bool copyOnSelect) {
+    copiesOnSelect = copyOnSelect;
+    if (look == currentLook) return;
+    currentLook = look;
+    const QString script =
+        QString::fromStdString("window.harborlattice.setOptions(" + look.script() + ")");
+    for (QWidget* widget : QApplication::allWidgets()) {
+        auto* view = qobject_cast<XtermWebView*>(widget);
+        if (view && view->loaded_) view->view_->page()->runJavaScript(script);
+    }
 }
 
 void XtermWebView::setFontSizeForAll(int points) {

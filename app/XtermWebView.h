@@ -20,6 +20,7 @@
 
 #include "TerminalDocumentScheme.h"
 #include "XtermCoordinator.h"
+#include "XtermView.h"
 
 class QMenu;
 class QWebEngineProfile;
@@ -67,6 +68,10 @@ class XtermWebView : public QWidget {
     // The font size of every terminal, in points.
     static int fontSize();
     static void setFontSizeForAll(int points);
+    // How every terminal looks and rings, and whether a selection is copied to
+    // the clipboard as it is made; pages opened later take it on as they load.
+    static void setLookForAll(const XtermLook& look, bool copyOnSelect);
+    static const XtermLook& look();
     static constexpr int defaultFontSize = 13;
 
     // Gives the pane's terminal the keyboard ("focus") or takes it ("blur").

@@ -26,9 +26,14 @@ constexpr std::string_view documentStart = R"js((() => {
 window.alert = () => {};
 window.confirm = () => false;
 window.prompt = () => null;
+const defaultFontFamily =
+  "SFMono-Regular, Menlo, 'DejaVu Sans Mono', monospace, 'Noto Color Emoji'";
 const terminalTheme = )js";
 
 constexpr std::string_view documentWide = R"js(;
+// What the user chose for every terminal (setOptions); null options keep the
+// terminals as created.
+const look = { bell: 'visible', blink: true, options: null };
 // A cursor blinks by a class on its terminal's container, set and cleared every
 // half second while that terminal has the keyboard, and shown whole after every
 // redraw. xterm.js's own blink is an animation that redraws the page at the
@@ -53,7 +58,7 @@ constexpr std::string_view terminalCreation = R"js(const terminal = new Terminal
   cursorBlink: true,
   allowProposedApi: false,
   scrollback: 10000,
-  fontFamily: "SFMono-Regular, Menlo, 'DejaVu Sans Mono', monospace, 'Noto Color Emoji'",
+  fontFamily: defaultFontFamily,
   fontSize: 13,
   macOptionIsMeta: )js";
 
@@ -182,7 +187,7 @@ terminal.textarea?.addEventListener('focus', () => {
   // While another window has the keyboard the cursor does not blink, and the
   // page is left alone.
   blinkTimer = setInterval(() => {
-    showCursor(document.hasFocus() &&
+    showCursor(look.blink && document.hasFocus() &&
                Math.floor((performance.now() - cursorShownAt) / 500) % 2 === 1);
   }, 100);
 });
@@ -229,9 +234,11 @@ const bellFlashDuration = 150;
 let bellTimer = 0;
 terminal.onBell(() => {
   if (replayWritesInFlight > 0) return;
-  container.classList.add('bell-flash');
-  clearTimeout(bellTimer);
-  bellTimer = setTimeout(() => container.classList.remove('bell-flash'), bellFlashDuration);
+  if (look.bell === 'visible') {
+    container.classList.add('bell-flash');
+    clearTimeout(bellTimer);
+    bellTimer = setTimeout(() => container.classList.remove('bell-flash'), bellFlashDuration);
+  }
   host.bell.postMessage('');
 });
 // The selection is offered to the host, which holds it as the primary selection.
@@ -464,7 +471,18 @@ function close() {
   resizeObserver.disconnect();
   terminal.dispose();
 }
-return { api, fit, close, terminal };
+// Takes on what the user chose, and redraws the whole screen in it.
+function applyLook() {
+  if (!look.options) return;
+  for (const [name, value] of Object.entries(look.options)) {
+    if (terminal.options[name] !== value) terminal.options[name] = value;
+  }
+  container.style.background = look.options.theme.background;
+  fit();
+  measureAsciiWidths();
+  terminal.refresh(0, terminal.rows - 1);
+}
+return { api, fit, close, terminal, applyLook };
 }
 )js";
 
@@ -580,11 +598,28 @@ window.harborlattice = {
       container.remove();
       throw error;
     }
+    opened.applyLook();
     // An interface the host kept past the close does nothing.
     for (const [name, operation] of Object.entries(opened.api)) {
       opened.api[name] = (...args) => (isOpen() ? operation(...args) : undefined);
     }
     host.ready.postMessage('');
+  },
+  // Every terminal's font, scrollback, cursor, colours and bell, as one object:
+  // { fontFamily, scrollback, cursorStyle, cursorBlink, dark, bell }.
+  setOptions(chosen) {
+    const theme = chosen.dark ? terminalTheme : lightTheme;
+    look.bell = chosen.bell;
+    look.blink = chosen.cursorBlink;
+    look.options = {
+      fontFamily: chosen.fontFamily ? `'${chosen.fontFamily}', ${defaultFontFamily}`
+                                    : defaultFontFamily,
+      scrollback: chosen.scrollback,
+      cursorStyle: chosen.cursorStyle,
+      theme: { ...theme },
+    };
+    document.body.style.background = theme.background;
+    for (const opened of terminals.values()) opened.applyLook?.();
   },
   place(id, rect) {
     const opened = terminals.get(id);
@@ -633,9 +668,42 @@ std::string XtermConfiguration::theme() {
     return text;
 }
 
+std::string XtermConfiguration::lightTheme() {
+    std::string text =
+        "{ background: '#fbfbfc', foreground: '#1f2328', cursor: '#0969da', "
+        "selectionBackground: '#b6d6fb'";
+    for (const auto& colour : lightPalette) {
+        text += ", ";
+        text += colour.name;
+        text += ": '";
+        text += colour.value;
+        text += "'";
+    }
+    text += " }";
+    return text;
+}
+
+std::string XtermLook::script() const {
+    auto quoted = [](const std::string& text) {
+        std::string out = "'";
+        for (const char c : text) {
+            if (c == '\\' || c == '\'') out += '\\';
+            if (static_cast<unsigned char>(c) < 0x20) continue;
+            out += c;
+        }
+        return out + "'";
+    };
+    return "{ fontFamily: " + quoted(fontFamily) + ", scrollback: " + std::to_string(scrollback) +
+           ", cursorStyle: " + quoted(cursorStyle) +
+           ", cursorBlink: " + (cursorBlink ? "true" : "false") +
+           ", dark: " + (dark ? "true" : "false") + ", bell: " + quoted(bell) + " }";
+}
+
 std::string XtermView::documentScript() {
     std::string script(documentStart);
     script += XtermConfiguration::theme();
+    script += ";\nconst lightTheme = ";
+    script += XtermConfiguration::lightTheme();
     script += documentWide;
     script += terminalCreation;
     script += boolean(XtermConfiguration::macOptionIsMeta);

@@ -58,11 +58,47 @@ inline constexpr std::array<AnsiColour, 16> ansiPalette{{
     {"brightWhite", "#ffffff"},
 }};
 
+// The light scheme's sixteen colours, readable on its near-white background.
+inline constexpr std::array<AnsiColour, 16> lightPalette{{
+    {"black", "#24292f"},
+    {"red", "#cf222e"},
+    {"green", "#116329"},
+    {"yellow", "#7d4e00"},
+    {"blue", "#0550ae"},
+    {"magenta", "#8250df"},
+    {"cyan", "#1b7c83"},
+    {"white", "#6e7781"},
+    {"brightBlack", "#57606a"},
+    {"brightRed", "#a40e26"},
+    {"brightGreen", "#1a7f37"},
+    {"brightYellow", "#633c01"},
+    {"brightBlue", "#218bff"},
+    {"brightMagenta", "#a475f9"},
+    {"brightCyan", "#3192aa"},
+    {"brightWhite", "#8c959f"},
+}};
+
 // The theme as a script object literal: background, foreground, cursor and
 // selection first, then the palette in order, every value in single quotes.
 std::string theme();
+// The same for the light scheme.
+std::string lightTheme();
 
 }  // namespace XtermConfiguration
+
+// How every terminal looks and rings, as the document's setOptions takes it.
+struct XtermLook {
+    std::string fontFamily;  // empty: the document's own list
+    int scrollback = 10000;
+    std::string cursorStyle = "block";  // "block", "underline" or "bar"
+    bool cursorBlink = true;
+    bool dark = true;
+    std::string bell = "visible";  // "visible", "sound" or "none"
+    bool operator==(const XtermLook&) const = default;
+
+    // The script object literal for window.harborlattice.setOptions.
+    std::string script() const;
+};
 
 struct XtermView {
     // The whole document for the contents of the six assets, which are put in

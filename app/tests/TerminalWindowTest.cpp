@@ -36,6 +36,7 @@
 #include "RunningApp.h"
 #include "TerminalCommands.h"
 #include "TerminalPaneView.h"
+#include "TerminalSettings.h"
 #include "TerminalWorkspaceView.h"
 #include "XtermWebView.h"
 
@@ -501,6 +502,42 @@ TEST(TerminalWindowTest, TheFooterShowsWhereTheShellIs) {
         << footer->fullText().toStdString();
     EXPECT_TRUE(hl::TerminalPaneView::isInsideFolder("/a/b", "/a/b/"));
     EXPECT_FALSE(hl::TerminalPaneView::isInsideFolder("/a/bc", "/a/b"));
+}
+
+}  // namespace
+
+namespace {
+
+// The terminal settings reach a live terminal's page at once, and a page
+// opened later takes them on as it loads.
+TEST(TerminalWindowTest, TerminalSettingsReachLiveAndLaterPages) {
+    RunningApp run;
+    run.workspace().createScratchTerminal();
+    const Terminal first = run.view(run.selected());
+    ASSERT_TRUE(spinUntil([&] { return first.isReady(); }, 30s));
+    hl::TerminalSettings chosen = run.app->terminalSettings().settings();
+    chosen.fontFamily = "DejaVu Sans Mono";
+    chosen.colorScheme = hl::TerminalSettings::ColorScheme::Light;
+    chosen.scrollbackLines = 500;
+    chosen.cursorShape = hl::TerminalSettings::CursorShape::Bar;
+    run.app->terminalSettings().setSettings(chosen);
+    const auto showsChoice = [](const Terminal& view) {
+        return spinUntil([&] {
+            return evaluate(view, "terminal.options.theme.background") == "#fbfbfc" &&
+                   evaluate(view, "terminal.options.fontFamily").startsWith("'DejaVu Sans Mono'") &&
+                   evaluate(view, "String(terminal.options.scrollback)") == "500" &&
+                   evaluate(view, "terminal.options.cursorStyle") == "bar";
+        });
+    };
+    EXPECT_TRUE(showsChoice(first));
+
+    run.workspace().createScratchTerminal();  // a tab of its own, so a page of its own
+    const Terminal later = run.view(run.selected());
+    ASSERT_TRUE(later);
+    EXPECT_NE(later.view, first.view);
+    ASSERT_TRUE(spinUntil([&] { return later.isReady(); }, 30s));
+    EXPECT_TRUE(showsChoice(later));
+    run.app->terminalSettings().setSettings(hl::TerminalSettings{});
 }
 
 }  // namespace
