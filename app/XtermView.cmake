@@ -1,7 +1,8 @@
 # The terminal renderer: the coordinator's logic (no display) and its Qt
 # WebEngine host.
-add_library(hl_terminal_host STATIC ${CMAKE_CURRENT_LIST_DIR}/XtermCoordinator.cpp)
-target_include_directories(hl_terminal_host PUBLIC ${CMAKE_CURRENT_LIST_DIR})
+add_library(hl_terminal_host STATIC ${CMAKE_CURRENT_LIST_DIR}/terminal/XtermCoordinator.cpp)
+target_include_directories(hl_terminal_host PUBLIC ${CMAKE_CURRENT_LIST_DIR}
+  ${CMAKE_CURRENT_LIST_DIR}/terminal)
 target_link_libraries(hl_terminal_host PUBLIC hl_terminal Qt6::Core Qt6::Gui)
 
 add_executable(terminal_host_tests ${CMAKE_CURRENT_LIST_DIR}/tests/XtermCoordinatorTest.cpp
@@ -10,9 +11,9 @@ target_link_libraries(terminal_host_tests PRIVATE hl_terminal_host GTest::gtest)
 set_target_properties(terminal_host_tests PROPERTIES RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/tests/app)
 gtest_discover_tests(terminal_host_tests DISCOVERY_TIMEOUT 60 PROPERTIES TIMEOUT 120)
 
-add_library(hl_terminal_view STATIC ${CMAKE_CURRENT_LIST_DIR}/XtermWebView.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/PreviousShellMenu.cpp
-  ${CMAKE_CURRENT_LIST_DIR}/TerminalDocumentScheme.cpp)
+add_library(hl_terminal_view STATIC ${CMAKE_CURRENT_LIST_DIR}/terminal/XtermWebView.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/terminal/PreviousShellMenu.cpp
+  ${CMAKE_CURRENT_LIST_DIR}/terminal/TerminalDocumentScheme.cpp)
 target_link_libraries(hl_terminal_view PUBLIC hl_terminal_host hl_terminal_document
   Qt6::Widgets Qt6::WebEngineWidgets Qt6::WebChannel)
 add_dependencies(hl_terminal_view terminal_assets)
