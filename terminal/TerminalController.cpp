@@ -517,7 +517,7 @@ const std::string TerminalController::replacementSeparator =
 // Polls one session until the token is cancelled, the node fails or the shell
 // exits. Holds the controller only weakly: every delivery re-checks it on the
 // main thread.
-void TerminalController::pollLoop(QPointer<TerminalController> controller,
+void TerminalController::pollLoop(const QPointer<TerminalController>& controller,
                                   std::shared_ptr<const NodeClientTransport> client,
                                   std::string sessionID, std::shared_ptr<PollingToken> token,
                                   TerminalControllerHooks settings) {
@@ -591,8 +591,10 @@ void TerminalController::startPolling() {
     try {
         runDetached([self = QPointer<TerminalController>(this), client = client_, id = *sessionID_,
                      token = polling_, settings = hooks_]() mutable {
-            pollLoop(std::move(self), std::move(client), std::move(id), std::move(token),
-                     std::move(settings));
+            pollLoop(self, std::move(client), std::move(id), std::move(token), std::move(settings));
+            // The guard is let go of on the main thread, where the controller dies:
+            // its count is Qt's, which no thread checker here can see through.
+            postToMainThread([self = std::move(self)] {});
         });
     } catch (const std::exception&) {
         // No poll thread: handled like a lost node, which reattaches.

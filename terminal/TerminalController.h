@@ -238,7 +238,7 @@ class TerminalController : public QObject, public TerminalSurfaceDelegate {
     // Adds or updates one previous shell.
     void keepPreviousShell(PreviousShell shell);
     // The poll loop of one session, on a thread of its own.
-    static void pollLoop(QPointer<TerminalController> controller,
+    static void pollLoop(const QPointer<TerminalController>& controller,
                          std::shared_ptr<const NodeClientTransport> client, std::string sessionID,
                          std::shared_ptr<PollingToken> token, TerminalControllerHooks settings);
     static bool replayCwdMatches(const NodeResponse& reply, const std::string& requestedCwd);

@@ -515,6 +515,10 @@ TEST(TerminalWindowTest, TerminalSettingsReachLiveAndLaterPages) {
     run.workspace().createScratchTerminal();
     const Terminal first = run.view(run.selected());
     ASSERT_TRUE(spinUntil([&] { return first.isReady(); }, 30s));
+    // Following a light desktop (the offscreen platform's palette) from the start.
+    EXPECT_TRUE(spinUntil([&] {
+        return evaluate(first, "terminal.options.theme.background") == "#fbfbfc";
+    })) << evaluate(first, "terminal.options.theme.background").toStdString();
     hl::TerminalSettings chosen = run.app->terminalSettings().settings();
     chosen.fontFamily = "DejaVu Sans Mono";
     chosen.colorScheme = hl::TerminalSettings::ColorScheme::Light;
