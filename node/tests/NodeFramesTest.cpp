@@ -192,12 +192,6 @@ TEST(NodeFramesTest, HostileFramesGetOneFailureFrameAndEndOnlyTheirOwnConnection
                     {"data",
                      {{"cwd", node.folder()}, {"exited", false}, {"shell_cwd", node.folder()}}}}));
     EXPECT_NE(tail.find("tail-end"), std::string::npos);
-
-    // An unknown framing is refused and the connection stays plain.
-    EXPECT_EQ(json::parse(rawExchange(node.socketPath(),
-                                      R"({"version":1,"op":"upgrade","data":{"framing":"x"}})")),
-              (json{{"ok", false}, {"error", "unsupported framing (this node speaks frames-1)"}}));
-    EXPECT_TRUE(nodeAnswers(node.socketPath()));
 }
 
 TEST(NodeFramesTest, TheOutputLineCarriesRawBytesAndWaitsForOutputOrItsWait) {
