@@ -112,24 +112,9 @@ QString screen(hl::XtermWebView& view, const QUuid& pane) {
         .toString();
 }
 
-// Two panes side by side in one shown document, each with a controller on a
-// real node.
-struct TwoPanes {
-    TwoPanes() {
-        view.open(leftPane, left);
-        view.open(rightPane, right);
-        view.place(leftPane, QRect(0, 0, 446, 500));
-        view.place(rightPane, QRect(454, 0, 446, 500));
-        view.resize(900, 500);
-        view.show();
-        QApplication::setActiveWindow(&view);
-        EXPECT_TRUE(QTest::qWaitForWindowActive(&view));
-    }
-    // Where the window's keys go.
-    QWidget* keys() {
-        return view.webView()->focusProxy() ? view.webView()->focusProxy() : view.webView();
-    }
-
+// Two panes in one document: each pane's keys reach its own shell and each
+// shell's output its own terminal, at the place its pane gave it.
+TEST(XtermWebViewTest, KeysReachTheirShellAndOutputItsTerminalInADocumentOfTwo) {
     hl::node::testing::NodeHarness node;
     QObject owner;
     hl::TerminalController* left = makeController(node, &owner);
@@ -137,17 +122,15 @@ struct TwoPanes {
     const QUuid leftPane = QUuid::createUuid();
     const QUuid rightPane = QUuid::createUuid();
     hl::XtermWebView view;
-};
-
-// Two panes in one document: each pane's keys reach its own shell and each
-// shell's output its own terminal, at the place its pane gave it.
-TEST(XtermWebViewTest, KeysReachTheirShellAndOutputItsTerminalInADocumentOfTwo) {
-    TwoPanes panes;
-    auto *left = panes.left, *right = panes.right;
-    const QUuid leftPane = panes.leftPane, rightPane = panes.rightPane;
-    auto& view = panes.view;
     std::vector<QUrl> opened;
-    view.coordinator(leftPane)->openExternal = [&](const QUrl& url) { opened.push_back(url); };
+    view.open(leftPane, left)->openExternal = [&](const QUrl& url) { opened.push_back(url); };
+    view.open(rightPane, right);
+    view.place(leftPane, QRect(0, 0, 446, 500));
+    view.place(rightPane, QRect(454, 0, 446, 500));
+    view.resize(900, 500);
+    view.show();
+    QApplication::setActiveWindow(&view);
+    EXPECT_TRUE(QTest::qWaitForWindowActive(&view));
 
     for (const QUuid& pane : {leftPane, rightPane}) {
         ASSERT_TRUE(spinUntil([&] { return view.coordinator(pane)->isReady(); }))
@@ -165,7 +148,7 @@ TEST(XtermWebViewTest, KeysReachTheirShellAndOutputItsTerminalInADocumentOfTwo) 
 
     view.webView()->setFocus();
     right->requestFocus();
-    QWidget* target = panes.keys();
+    QWidget* target = view.webView()->focusProxy() ? view.webView()->focusProxy() : view.webView();
     ASSERT_TRUE(spinUntil(
         [&] {
             return evaluate(view.webView(),
@@ -226,17 +209,28 @@ TEST(XtermWebViewTest, KeysReachTheirShellAndOutputItsTerminalInADocumentOfTwo) 
 // while another pane of the same document receives a flood of output: a
 // switch between panes takes effect between two keys, never inside a word.
 TEST(XtermWebViewTest, KeysFollowThePaneSelectedWhenTheyWerePressedDuringAFlood) {
-    TwoPanes panes;
-    hl::TerminalController* busy = panes.left;
-    hl::TerminalController* quiet = panes.right;
-    auto& view = panes.view;
+    hl::node::testing::NodeHarness node;
+    QObject owner;
+    hl::TerminalController* busy = makeController(node, &owner);
+    hl::TerminalController* quiet = makeController(node, &owner);
+    const QUuid busyPane = QUuid::createUuid();
+    const QUuid quietPane = QUuid::createUuid();
+    hl::XtermWebView view;
+    view.open(busyPane, busy);
+    view.open(quietPane, quiet);
+    view.place(busyPane, QRect(0, 0, 446, 500));
+    view.place(quietPane, QRect(454, 0, 446, 500));
+    view.resize(900, 500);
+    view.show();
+    QApplication::setActiveWindow(&view);
+    EXPECT_TRUE(QTest::qWaitForWindowActive(&view));
     for (auto* controller : {busy, quiet}) {
         ASSERT_TRUE(spinUntil([&] { return !history(*controller).empty(); }))
             << "the shell's prompt";
     }
     view.webView()->setFocus();
     busy->requestFocus();
-    QWidget* target = panes.keys();
+    QWidget* target = view.webView()->focusProxy() ? view.webView()->focusProxy() : view.webView();
     QTest::keyClicks(target, "clear; seq 1 1000000; echo flood-$((40+2))");
     QTest::keyClick(target, Qt::Key_Return);
     ASSERT_TRUE(spinUntil([&] { return busy->rendererHistoryBytes() > 1000000; }))
