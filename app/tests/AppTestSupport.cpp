@@ -15,6 +15,7 @@
 #include <thread>
 
 #include "NodeClient.h"
+#include "TerminalController.h"
 
 namespace hl::apptest {
 
@@ -101,6 +102,17 @@ bool spinUntil(const std::function<bool()>& condition, std::chrono::milliseconds
 
 void spinFor(std::chrono::milliseconds span) {
     spinUntil([] { return false; }, span);
+}
+
+std::string socketPath() {
+    return qEnvironmentVariable("HARBORLATTICE_SOCKET").toStdString();
+}
+
+QByteArray rendererBytes(const TerminalController& controller) {
+    QByteArray bytes;
+    for (const auto& chunk : controller.rendererHistory())
+        bytes += QByteArray::fromBase64(QByteArray::fromStdString(chunk));
+    return bytes;
 }
 
 bool nodeAnswers(const std::string& socketPath) {

@@ -11,6 +11,10 @@
 #include <functional>
 #include <string>
 
+namespace hl {
+class TerminalController;
+}
+
 namespace hl::apptest {
 
 // The process's private folder; every path below lies inside it.
@@ -29,6 +33,10 @@ bool spinUntil(const std::function<bool()>& condition,
                std::chrono::milliseconds timeout = std::chrono::seconds(15));
 void spinFor(std::chrono::milliseconds span);
 
+// The node socket this process's applications use.
+std::string socketPath();
+// Everything the controller has given its renderer, decoded.
+QByteArray rendererBytes(const TerminalController& controller);
 // True when a node answers "health" on that socket.
 bool nodeAnswers(const std::string& socketPath);
 // The session ids the node on that socket holds.

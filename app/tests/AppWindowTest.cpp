@@ -33,7 +33,9 @@ namespace {
 
 using namespace std::chrono_literals;
 using hl::apptest::find;
+using hl::apptest::rendererBytes;
 using hl::apptest::saveScreenshot;
+using hl::apptest::socketPath;
 using hl::apptest::spinFor;
 using hl::apptest::spinUntil;
 
@@ -43,10 +45,6 @@ QString folderFor(const QString& name) {
     const auto path = hl::apptest::baseFolder() / "projects" / name.toStdString();
     std::filesystem::create_directories(path);
     return QString::fromStdString(path.string());
-}
-
-std::string socketPath() {
-    return qEnvironmentVariable("HARBORLATTICE_SOCKET").toStdString();
 }
 
 // The status texts the pane views of the selected tab show.
@@ -67,14 +65,6 @@ void waitForOutput(hl::TerminalTab* tab) {
         return true;
     });
     spinFor(400ms);
-}
-
-// Everything the pane's renderer has been given, decoded.
-QByteArray history(const hl::TerminalPane* pane) {
-    QByteArray bytes;
-    for (const auto& chunk : pane->controller().rendererHistory())
-        bytes += QByteArray::fromBase64(QByteArray::fromStdString(chunk));
-    return bytes;
 }
 
 bool allPanesShow(QWidget* root, const QString& status, int count) {
@@ -291,7 +281,8 @@ TEST(ApplicationWindowTest, AProjectLivesThroughSplitsDialogsAndARestart) {
         auto* marked = workspace.selectedTab()->panes().front();
         waitForOutput(workspace.selectedTab());
         marked->controller().terminalSurfaceDidReceiveInput("echo marker-$((6*7))\n");
-        ASSERT_TRUE(spinUntil([&] { return history(marked).contains("marker-42"); }));
+        ASSERT_TRUE(
+            spinUntil([&] { return rendererBytes(marked->controller()).contains("marker-42"); }));
         markedID = marked->id();
 
         savedLayout = workspace.selectedTab()->layout();
@@ -325,7 +316,8 @@ TEST(ApplicationWindowTest, AProjectLivesThroughSplitsDialogsAndARestart) {
     waitForOutput(workspace.selectedTab());
     const auto* marked = workspace.selectedTab()->pane(markedID);
     ASSERT_NE(marked, nullptr);
-    EXPECT_TRUE(history(marked).contains("marker-42")) << "the history is replayed";
+    EXPECT_TRUE(rendererBytes(marked->controller()).contains("marker-42"))
+        << "the history is replayed";
     saveScreenshot(&run.window, "06-restarted");
     click(waitFor(&run.window, "workspace.scratch"));
     EXPECT_EQ(workspace.activeWorkspaceID(), "scratch");

@@ -20,16 +20,8 @@ using hl::apptest::RunningApp;
 using hl::apptest::spinFor;
 using hl::apptest::spinUntil;
 
-QByteArray history(const hl::TerminalController& controller) {
-    QByteArray bytes;
-    for (const auto& chunk : controller.rendererHistory())
-        bytes += QByteArray::fromBase64(QByteArray::fromStdString(chunk));
-    return bytes;
-}
-
 bool nodeHas(const std::string& session) {
-    const auto alive =
-        hl::apptest::nodeSessions(qEnvironmentVariable("HARBORLATTICE_SOCKET").toStdString());
+    const auto alive = hl::apptest::nodeSessions(hl::apptest::socketPath());
     return std::find(alive.begin(), alive.end(), session) != alive.end();
 }
 
@@ -48,7 +40,8 @@ TEST(PreviousShellWindowTest, AShellThatLeftItsFolderIsOfferedNeverEnded) {
         auto& controller = pane->controller();
         ASSERT_TRUE(spinUntil([&] { return controller.isConnected(); }, 30s));
         controller.terminalSurfaceDidReceiveInput("cd /tmp && echo left-$((40+2))\n");
-        ASSERT_TRUE(spinUntil([&] { return history(controller).contains("left-42"); }, 20s));
+        ASSERT_TRUE(spinUntil(
+            [&] { return hl::apptest::rendererBytes(controller).contains("left-42"); }, 20s));
         left = *controller.sessionID();
     }
 
@@ -78,7 +71,8 @@ TEST(PreviousShellWindowTest, AShellThatLeftItsFolderIsOfferedNeverEnded) {
     reattach->trigger();
     ASSERT_TRUE(spinUntil([&] { return controller.sessionID() == left; }, 20s));
     EXPECT_EQ(controller.status(), "Reconnected");
-    EXPECT_TRUE(history(controller).contains("left-42")) << "its history came back";
+    EXPECT_TRUE(hl::apptest::rendererBytes(controller).contains("left-42"))
+        << "its history came back";
     // The swap ended nothing: the replacement is now the previous shell.
     ASSERT_EQ(controller.previousShells().size(), 1u);
     EXPECT_EQ(controller.previousShells().front().id, replacement);

@@ -126,11 +126,8 @@ TEST(SettingsWindowTest, TheSyncVariableNamesThePlaceButNeverReachesTheNodeOrIts
     ASSERT_TRUE(spinUntil([&] { return mine.status() == "Synced with Cloud"; }))
         << mine.status().toStdString();
     mine.app->workspace().createScratchTerminal();
-    ASSERT_TRUE(spinUntil([&] {
-        return !hl::apptest::nodeSessions(
-                    qEnvironmentVariable("HARBORLATTICE_SOCKET").toStdString())
-                    .empty();
-    }));
+    ASSERT_TRUE(
+        spinUntil([&] { return !hl::apptest::nodeSessions(hl::apptest::socketPath()).empty(); }));
     qunsetenv(hl::syncUrlVariable);
     const auto variables = childEnvironments();
     EXPECT_FALSE(variables.empty());
@@ -236,11 +233,8 @@ TEST(SettingsWindowTest, AWebDavFileSyncsWithThePasswordOnlyInTheSecretService) 
     // A shell runs; neither it nor the node, nor any file of the test's home,
     // the preferences included, holds the password.
     mine.app->workspace().createScratchTerminal();
-    ASSERT_TRUE(spinUntil([&] {
-        return !hl::apptest::nodeSessions(
-                    qEnvironmentVariable("HARBORLATTICE_SOCKET").toStdString())
-                    .empty();
-    }));
+    ASSERT_TRUE(
+        spinUntil([&] { return !hl::apptest::nodeSessions(hl::apptest::socketPath()).empty(); }));
     for (const auto& variable : childEnvironments())
         EXPECT_EQ(variable.find(password.toStdString()), std::string::npos) << variable;
     EXPECT_EQ(filesHolding(hl::apptest::baseFolder(), password.toStdString()),

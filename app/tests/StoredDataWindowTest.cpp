@@ -23,11 +23,8 @@
 namespace {
 
 using namespace std::chrono_literals;
+using hl::apptest::socketPath;
 using hl::apptest::spinUntil;
-
-std::string socketPath() {
-    return qEnvironmentVariable("HARBORLATTICE_SOCKET").toStdString();
-}
 
 std::string fileBytes(const std::filesystem::path& file) {
     std::ifstream in(file, std::ios::binary);

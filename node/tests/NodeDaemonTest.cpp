@@ -13,7 +13,6 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
-#include <regex>
 #include <thread>
 
 #include "NodeHarness.h"
@@ -89,33 +88,15 @@ TEST(NodeDaemonTest, StoppingEndsEveryProcessOfEverySessionAfterTheGrace) {
     NodeHarness node;
     const auto id = node.createSession();
     node.type(id, "(trap '' HUP; exec sleep 1001) & printf 'Q%s\\n' $!\n");
-    const auto out = node.pollUntil(id,
-                                    [](const PollResult& r) {
-                                        return std::regex_search(r.output, std::regex("Q[0-9]+"));
-                                    })
-                         .output;
+    const auto out = node.pollUntilNumberAfter(id, "Q").output;
     const pid_t stubborn = numberAfter(out, "Q");
     ASSERT_GT(stubborn, 0);
     ASSERT_FALSE(processIsGone(stubborn));
 
     ::kill(node.pid(), SIGTERM);
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (!processIsGone(node.pid()) && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(20ms);
+    allGone({node.pid()}, 10s);
     // The node has sent its late SIGKILL before it left.
-    const auto after = std::chrono::steady_clock::now() + 2s;
-    while (!processIsGone(stubborn) && std::chrono::steady_clock::now() < after)
-        std::this_thread::sleep_for(20ms);
-    EXPECT_TRUE(processIsGone(stubborn));
-}
-
-bool allGone(const std::vector<pid_t>& pids, std::chrono::milliseconds timeout) {
-    const auto deadline = std::chrono::steady_clock::now() + timeout;
-    while (std::chrono::steady_clock::now() < deadline) {
-        if (std::all_of(pids.begin(), pids.end(), processIsGone)) return true;
-        std::this_thread::sleep_for(20ms);
-    }
-    return false;
+    EXPECT_TRUE(allGone({stubborn}, 2s));
 }
 
 TEST(NodeDaemonTest, TheNextNodeEndsWhatANodeKilledOutrightLeftRunning) {
@@ -124,11 +105,7 @@ TEST(NodeDaemonTest, TheNextNodeEndsWhatANodeKilledOutrightLeftRunning) {
     node.type(id,
               "trap '' HUP; (trap '' HUP; exec sleep 1001) & printf 'Q%s\\n' $!; "
               "nohup sleep 1002 >/dev/null 2>&1 & printf 'N%s\\n' $!; printf 'S%s\\n' $$\n");
-    const auto out = node.pollUntil(id,
-                                    [](const PollResult& r) {
-                                        return std::regex_search(r.output, std::regex("S[0-9]+"));
-                                    })
-                         .output;
+    const auto out = node.pollUntilNumberAfter(id, "S").output;
     const std::vector<pid_t> session = {numberAfter(out, "S"), numberAfter(out, "Q"),
                                         numberAfter(out, "N")};
     for (pid_t pid : session)

@@ -8,6 +8,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
@@ -137,6 +138,15 @@ pid_t numberAfter(const std::string& output, const std::string& marker) {
     return static_cast<pid_t>(std::stol(match[1]));
 }
 
+bool allGone(const std::vector<pid_t>& pids, std::chrono::milliseconds timeout) {
+    const auto deadline = std::chrono::steady_clock::now() + timeout;
+    while (!std::all_of(pids.begin(), pids.end(), processIsGone)) {
+        if (std::chrono::steady_clock::now() > deadline) return false;
+        std::this_thread::sleep_for(20ms);
+    }
+    return true;
+}
+
 NodeHarness::NodeHarness(const char* executable)
     : folder_(makeTemporaryFolder()), socketPath_(folder_ + "/node.sock") {
     pid_ = startNode(socketPath_, executable);
@@ -196,6 +206,12 @@ PollResult NodeHarness::pollUntilContains(const std::string& sessionId,
                                           const std::string& text) const {
     return pollUntil(sessionId,
                      [&](const PollResult& r) { return r.output.find(text) != std::string::npos; });
+}
+
+PollResult NodeHarness::pollUntilNumberAfter(const std::string& sessionId,
+                                             const std::string& marker) const {
+    return pollUntil(sessionId,
+                     [&](const PollResult& r) { return numberAfter(r.output, marker) >= 0; });
 }
 
 }  // namespace hl::node::testing

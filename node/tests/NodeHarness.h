@@ -8,6 +8,7 @@
 #include <chrono>
 #include <functional>
 #include <string>
+#include <vector>
 
 #include "NodeClient.h"
 
@@ -41,6 +42,8 @@ void stopNode(pid_t pid);
 
 // The first number printed after the marker, as in "P1234"; -1 when none is.
 pid_t numberAfter(const std::string& output, const std::string& marker);
+// Waits up to timeout for every one of the processes to end.
+bool allGone(const std::vector<pid_t>& pids, std::chrono::milliseconds timeout);
 
 struct PollResult {
     std::string output;
@@ -71,6 +74,8 @@ class NodeHarness {
                          std::chrono::milliseconds timeout = 20s) const;
     // Polls until the output contains text.
     PollResult pollUntilContains(const std::string& sessionId, const std::string& text) const;
+    // Polls until the output holds a number after the marker (see numberAfter).
+    PollResult pollUntilNumberAfter(const std::string& sessionId, const std::string& marker) const;
 
   private:
     std::string folder_;

@@ -89,7 +89,6 @@ TEST(RequestTest, AcceptsEveryOperationWithItsMembers) {
              R"({"version":1,"op":"health"})",
              R"({"version":1,"op":"list_sessions","data":{"extra":[1,2]}})",
              R"({"version":1,"op":"replay_session","data":{"session_id":"s","expected_cwd":"/"}})",
-             R"({"version":1,"op":"poll","data":{"session_id":"s"}})",
              R"({"version":1,"op":"upgrade","data":{"framing":"frames-1"}})",
              R"({"version":1,"op":"resize","data":{"session_id":"s","cols":1,"rows":10000}})",
              R"({"op":"close_session","version":1,"data":{"session_id":""}})",

@@ -63,11 +63,7 @@ TEST(NodeSessionTest, EchoesTypedInputAndAppliesTheTerminalSize) {
     rlimit limit{};
     ASSERT_EQ(::getrlimit(RLIMIT_NOFILE, &limit), 0);
     node.type(id, "stty -a; printf 'L%s\\n' $(ulimit -n)\n");
-    const auto modes = node.pollUntil(id,
-                                      [](const PollResult& r) {
-                                          return std::regex_search(r.output, std::regex("L[0-9]+"));
-                                      })
-                           .output;
+    const auto modes = node.pollUntilNumberAfter(id, "L").output;
     EXPECT_TRUE(std::regex_search(modes, std::regex("[^-]iutf8"))) << modes;
     EXPECT_NE(modes.find("erase = ^?"), std::string::npos) << modes;
     for (const std::string mode : {"icanon", "echo", "isig", "icrnl", "onlcr", "iexten"})
@@ -246,11 +242,7 @@ TEST(NodeSessionTest, CloseEndsBackgroundJobsEvenThoseThatIgnoreHangUp) {
     node.type(id, "sleep 1000 & printf 'P%s\\n' $!\n");
     node.type(id, "(trap '' HUP; exec sleep 1001) & printf 'Q%s\\n' $!\n");
     node.type(id, "printf 'S%s\\n' $$\n");
-    const auto out = node.pollUntil(id,
-                                    [](const PollResult& r) {
-                                        return std::regex_search(r.output, std::regex("S[0-9]+"));
-                                    })
-                         .output;
+    const auto out = node.pollUntilNumberAfter(id, "S").output;
     const pid_t job = numberAfter(out, "P"), stubborn = numberAfter(out, "Q"),
                 shell = numberAfter(out, "S");
     ASSERT_GT(job, 0);
@@ -260,14 +252,7 @@ TEST(NodeSessionTest, CloseEndsBackgroundJobsEvenThoseThatIgnoreHangUp) {
     EXPECT_FALSE(processIsGone(stubborn));
 
     EXPECT_TRUE(node.closeSession(id));
-    const auto deadline = std::chrono::steady_clock::now() + 10s;
-    while (std::chrono::steady_clock::now() < deadline &&
-           !(processIsGone(job) && processIsGone(stubborn) && processIsGone(shell))) {
-        std::this_thread::sleep_for(20ms);
-    }
-    EXPECT_TRUE(processIsGone(shell));
-    EXPECT_TRUE(processIsGone(job));
-    EXPECT_TRUE(processIsGone(stubborn));
+    EXPECT_TRUE(allGone({shell, job, stubborn}, 10s));
 }
 
 }  // namespace
