@@ -651,13 +651,12 @@ constexpr std::string_view boolean(bool value) {
     return value ? "true" : "false";
 }
 
-}  // namespace
-
-std::string XtermConfiguration::theme() {
-    std::string text =
-        "{ background: '#10131a', foreground: '#e6edf3', cursor: '#7ee787', "
-        "selectionBackground: '#264f78'";
-    for (const auto& colour : ansiPalette) {
+// A theme's object literal: its first members as written, then the palette.
+std::string themeLiteral(std::string_view head,
+                         const std::array<XtermConfiguration::AnsiColour, 16>& palette) {
+    std::string text = "{ ";
+    text += head;
+    for (const auto& colour : palette) {
         text += ", ";
         text += colour.name;
         text += ": '";
@@ -668,19 +667,20 @@ std::string XtermConfiguration::theme() {
     return text;
 }
 
+}  // namespace
+
+std::string XtermConfiguration::theme() {
+    return themeLiteral(
+        "background: '#10131a', foreground: '#e6edf3', cursor: '#7ee787', "
+        "selectionBackground: '#264f78'",
+        ansiPalette);
+}
+
 std::string XtermConfiguration::lightTheme() {
-    std::string text =
-        "{ background: '#fbfbfc', foreground: '#1f2328', cursor: '#0969da', "
-        "selectionBackground: '#b6d6fb'";
-    for (const auto& colour : lightPalette) {
-        text += ", ";
-        text += colour.name;
-        text += ": '";
-        text += colour.value;
-        text += "'";
-    }
-    text += " }";
-    return text;
+    return themeLiteral(
+        "background: '#fbfbfc', foreground: '#1f2328', cursor: '#0969da', "
+        "selectionBackground: '#b6d6fb'",
+        lightPalette);
 }
 
 std::string XtermLook::script() const {
