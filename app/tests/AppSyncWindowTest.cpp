@@ -11,6 +11,7 @@
 #include "FolderSharedStateTransport.h"
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
+#include "SyncInstance.h"
 #include "SyncSidebar.h"
 
 namespace fs = std::filesystem;
@@ -19,20 +20,7 @@ using hl::apptest::spinUntil;
 
 namespace {
 
-struct Instance {
-    explicit Instance(const std::string& name)
-        : app(std::make_unique<hl::HarborlatticeApp>(hl::apptest::baseFolder() / (name + ".db"))),
-          window(*app) {
-        window.show();
-        app->delegate().scheduleDidFinishLaunching();
-    }
-    QString status() {
-        auto* label = find<QLabel>(&window, "sync.status");
-        return label ? label->text() : QString();
-    }
-    std::unique_ptr<hl::HarborlatticeApp> app;
-    hl::MainWindow window;
-};
+using hl::apptest::Instance;
 
 TEST(SyncWindowTest, AProjectFromTheOtherInstanceIsShownAnnouncedOnceAndSetUp) {
     const fs::path record = hl::apptest::baseFolder() / "record";

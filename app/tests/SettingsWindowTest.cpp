@@ -25,6 +25,7 @@
 #include "HarborlatticeApp.h"
 #include "MainWindow.h"
 #include "SettingsDialog.h"
+#include "SyncInstance.h"
 #include "SyncSettings.h"
 #include "TerminalSettings.h"
 #include "UpdateSettings.h"
@@ -37,17 +38,8 @@ using hl::apptest::spinUntil;
 
 namespace {
 
-struct Instance {
-    explicit Instance(const std::string& name)
-        : app(std::make_unique<hl::HarborlatticeApp>(hl::apptest::baseFolder() / (name + ".db"))),
-          window(*app) {
-        window.show();
-        app->delegate().scheduleDidFinishLaunching();
-    }
-    QString status() {
-        auto* label = find<QLabel>(&window, "sync.status");
-        return label ? label->text() : QString();
-    }
+struct Instance : hl::apptest::Instance {
+    using hl::apptest::Instance::Instance;
     hl::SettingsDialog* openSettings() {
         auto* action = window.findChild<QAction*>("edit.settings");
         if (!action) return nullptr;
@@ -56,8 +48,6 @@ struct Instance {
         spinUntil([&] { return (dialog = window.findChild<hl::SettingsDialog*>("settings")); });
         return dialog;
     }
-    std::unique_ptr<hl::HarborlatticeApp> app;
-    hl::MainWindow window;
 };
 
 void type(QLineEdit* field, const QString& text) {

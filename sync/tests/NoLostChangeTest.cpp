@@ -8,11 +8,9 @@
 
 #include <QDir>
 
-#include "ApacheServer.h"
-#include "FolderSharedStateTransport.h"
+#include "RecordKindTest.h"
 #include "SharedSnapshotCodec.h"
 #include "SyncCoreSupport.h"
-#include "WebDavSharedStateTransport.h"
 
 using namespace hl;
 using hl::test::Core;
@@ -20,21 +18,13 @@ using namespace std::chrono_literals;
 
 namespace {
 
-enum class RecordKind { Folder, WebDav };
+using hl::test::RecordKind;
 
-class NoLostChangeTest : public ::testing::TestWithParam<RecordKind> {
+class NoLostChangeTest : public hl::test::RecordKindTest {
   protected:
-    static void TearDownTestSuite() {
-        delete apache;
-        apache = nullptr;
-    }
     void SetUp() override {
-        if (GetParam() == RecordKind::WebDav) {
-            if (!apache) apache = new hl::test::ApacheServer;
-            ASSERT_TRUE(apache->isRunning()) << apache->error().toStdString();
-            url = apache->url(QStringLiteral("lost-%1.json").arg(++records));
-        }
-        folder = QString::fromStdString((dir / "record").string());
+        chooseRecord("lost", QString::fromStdString((dir / "record").string()));
+        if (HasFatalFailure()) return;
         QDir().mkpath(folder);
         a = std::make_unique<Core>(transport(), clock(clockA));
         b = std::make_unique<Core>(transport(), clock(clockB));
@@ -44,10 +34,6 @@ class NoLostChangeTest : public ::testing::TestWithParam<RecordKind> {
         ASSERT_TRUE(a->delivered());
         b->settle();
         ASSERT_TRUE(b->sync->mapProject(b->sync->unmappedProjects()[0], b->folder("alpha")));
-    }
-    std::shared_ptr<SharedStateTransport> transport() {
-        if (!url.isEmpty()) return std::make_shared<WebDavSharedStateTransport>(url);
-        return std::make_shared<FolderSharedStateTransport>(folder);
     }
     std::function<SharedDate()> clock(double& ms) {
         return [&ms] { return SharedDate(std::chrono::duration<double, std::milli>(ms += 1000)); };
@@ -110,17 +96,11 @@ class NoLostChangeTest : public ::testing::TestWithParam<RecordKind> {
         return {};
     }
 
-    static hl::test::ApacheServer* apache;
-    static int records;
     hl::test::TempDir dir;
-    QString folder;
-    QUrl url;
     double clockA = 1.0e12, clockB = 1.0e12;
     std::unique_ptr<Core> a, b;
     ProjectRecord alpha;
 };
-hl::test::ApacheServer* NoLostChangeTest::apache = nullptr;
-int NoLostChangeTest::records = 0;
 
 TEST_P(NoLostChangeTest, ConcurrentSplitsOfOneTabKeepTheEarlierAsACopyThatRestoresAlone) {
     // A splits right; B, which has not seen it, splits down a moment later.
@@ -204,8 +184,6 @@ TEST_P(NoLostChangeTest, AnUnrelatedChangeThatLandsFirstNeverTakesAProjectAway) 
 
 INSTANTIATE_TEST_SUITE_P(Records, NoLostChangeTest,
                          ::testing::Values(RecordKind::Folder, RecordKind::WebDav),
-                         [](const auto& info) {
-                             return info.param == RecordKind::Folder ? "Folder" : "WebDav";
-                         });
+                         hl::test::RecordKindTest::kindName);
 
 }  // namespace

@@ -6,11 +6,10 @@
 // NoLostChangeTest on the same records.
 #include <gtest/gtest.h>
 
-#include "ApacheServer.h"
 #include "FolderSharedStateTransport.h"
 #include "NodeHarness.h"
+#include "RecordKindTest.h"
 #include "SyncCoreSupport.h"
-#include "WebDavSharedStateTransport.h"
 
 using namespace hl;
 using hl::test::Core;
@@ -21,29 +20,17 @@ using namespace std::chrono_literals;
 
 namespace {
 
-enum class RecordKind { Folder, WebDav };
+using hl::test::RecordKind;
 
-class SharedRecordTest : public ::testing::TestWithParam<RecordKind> {
+class SharedRecordTest : public hl::test::RecordKindTest {
   protected:
-    static void TearDownTestSuite() {
-        delete apache;
-        apache = nullptr;
-    }
     void SetUp() override {
-        if (GetParam() == RecordKind::WebDav) {
-            if (!apache) apache = new hl::test::ApacheServer;
-            ASSERT_TRUE(apache->isRunning()) << apache->error().toStdString();
-            url = apache->url(QStringLiteral("cores-%1.json").arg(++records));
-        }
+        chooseRecord("cores", QString::fromStdString(dir.path().string()));
+        if (HasFatalFailure()) return;
         const int count = 3;
         aheadBy.assign(count, 0);
         for (int i = 0; i < count; ++i)
             cores.push_back(std::make_unique<Core>(transport(), clock(i)));
-    }
-    std::shared_ptr<SharedStateTransport> transport() {
-        if (!url.isEmpty()) return std::make_shared<WebDavSharedStateTransport>(url);
-        return std::make_shared<FolderSharedStateTransport>(
-            QString::fromStdString(dir.path().string()));
     }
     // One time for all, each core's clock ahead of it by its own amount.
     std::function<SharedDate()> clock(int i) {
@@ -72,16 +59,11 @@ class SharedRecordTest : public ::testing::TestWithParam<RecordKind> {
         core.store->renameProject(id, name);
     }
 
-    static hl::test::ApacheServer* apache;
-    static int records;
     hl::test::TempDir dir;
-    QUrl url;
     double time = 1.0e12;
     std::vector<double> aheadBy;
     std::vector<std::unique_ptr<Core>> cores;
 };
-hl::test::ApacheServer* SharedRecordTest::apache = nullptr;
-int SharedRecordTest::records = 0;
 
 TEST_P(SharedRecordTest, EveryCoresChangesReachTheOthersAndTheLatestOfConcurrentOnesWins) {
     const auto count = cores.size();
@@ -146,9 +128,7 @@ TEST_P(SharedRecordTest, EveryCoresChangesReachTheOthersAndTheLatestOfConcurrent
 
 INSTANTIATE_TEST_SUITE_P(Cores, SharedRecordTest,
                          ::testing::Values(RecordKind::Folder, RecordKind::WebDav),
-                         [](const auto& info) {
-                             return info.param == RecordKind::Folder ? "Folder" : "WebDav";
-                         });
+                         hl::test::RecordKindTest::kindName);
 
 bool shows(const TerminalPane* pane, const std::string& text) {
     return spinUntil([&] { return history(pane->controller()).find(text) != std::string::npos; },
