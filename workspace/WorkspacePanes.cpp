@@ -78,8 +78,9 @@ std::unique_ptr<TerminalPane> WorkspaceStore::makePane(
     connect(&pane->controller(), &TerminalController::bellRang, this, [this, id] { bellRang(id); });
     connect(&pane->controller(), &TerminalController::previousShellsChanged, this,
             [this, weakPane] {
+                // Mid-operation (a pane closing) the operation's own save follows.
                 if (weakPane && weakPane->followPreviousShells(QDateTime::currentDateTimeUtc()) &&
-                    !weakPane->isRetired())
+                    !weakPane->isRetired() && operationDepth_ == 0)
                     persist();
             });
     pane->controller().onCloseRequired = [store](const std::string& session) {
